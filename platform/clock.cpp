@@ -1,0 +1,26 @@
+#include "platform/clock.h"
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+namespace qm5 {
+namespace {
+
+class SystemClock final : public Clock {
+ public:
+  void sleep(double seconds) override {
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+  }
+};
+
+SystemClock system_clock;
+std::atomic<Clock*> current = &system_clock;
+
+}  // namespace
+
+Clock& processClock() { return *current; }
+
+void setProcessClock(Clock* clock) { current = clock != nullptr ? clock : &system_clock; }
+
+}  // namespace qm5
