@@ -41,8 +41,8 @@ struct IOUSBDevRequest {
   std::uint8_t bRequest;
   std::uint16_t wValue;
   std::uint16_t wIndex;
-  std::uint16_t wLength;  ///< bytes that pData points to
-  std::uint8_t* pData;    ///< sent, or filled with what the device sent
+  std::uint16_t wLength;   ///< bytes that pData points to
+  std::uint8_t* pData;     ///< sent, or filled with what the device sent
   std::uint32_t wLenDone;  ///< out: bytes moved, set when the request succeeded
 };
 

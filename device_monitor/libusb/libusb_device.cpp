@@ -1,0 +1,114 @@
+#include "device_monitor/libusb/libusb_device.h"
+
+#include <algorithm>
+#include <array>
+#include <fstream>
+#include <string>
+
+#include "device_monitor/usb_device_monitor.h"
+
+namespace qm5 {
+namespace {
+
+static_assert(kIOReturnExclusiveAccess == LIBUSB_ERROR_BUSY);
+
+#ifdef __linux__
+// The kernel's name of a device: bus, then the ports on the way to it, as in "1-4.2".
+std::string kernelName(libusb_device* device) {
+  std::array<std::uint8_t, 7> ports{};  // USB allows no deeper tree
+  const int depth = libusb_get_port_numbers(device, ports.data(), static_cast<int>(ports.size()));
+  std::string name = std::to_string(libusb_get_bus_number(device));
+  for (int i = 0; i < depth; ++i) {
+    name += i == 0 ? '-' : '.';
+    name += std::to_string(ports[static_cast<std::size_t>(i)]);
+  }
+  return name;
+}
+
+bool readProduct(libusb_device* device, std::string& product) {
+  std::ifstream file("/sys/bus/usb/devices/" + kernelName(device) + "/product");
+  return static_cast<bool>(std::getline(file, product));
+}
+#else
+// Other systems give no cached string through libusb, and discovery sends nothing.
+bool readProduct(libusb_device*, std::string&) {
+  return false;
+}
+#endif
+
+}  // namespace
+
+LibusbDevice::LibusbDevice(libusb_device* device, std::uint64_t id)
+    : id_(id), key_(device), reference_(libusb_ref_device(device), libusb_unref_device) {
+  // The descriptor is cached by libusb; since 1.0.16 this can't fail.
+  libusb_get_device_descriptor(device, &descriptor_);
+}
+
+bool LibusbDevice::matches(const MatchingDictionary& matching) const {
+  return matching.numbers.at("idVendor") == descriptor_.idVendor &&
+         matching.numbers.at("idProduct") == descriptor_.idProduct;
+}
+
+IOReturn LibusbDevice::name(io_name_t& name) const {
+  std::shared_ptr<libusb_device> reference;
+  {
+    const std::lock_guard lock(mutex_);
+    reference = reference_;
+  }
+  if (!reference) return LIBUSB_ERROR_NO_DEVICE;
+  std::string product;
+  if (!readProduct(reference.get(), product)) return LIBUSB_ERROR_NOT_FOUND;
+  const std::size_t length = std::min(product.size(), name.size() - 1);
+  std::copy_n(product.begin(), length, name.begin());
+  return kIOReturnSuccess;
+}
+
+void LibusbDevice::leave() {
+  const std::lock_guard lock(mutex_);
+  handle_.reset();
+  reference_.reset();
+}
+
+IOReturn LibusbDevice::QueryInterface(const UUIDBytes& identifier, IOUSBDeviceStruct942**& device) {
+  if (identifier != kIOUSBDeviceInterfaceID) return LIBUSB_ERROR_NOT_SUPPORTED;
+  device = &device_;
+  return kIOReturnSuccess;
+}
+
+IOReturn LibusbDevice::USBDeviceOpen() {
+  const std::lock_guard lock(mutex_);
+  if (!reference_) return LIBUSB_ERROR_NO_DEVICE;
+  libusb_device_handle* handle = nullptr;
+  const int result = libusb_open(reference_.get(), &handle);
+  if (result != LIBUSB_SUCCESS) return result;
+  handle_.reset(handle, libusb_close);
+  return kIOReturnSuccess;
+}
+
+IOReturn LibusbDevice::GetDeviceVendor(std::uint16_t& vendor) {
+  vendor = descriptor_.idVendor;
+  return kIOReturnSuccess;
+}
+
+IOReturn LibusbDevice::GetDeviceProduct(std::uint16_t& product) {
+  product = descriptor_.idProduct;
+  return kIOReturnSuccess;
+}
+
+IOReturn LibusbDevice::DeviceRequest(IOUSBDevRequest& request) {
+  std::shared_ptr<libusb_device_handle> handle;
+  {
+    const std::lock_guard lock(mutex_);
+    handle = handle_;
+  }
+  if (!handle) return LIBUSB_ERROR_NO_DEVICE;
+  constexpr unsigned kNoTimeout = 0;
+  const int moved =
+      libusb_control_transfer(handle.get(), request.bmRequestType, request.bRequest, request.wValue,
+                              request.wIndex, request.pData, request.wLength, kNoTimeout);
+  if (moved < 0) return moved;
+  request.wLenDone = static_cast<std::uint32_t>(moved);
+  return kIOReturnSuccess;
+}
+
+}  // namespace qm5

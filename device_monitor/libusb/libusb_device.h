@@ -1,0 +1,50 @@
+// One device on libusb: its plug-in interface and its device interface in one.
+#pragma once
+
+#include <libusb.h>
+
+#include <memory>
+#include <mutex>
+
+#include "device_monitor/usb_registry.h"
+
+namespace qm5 {
+
+class LibusbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInInterfaceStruct {
+ public:
+  /// Takes a reference to `device`. Sends nothing. Any thread, hot-plug callbacks included.
+  LibusbDevice(libusb_device* device, std::uint64_t id);
+  LibusbDevice(const LibusbDevice&) = delete;
+  LibusbDevice& operator=(const LibusbDevice&) = delete;
+
+  std::uint64_t id() const { return id_; }
+  bool refersTo(const libusb_device* device) const { return device == key_; }
+  bool matches(const MatchingDictionary& matching) const;
+  /// The product string that the operating system read when the device arrived.
+  IOReturn name(io_name_t& name) const;
+  IOCFPlugInInterfaceStruct** plugInInterface() { return &plug_in_; }
+
+  /// The device has left: closes the operating system's handle as soon as no request uses
+  /// it, and has every further request answered with LIBUSB_ERROR_NO_DEVICE. Any thread.
+  void leave();
+
+  IOReturn QueryInterface(const UUIDBytes& identifier, IOUSBDeviceStruct942**& device) override;
+  IOReturn USBDeviceOpen() override;
+  IOReturn GetDeviceVendor(std::uint16_t& vendor) override;
+  IOReturn GetDeviceProduct(std::uint16_t& product) override;
+  IOReturn DeviceRequest(IOUSBDevRequest& request) override;
+
+ private:
+  const std::uint64_t id_;
+  const libusb_device* const key_;  // compared only
+  libusb_device_descriptor descriptor_{};
+  // Interfaces are handed out as pointers to pointers; these are what they point to.
+  IOUSBDeviceStruct942* device_ = this;
+  IOCFPlugInInterfaceStruct* plug_in_ = this;
+
+  mutable std::mutex mutex_;
+  std::shared_ptr<libusb_device> reference_;      // empty once the device has left
+  std::shared_ptr<libusb_device_handle> handle_;  // empty unless open; requests share it
+};
+
+}  // namespace qm5

@@ -1,0 +1,154 @@
+#include "device_monitor/libusb/libusb_registry.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "device_monitor/usb_device_monitor.h"
+#include "platform/fatal.h"
+
+namespace qm5 {
+
+io_port_t LibusbRegistry::notificationPortCreate() {
+  if (!connect()) return 0;
+  const std::lock_guard lock(mutex_);
+  ports_[++last_handle_] = nullptr;
+  return last_handle_;
+}
+
+void LibusbRegistry::notificationPortSetDispatchQueue(io_port_t port,
+                                                      std::shared_ptr<DispatchQueue> queue) {
+  const std::lock_guard lock(mutex_);
+  ports_.at(port) = std::move(queue);
+}
+
+std::unique_ptr<MatchingDictionary> LibusbRegistry::serviceMatching(const std::string& class_name) {
+  if (class_name != "IOUSBDevice") return nullptr;  // the bus has nothing else
+  return std::make_unique<MatchingDictionary>(MatchingDictionary{class_name, {}});
+}
+
+IOReturn LibusbRegistry::serviceAddMatchingNotification(io_port_t port, IONotificationType type,
+                                                        const MatchingDictionary& matching,
+                                                        MatchingCallback callback,
+                                                        io_iterator_t& iterator) {
+  const std::lock_guard lock(mutex_);
+  iterator = ++last_handle_;
+  Watch& watch = watches_[iterator];
+  watch = {type, matching, std::move(callback), ports_.at(port), {}, false};
+  if (type == IONotificationType::firstMatch) {
+    for (const auto& device : present_) offer(iterator, watch, device);
+  }
+  return kIOReturnSuccess;
+}
+
+io_service_t LibusbRegistry::iteratorNext(io_iterator_t iterator) {
+  const std::lock_guard lock(mutex_);
+  Watch& watch = watches_.at(iterator);
+  if (watch.pending.empty()) {
+    watch.armed = true;
+    return 0;
+  }
+  services_[++last_handle_] = std::move(watch.pending.front());
+  watch.pending.pop_front();
+  return last_handle_;
+}
+
+IOReturn LibusbRegistry::registryEntryGetRegistryEntryID(io_service_t service, std::uint64_t& id) {
+  id = find(service)->id();
+  return kIOReturnSuccess;
+}
+
+IOReturn LibusbRegistry::registryEntryGetName(io_service_t service, io_name_t& name) {
+  return find(service)->name(name);
+}
+
+IOReturn LibusbRegistry::createPlugInInterfaceForService(io_service_t service,
+                                                         const UUIDBytes& plug_in_type,
+                                                         const UUIDBytes& interface_type,
+                                                         IOCFPlugInInterfaceStruct**& plug_in) {
+  if (plug_in_type != kIOUSBDeviceUserClientTypeID || interface_type != kIOCFPlugInInterfaceID)
+    return LIBUSB_ERROR_NOT_SUPPORTED;
+  const std::shared_ptr<LibusbDevice> device = find(service);
+  plug_in = device->plugInInterface();
+  const std::lock_guard lock(mutex_);
+  handed_out_.push_back(device);
+  return kIOReturnSuccess;
+}
+
+IOReturn LibusbRegistry::objectRelease(io_service_t service) {
+  const std::lock_guard lock(mutex_);
+  return services_.erase(service) == 1 ? kIOReturnSuccess : LIBUSB_ERROR_NOT_FOUND;
+}
+
+void LibusbRegistry::runLoop() {
+  // An event that could not be handled is no reason to stop listening for the next one.
+  while (true) libusb_handle_events(context_);
+}
+
+// Without a hot-plug callback there is nothing to follow, so that counts as unreachable.
+bool LibusbRegistry::connect() {
+  if (context_ != nullptr) return true;
+  libusb_context* context = nullptr;
+  if (libusb_init(&context) != LIBUSB_SUCCESS) return false;
+  if (libusb_hotplug_register_callback(
+          context, LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED | LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT,
+          LIBUSB_HOTPLUG_ENUMERATE, LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY,
+          LIBUSB_HOTPLUG_MATCH_ANY, hotplug, this, nullptr) != LIBUSB_SUCCESS)
+    return false;
+  context_ = context;
+  return true;
+}
+
+int LIBUSB_CALL LibusbRegistry::hotplug(libusb_context*, libusb_device* device,
+                                        libusb_hotplug_event event, void* self) {
+  auto& registry = *static_cast<LibusbRegistry*>(self);
+  const std::lock_guard lock(registry.mutex_);
+  if (event == LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED) {
+    registry.arrived(device);
+  } else {
+    registry.left(device);
+  }
+  constexpr int kStayRegistered = 0;
+  return kStayRegistered;
+}
+
+// Called with the mutex held, as are the two below.
+void LibusbRegistry::arrived(libusb_device* device) {
+  const auto is_known = [device](const auto& known) { return known->refersTo(device); };
+  if (std::any_of(present_.begin(), present_.end(), is_known)) return;
+  present_.push_back(std::make_shared<LibusbDevice>(device, ++last_entry_id_));
+  for (auto& [iterator, watch] : watches_) {
+    if (watch.type == IONotificationType::firstMatch) offer(iterator, watch, present_.back());
+  }
+}
+
+void LibusbRegistry::left(libusb_device* device) {
+  const auto known =
+      std::find_if(present_.begin(), present_.end(),
+                   [device](const auto& candidate) { return candidate->refersTo(device); });
+  if (known == present_.end()) return;
+  const std::shared_ptr<LibusbDevice> gone = *known;
+  present_.erase(known);
+  for (auto& [iterator, watch] : watches_) {
+    if (watch.type != IONotificationType::terminate || !gone->matches(watch.matching)) continue;
+    watch.queue->async([gone] { gone->leave(); });
+    offer(iterator, watch, gone);
+  }
+}
+
+void LibusbRegistry::offer(io_iterator_t iterator, Watch& watch,
+                           const std::shared_ptr<LibusbDevice>& device) {
+  if (!device->matches(watch.matching)) return;
+  watch.pending.push_back(device);
+  if (!watch.armed) return;
+  watch.armed = false;
+  watch.queue->async([callback = watch.callback, iterator] { callback(iterator); });
+}
+
+std::shared_ptr<LibusbDevice> LibusbRegistry::find(io_service_t service) {
+  const std::lock_guard lock(mutex_);
+  const auto found = services_.find(service);
+  if (found == services_.end()) fatal("a service that was released already");
+  return found->second;
+}
+
+}  // namespace qm5

@@ -1,0 +1,74 @@
+// The USB registry on libusb-1.0.
+//
+// libusb runs hot-plug callbacks on whatever thread handles events, a thread in the
+// middle of a transfer included. So a callback here only notes what it was told and
+// queues; opening, closing and announcing happen on the watch's queue.
+#pragma once
+
+#include <libusb.h>
+
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "device_monitor/libusb/libusb_device.h"
+#include "device_monitor/usb_registry.h"
+
+namespace qm5 {
+
+/// Lives for the rest of the process, as do the threads that serve it.
+class LibusbRegistry final : public USBRegistry {
+ public:
+  io_port_t notificationPortCreate() override;
+  void notificationPortSetDispatchQueue(io_port_t port,
+                                        std::shared_ptr<DispatchQueue> queue) override;
+  std::unique_ptr<MatchingDictionary> serviceMatching(const std::string& class_name) override;
+  IOReturn serviceAddMatchingNotification(io_port_t port, IONotificationType type,
+                                          const MatchingDictionary& matching,
+                                          MatchingCallback callback,
+                                          io_iterator_t& iterator) override;
+  io_service_t iteratorNext(io_iterator_t iterator) override;
+  IOReturn registryEntryGetRegistryEntryID(io_service_t service, std::uint64_t& id) override;
+  IOReturn registryEntryGetName(io_service_t service, io_name_t& name) override;
+  IOReturn createPlugInInterfaceForService(io_service_t service, const UUIDBytes& plug_in_type,
+                                           const UUIDBytes& interface_type,
+                                           IOCFPlugInInterfaceStruct**& plug_in) override;
+  IOReturn objectRelease(io_service_t service) override;
+  void runLoop() override;
+
+ private:
+  struct Watch {
+    IONotificationType type;
+    MatchingDictionary matching;
+    MatchingCallback callback;
+    std::shared_ptr<DispatchQueue> queue;
+    std::deque<std::shared_ptr<LibusbDevice>> pending;  // what its iterator will yield
+    bool armed = false;                                 // drained since it last called back
+  };
+
+  bool connect();
+  static int LIBUSB_CALL hotplug(libusb_context* context, libusb_device* device,
+                                 libusb_hotplug_event event, void* self);
+  void arrived(libusb_device* device);
+  void left(libusb_device* device);
+  void offer(io_iterator_t iterator, Watch& watch, const std::shared_ptr<LibusbDevice>& device);
+  std::shared_ptr<LibusbDevice> find(io_service_t service);
+
+  libusb_context* context_ = nullptr;  // used by the thread that arms the watches, then serves
+
+  std::mutex mutex_;  // guards all that follows
+  std::uint64_t last_entry_id_ = 0;
+  std::uint32_t last_handle_ = 0;
+  // The bus as libusb last told it, in order of arrival. libusb may tell an arrival twice,
+  // once from its list of devices and once as an event: the second finds the device here.
+  std::vector<std::shared_ptr<LibusbDevice>> present_;
+  std::map<io_port_t, std::shared_ptr<DispatchQueue>> ports_;
+  std::map<io_iterator_t, Watch> watches_;
+  std::map<io_service_t, std::shared_ptr<LibusbDevice>> services_;
+  // Interfaces are never released by those who hold them, so their objects stay.
+  std::vector<std::shared_ptr<LibusbDevice>> handed_out_;
+};
+
+}  // namespace qm5

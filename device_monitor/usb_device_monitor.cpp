@@ -1,0 +1,132 @@
+#include "device_monitor/usb_device_monitor.h"
+
+#include <algorithm>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "platform/console.h"
+#include "platform/fatal.h"
+#include "platform/notification_center.h"
+
+namespace qm5 {
+namespace {
+
+std::uint64_t entryId(io_service_t service) {
+  std::uint64_t id = 0;
+  if (usbRegistry().registryEntryGetRegistryEntryID(service, id) != kIOReturnSuccess)
+    print("Error getting device id");
+  return id;
+}
+
+std::string entryName(io_service_t service) {
+  io_name_t name{};
+  if (usbRegistry().registryEntryGetName(service, name) != kIOReturnSuccess)
+    print("Error getting device name");
+  return {name.begin(), std::find(name.begin(), name.end(), '\0')};
+}
+
+// The service is released whatever comes of it; the plug-in interface stays valid.
+IOReturn createPlugIn(io_service_t service, IOCFPlugInInterfaceStruct**& plug_in) {
+  USBRegistry& registry = usbRegistry();
+  const IOReturn result = registry.createPlugInInterfaceForService(
+      service, kIOUSBDeviceUserClientTypeID, kIOCFPlugInInterfaceID, plug_in);
+  registry.objectRelease(service);
+  return result;
+}
+
+bool open(IOUSBDeviceStruct942& device) {
+  const IOReturn result = device.USBDeviceOpen();
+  // A device that someone else holds is announced all the same, unopened by this process.
+  if (result == kIOReturnSuccess || result == kIOReturnExclusiveAccess) return true;
+  print("Could not open device (error: " + std::to_string(result) + ")");
+  return false;
+}
+
+// The record of an arrived device, opened; empty when a step fails. The interfaces of a
+// device that is skipped are left as they are.
+std::optional<USBDevice> take(io_service_t service) {
+  USBDevice device;
+  device.id = entryId(service);
+  device.name = entryName(service);
+
+  auto**& plug_in = device.plugInInterfacePtrPtr;
+  if (createPlugIn(service, plug_in) != kIOReturnSuccess) return std::nullopt;
+  if (plug_in == nullptr || *plug_in == nullptr) {
+    print("Unable to get Plug-In Interface");
+    return std::nullopt;
+  }
+
+  auto**& interface = device.deviceInterfacePtrPtr;
+  if ((*plug_in)->QueryInterface(kIOUSBDeviceInterfaceID, interface) != kIOReturnSuccess)
+    return std::nullopt;
+  if (interface == nullptr || *interface == nullptr) {
+    print("Unable to get Device Interface");
+    return std::nullopt;
+  }
+
+  if (!open(**interface)) return std::nullopt;
+  if ((*interface)->GetDeviceVendor(device.vendorId) != kIOReturnSuccess) return std::nullopt;
+  if ((*interface)->GetDeviceProduct(device.productId) != kIOReturnSuccess) return std::nullopt;
+  return device;
+}
+
+}  // namespace
+
+USBDeviceMonitor::USBDeviceMonitor(std::vector<USBMonitorData> entries) : vp(std::move(entries)) {}
+
+void USBDeviceMonitor::start() {
+  for (const USBMonitorData& entry : vp) watch(entry);
+  usbRegistry().runLoop();
+}
+
+void USBDeviceMonitor::watch(const USBMonitorData& entry) {
+  USBRegistry& registry = usbRegistry();
+  const io_port_t port = registry.notificationPortCreate();
+  if (port == 0) fatal("no notification port");
+  registry.notificationPortSetDispatchQueue(
+      port, std::make_shared<DispatchQueue>("IODetector", DispatchQueue::Attribute::serial));
+
+  const std::unique_ptr<MatchingDictionary> matching = registry.serviceMatching("IOUSBDevice");
+  if (!matching) fatal("no matching dictionary");
+  matching->numbers["idVendor"] = entry.vendorId;
+  matching->numbers["idProduct"] = entry.productId;
+
+  // A watch that can't be registered has an iterator that yields nothing.
+  io_iterator_t arrived = 0;
+  registry.serviceAddMatchingNotification(
+      port, IONotificationType::firstMatch, *matching,
+      [this](io_iterator_t iterator) { rawDeviceAdded(iterator); }, arrived);
+  io_iterator_t removed = 0;
+  registry.serviceAddMatchingNotification(
+      port, IONotificationType::terminate, *matching,
+      [this](io_iterator_t iterator) { rawDeviceRemoved(iterator); }, removed);
+
+  // Reports the devices that are there already, and arms the two watches.
+  rawDeviceAdded(arrived);
+  rawDeviceRemoved(removed);
+}
+
+void USBDeviceMonitor::rawDeviceAdded(io_iterator_t iterator) {
+  while (const io_service_t service = usbRegistry().iteratorNext(iterator)) {
+    if (const std::optional<USBDevice> device = take(service)) {
+      NotificationCenter::defaultCenter().post(
+          {USBDeviceConnected, Dictionary{{"device", *device}}});
+    }
+  }
+}
+
+void USBDeviceMonitor::rawDeviceRemoved(io_iterator_t iterator) {
+  USBRegistry& registry = usbRegistry();
+  while (const io_service_t service = registry.iteratorNext(iterator)) {
+    const std::uint64_t id = entryId(service);
+    const IOReturn released = registry.objectRelease(service);
+    if (released != kIOReturnSuccess) {
+      print("Couldn’t release raw device object (error: " + std::to_string(released) + ")");
+      continue;
+    }
+    NotificationCenter::defaultCenter().post({USBDeviceDisconnected, Dictionary{{"id", id}}});
+  }
+}
+
+}  // namespace qm5
