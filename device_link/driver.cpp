@@ -1,0 +1,115 @@
+#include "device_link/driver.h"
+
+#include <algorithm>
+#include <any>
+#include <array>
+#include <limits>
+#include <vector>
+
+#include "platform/console.h"
+#include "platform/fatal.h"
+
+namespace qm5 {
+namespace {
+
+// Preset before every request and never read back.
+constexpr std::uint32_t kPresetLengthDone = 0xFF;
+
+constexpr std::size_t kLongestRequest = std::numeric_limits<std::uint16_t>::max();
+
+// The value under `key` of a notification's object; nullptr when the object is not a
+// dictionary or holds no such value.
+template <typename Value>
+const Value* objectValue(const Notification& notification, const std::string& key) {
+  const auto* dictionary = std::any_cast<Dictionary>(&notification.object);
+  if (dictionary == nullptr) return nullptr;
+  const auto found = dictionary->find(key);
+  return found == dictionary->end() ? nullptr : std::any_cast<Value>(&found->second);
+}
+
+}  // namespace
+
+std::shared_ptr<Driver> global_driver;
+
+Driver::Driver(std::uint16_t vendor, std::uint16_t product)
+    : vendorID(vendor),
+      productID(product),
+      deviceMonitor(
+          std::make_shared<USBDeviceMonitor>(std::vector<USBMonitorData>{{vendor, product}})),
+      deviceMonitorDaemon("USBMonitor", [monitor = deviceMonitor] { monitor->start(); }) {
+  // The thread starts before the observers are registered, and that order is kept: what
+  // the monitor announces in between is not seen.
+  deviceMonitorDaemon.start();
+  NotificationCenter& center = NotificationCenter::defaultCenter();
+  connected_.emplace(center.addObserver(
+      USBDeviceConnected, [this](const Notification& posted) { usbConnected(posted); }));
+  disconnected_.emplace(center.addObserver(
+      USBDeviceDisconnected, [this](const Notification& posted) { usbDisconnected(posted); }));
+}
+
+std::optional<USBDevice> Driver::deviceInfo() const {
+  const std::lock_guard lock(mutex_);
+  return device_info_;
+}
+
+void Driver::usbConnected(const Notification& notification) {
+  const auto* device = objectValue<USBDevice>(notification, "device");
+  if (device == nullptr) return;
+  const std::lock_guard lock(mutex_);
+  device_info_ = *device;
+}
+
+void Driver::usbDisconnected(const Notification& notification) {
+  const auto* id = objectValue<std::uint64_t>(notification, "id");
+  if (id == nullptr) return;
+  const std::lock_guard lock(mutex_);
+  // The removal of some other matching device leaves the attached one in place.
+  if (device_info_ && device_info_->id == *id) device_info_.reset();
+}
+
+bool Driver::usb_find() {
+  print("Checking for TI SOC on USB via IOKit driver");
+  if (!deviceInfo()) return false;
+  print("Found TI SOC on IOKit");
+  return true;
+}
+
+std::optional<Bytes> Driver::usb_read(std::uint8_t requestType, std::uint8_t request,
+                                      std::uint16_t addr, std::uint16_t index,
+                                      std::uint16_t length) {
+  IOUSBDeviceStruct942* const interface = deviceInterface();
+  if (interface == nullptr) return std::nullopt;
+  Bytes reply(length);
+  IOUSBDevRequest record{requestType,  request,          addr, index, length,
+                         reply.data(), kPresetLengthDone};
+  if (interface->DeviceRequest(record) != kIOReturnSuccess) return std::nullopt;
+  return reply;
+}
+
+std::size_t Driver::usb_write(std::uint32_t requestType, std::uint32_t request, std::uint32_t addr,
+                              std::uint32_t index, ByteView data) {
+  IOUSBDeviceStruct942* const interface = deviceInterface();
+  if (interface == nullptr) return 0;
+  IOUSBDevRequest record{};
+  record.bmRequestType = narrow<std::uint8_t>(requestType, "requestType over 8 bits");
+  record.bRequest = narrow<std::uint8_t>(request, "request over 8 bits");
+  record.wValue = narrow<std::uint16_t>(addr, "addr over 16 bits");
+  record.wIndex = narrow<std::uint16_t>(index, "index over 16 bits");
+  record.wLength = narrow<std::uint16_t>(data.size(), "data longer than a control request");
+  record.wLenDone = kPresetLengthDone;
+  // A private copy, on the stack and so large as any request: writes come by the thousand.
+  std::array<std::uint8_t, kLongestRequest> buffer;
+  std::copy(data.begin(), data.end(), buffer.begin());
+  record.pData = buffer.data();
+  return interface->DeviceRequest(record) == kIOReturnSuccess ? data.size() : 0;
+}
+
+// The interface that all requests use, read once an operation; nullptr when no device is
+// attached or it has none. It stays valid when the device leaves.
+IOUSBDeviceStruct942* Driver::deviceInterface() const {
+  const std::lock_guard lock(mutex_);
+  if (!device_info_ || device_info_->deviceInterfacePtrPtr == nullptr) return nullptr;
+  return *device_info_->deviceInterfacePtrPtr;
+}
+
+}  // namespace qm5
