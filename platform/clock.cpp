@@ -19,8 +19,12 @@ std::atomic<Clock*> current = &system_clock;
 
 }  // namespace
 
-Clock& processClock() { return *current; }
+Clock& processClock() {
+  return *current;
+}
 
-void setProcessClock(Clock* clock) { current = clock != nullptr ? clock : &system_clock; }
+void setProcessClock(Clock* clock) {
+  current = clock != nullptr ? clock : &system_clock;
+}
 
 }  // namespace qm5

@@ -18,7 +18,9 @@ struct DispatchQueue::State {
 namespace {
 
 // What follows the last dot of a reverse-DNS label: the part that tells threads apart.
-std::string threadName(const std::string& label) { return label.substr(label.rfind('.') + 1); }
+std::string threadName(const std::string& label) {
+  return label.substr(label.rfind('.') + 1);
+}
 
 }  // namespace
 

@@ -25,15 +25,19 @@ std::string upperHex(std::size_t value) {
   return text;
 }
 
-std::string upperHexByte(std::uint8_t value) { return hexByte(value, kUpper); }
+std::string upperHexByte(std::uint8_t value) {
+  return hexByte(value, kUpper);
+}
 
-std::string lowerHexByte(std::uint8_t value) { return hexByte(value, kLower); }
+std::string lowerHexByte(std::uint8_t value) {
+  return hexByte(value, kLower);
+}
 
 std::string oneDecimal(double value) {
   // The longest double in this form has 309 digits before the point.
   std::array<char, 320> text{};
-  const auto [end, error] = std::to_chars(text.data(), text.data() + text.size(), value,
-                                          std::chars_format::fixed, 1);
+  const auto [end, error] =
+      std::to_chars(text.data(), text.data() + text.size(), value, std::chars_format::fixed, 1);
   return {text.data(), end};
 }
 

@@ -1,0 +1,20 @@
+#include "app_shell/exit_confirmation.h"
+
+namespace qm5 {
+
+void askBeforeExit(const std::weak_ptr<Window>& window) {
+  // It speaks of unfinished flashing in every state, also when no update has run.
+  const Alert alert = {
+      .messageText = "Exit confirmation",
+      .informativeText = "Firmware flashing did not finish.\nDo you really want to exit?",
+      .buttons = {"Quit", "Don't quit"},
+      .style = AlertStyle::warning,
+  };
+  const std::shared_ptr<Window> shown_on = window.lock();
+  if (!shown_on) return;
+  shown_on->beginSheet(alert, [](int response) {
+    if (response == kAlertFirstButtonReturn) toolkit().terminate();
+  });
+}
+
+}  // namespace qm5

@@ -1,0 +1,15 @@
+// The entry point: puts the adapters behind the ports and hands over to the toolkit.
+
+#include <cstdlib>
+
+#include "app_shell/main_storyboard.h"
+#include "app_shell/qt/qt_toolkit.h"
+#include "app_shell/toolkit.h"
+#include "device_monitor/libusb/libusb_registry.h"
+
+int main(int argc, char** argv) {
+  // Never destroyed: threads use both until the process ends.
+  qm5::setUSBRegistry(new qm5::LibusbRegistry);
+  qm5::setToolkit(new qm5::QtToolkit);
+  std::exit(qm5::toolkit().applicationMain(argc, argv, qm5::mainStoryboard()));
+}

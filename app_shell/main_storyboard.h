@@ -1,0 +1,10 @@
+// Which of the application's classes stand behind the main layout.
+#pragma once
+
+#include "app_shell/toolkit.h"
+
+namespace qm5 {
+
+MainStoryboard mainStoryboard();
+
+}  // namespace qm5

@@ -1,0 +1,34 @@
+// The progress window: what it shows while an update runs, and its abort button.
+#pragma once
+
+#include <memory>
+#include <string_view>
+
+#include "app_shell/controllers.h"
+
+namespace qm5 {
+
+/// All on the main thread.
+class ProgressViewController final : public BaseViewController {
+ public:
+  // Outlets; empty when the layout has no such control.
+  std::weak_ptr<TextField> txtTitle1;  ///< fixed by the layout
+  std::weak_ptr<TextField> txtTitle2;
+  std::weak_ptr<ProgressIndicator> progressBar;
+
+  /// Whatever takes the view off the screen ends the window's modal run.
+  void viewWillDisappear() override;
+  /// Asks whether to quit. Does not cancel the update: that goes on unless the answer is "Quit".
+  void abortClicked(Button* sender);
+  void showExitConfirmation();
+};
+
+class ProgressWindowController final : public BaseWindowController {
+ public:
+  static constexpr std::string_view windowNibName = "ProgressWindow";
+
+  /// Makes the controller of the content and connects both to the window's controls.
+  explicit ProgressWindowController(std::shared_ptr<Window> loaded);
+};
+
+}  // namespace qm5
