@@ -1,0 +1,151 @@
+// USBDeviceMonitor on a scripted registry: the order of its steps, and what each failure
+// leaves behind.
+#include "device_monitor/usb_device_monitor.h"
+
+#include <thread>
+
+#include "support/linked_device.h"
+#include "support/named_cases.h"
+
+namespace qm5::test {
+namespace {
+
+const std::vector<USBMonitorData> kQM5 = {{0x0451, 0xACE1}};
+
+class Monitor : public testing::Test {
+ protected:
+  // What is announced, with the thread: "connected 7 QM5 [arming thread]".
+  Monitor()
+      : connected_(center_.addObserver(USBDeviceConnected,
+                                       [this](const Notification& posted) { connected(posted); })),
+        disconnected_(center_.addObserver(
+            USBDeviceDisconnected, [this](const Notification& posted) { removed(posted); })) {}
+
+  std::string thread() const {
+    return std::this_thread::get_id() == test_thread_ ? " [arming thread]" : " [queue]";
+  }
+  void connected(const Notification& posted) {
+    const auto& object = std::any_cast<const Dictionary&>(posted.object);
+    const auto& device = std::any_cast<const USBDevice&>(object.at("device"));
+    EXPECT_EQ(device.vendorId, 0x0451);
+    EXPECT_EQ(device.productId, 0xACE1);
+    EXPECT_EQ(device.deviceInterfacePtrPtr, qm5.interface());
+    EXPECT_EQ(device.plugInInterfacePtrPtr, qm5.plugIn());
+    transcript.note("connected " + std::to_string(device.id) + " " + device.name + thread());
+  }
+  void removed(const Notification& posted) {
+    const auto& object = std::any_cast<const Dictionary&>(posted.object);
+    const auto id = std::any_cast<std::uint64_t>(object.at("id"));
+    transcript.note("disconnected " + std::to_string(id) + thread());
+  }
+
+  NotificationCenter& center_ = NotificationCenter::defaultCenter();
+  const std::thread::id test_thread_ = std::this_thread::get_id();
+  NotificationCenter::Registration connected_;
+  NotificationCenter::Registration disconnected_;
+  Transcript transcript;
+  ScriptedUSBRegistry registry;
+  ScriptedUsbDevice qm5;
+};
+
+TEST_F(Monitor, ArmsBothWatchesOfAnEntryAndThenServesEvents) {
+  USBDeviceMonitor(kQM5).start();
+  EXPECT_EQ(registry.takeSteps(),
+            (Lines{"port", "queue", "matching IOUSBDevice", "watch 4 for 1105/44257",
+                   "watch 5 for 1105/44257", "drained 4", "drained 5", "run loop"}));
+}
+
+TEST_F(Monitor, GoesStraightToEventsWithoutEntries) {
+  USBDeviceMonitor({}).start();
+  EXPECT_EQ(registry.takeSteps(), Lines{"run loop"});
+}
+
+TEST_F(Monitor, AnnouncesWhatIsThereFromTheArmingThreadAndWhatComesFromTheQueue) {
+  registry.attach({.device = &qm5});
+  USBDeviceMonitor monitor(kQM5);
+  monitor.start();
+  registry.leave({.device = &qm5});
+  registry.arrive({.id = 8, .device = &qm5});
+  EXPECT_EQ(transcript.take(), (Lines{"connected 7 QM5 [arming thread]", "disconnected 7 [queue]",
+                                      "connected 8 QM5 [queue]"}));
+}
+
+TEST_F(Monitor, EndsANameAtItsFirstZeroByte) {
+  registry.attach({.name = std::string("Q\0M5", 4), .device = &qm5});
+  USBDeviceMonitor(kQM5).start();
+  EXPECT_EQ(transcript.take(), Lines{"connected 7 Q [arming thread]"});
+}
+
+using MonitorDeathTest = Monitor;
+
+TEST_F(MonitorDeathTest, StopsWithoutAPortOrAMatchingDictionary) {
+  registry.has_port = false;
+  EXPECT_DEATH(USBDeviceMonitor(kQM5).start(), "fatal error: no notification port");
+  registry.has_port = true;
+  registry.has_matching = false;
+  EXPECT_DEATH(USBDeviceMonitor(kQM5).start(), "fatal error: no matching dictionary");
+}
+
+struct ArrivalFault {
+  std::string_view name;
+  void (*provoke)(ScriptedService&, ScriptedUsbDevice&);
+  Lines lines;
+};
+QM5_PRINTS_NAME(ArrivalFault)
+
+class Arrival : public Monitor, public testing::WithParamInterface<ArrivalFault> {};
+
+TEST_P(Arrival, IsAnnouncedOrSkippedWithItsLine) {
+  ScriptedService service{.device = &qm5};
+  GetParam().provoke(service, qm5);
+  registry.attach(service);
+  USBDeviceMonitor(kQM5).start();
+  EXPECT_EQ(transcript.take(), GetParam().lines);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Faults, Arrival,
+    testing::Values(
+        ArrivalFault{"no id",
+                     [](auto& service, auto&) { service.id = {}; },
+                     {"out: Error getting device id", "connected 0 QM5 [arming thread]"}},
+        ArrivalFault{"no name",
+                     [](auto& service, auto&) { service.name = {}; },
+                     {"out: Error getting device name", "connected 7  [arming thread]"}},
+        ArrivalFault{
+            "no plug-in result", [](auto& service, auto&) { service.plug_in_result = -1; }, {}},
+        ArrivalFault{"null plug-in",
+                     [](auto& service, auto&) { service.has_plug_in = false; },
+                     {"out: Unable to get Plug-In Interface"}},
+        ArrivalFault{"query refused", [](auto&, auto& device) { device.query_result = -1; }, {}},
+        ArrivalFault{"null device table",
+                     [](auto&, auto& device) { device.has_device_table = false; },
+                     {"out: Unable to get Device Interface"}},
+        ArrivalFault{"open refused",
+                     [](auto&, auto& device) { device.open_result = -3; },
+                     {"out: Could not open device (error: -3)"}},
+        ArrivalFault{"held by someone else",
+                     [](auto&, auto& device) { device.open_result = kIOReturnExclusiveAccess; },
+                     {"connected 7 QM5 [arming thread]"}},
+        ArrivalFault{"no vendor", [](auto&, auto& device) { device.vendor_result = -1; }, {}},
+        ArrivalFault{"no product", [](auto&, auto& device) { device.product_result = -1; }, {}}),
+    named);
+
+TEST_F(Monitor, ReportsARemovalByIdAndSaysWhenTheServiceCanNotBeReleased) {
+  USBDeviceMonitor monitor(kQM5);
+  monitor.start();
+  registry.leave({.id = {}, .device = &qm5});
+  registry.leave({.release_result = -5, .device = &qm5});
+  EXPECT_EQ(transcript.take(), (Lines{"out: Error getting device id", "disconnected 0 [queue]",
+                                      "out: Couldn’t release raw device object (error: -5)"}));
+}
+
+TEST(RequestType, IsComposedOfDirectionTypeAndRecipient) {
+  EXPECT_EQ(USBmakebmRequestType(1, 2, 0), 0xC0);
+  EXPECT_EQ(USBmakebmRequestType(0, 2, 0), 0x40);
+  EXPECT_EQ(USBmakebmRequestType(3, 0, 0), 0x80);
+  EXPECT_EQ(USBmakebmRequestType(0, 7, 0x3F), 0x7F);
+}
+
+}  // namespace
+}  // namespace qm5::test

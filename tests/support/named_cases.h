@@ -1,0 +1,29 @@
+// Tables of named cases: the name of a case shows in the test's name.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <string>
+
+namespace qm5::test {
+
+struct CaseName {
+  template <typename Case>
+  std::string operator()(const testing::TestParamInfo<Case>& info) const {
+    std::string name(info.param.name);
+    for (char& c : name) {
+      if (std::isalnum(static_cast<unsigned char>(c)) == 0) c = '_';
+    }
+    return name;
+  }
+};
+inline constexpr CaseName named;
+
+}  // namespace qm5::test
+
+// gtest prints a case by this when a test fails.
+#define QM5_PRINTS_NAME(Case)                                 \
+  inline void PrintTo(const Case& shown, std::ostream* out) { \
+    *out << shown.name;                                       \
+  }

@@ -1,0 +1,163 @@
+// The registry side of the USB port. Strict: services must be released once, iterators be
+// those that it gave, and the steps are noted in the order in which they came.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "device_monitor/usb_registry.h"
+#include "scripted_usb_device.h"
+#include "transcript.h"
+
+namespace qm5::test {
+
+/// One device as the registry knows it, with what each step on it answers.
+struct ScriptedService {
+  std::optional<std::uint64_t> id = 7;      // none: the id can't be read
+  std::optional<std::string> name = "QM5";  // none: the name can't be read
+  IOReturn plug_in_result = kIOReturnSuccess;
+  bool has_plug_in = true;
+  IOReturn release_result = kIOReturnSuccess;
+  ScriptedUsbDevice* device = nullptr;
+};
+
+class ScriptedUSBRegistry final : public USBRegistry {
+ public:
+  ScriptedUSBRegistry() { setUSBRegistry(this); }
+  ~ScriptedUSBRegistry() override {
+    EXPECT_TRUE(services_.empty()) << "services that nobody released";
+    setUSBRegistry(nullptr);
+  }
+
+  // Script it.
+  bool has_port = true;
+  bool has_matching = true;
+  void attach(ScriptedService service) { waiting_[kArrivals].push_back(std::move(service)); }
+  /// Has the watch call back on its queue and waits until that has been served.
+  void arrive(ScriptedService service) { callBack(kArrivals, std::move(service)); }
+  void leave(ScriptedService service) { callBack(kRemovals, std::move(service)); }
+
+  // Read it back.
+  Lines takeSteps() { return steps_.take(); }
+  /// Returns once a monitor has come to its run loop, after which its thread does nothing more.
+  void waitForRunLoop() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return run_loops_ > 0; });
+  }
+
+  // The port.
+  io_port_t notificationPortCreate() override {
+    steps_.note("port");
+    return has_port ? kPort : 0;
+  }
+  void notificationPortSetDispatchQueue(io_port_t port,
+                                        std::shared_ptr<DispatchQueue> queue) override {
+    EXPECT_EQ(port, kPort);
+    steps_.note("queue");
+    queue_ = std::move(queue);
+  }
+  std::unique_ptr<MatchingDictionary> serviceMatching(const std::string& class_name) override {
+    steps_.note("matching " + class_name);
+    if (!has_matching) return nullptr;
+    return std::make_unique<MatchingDictionary>(MatchingDictionary{class_name, {}});
+  }
+  IOReturn serviceAddMatchingNotification(io_port_t, IONotificationType type,
+                                          const MatchingDictionary& matching,
+                                          MatchingCallback callback,
+                                          io_iterator_t& iterator) override {
+    iterator = type == IONotificationType::firstMatch ? kArrivals : kRemovals;
+    steps_.note("watch " + std::to_string(iterator) + " for " +
+                std::to_string(matching.numbers.at("idVendor")) + "/" +
+                std::to_string(matching.numbers.at("idProduct")));
+    callbacks_[iterator] = std::move(callback);
+    return kRefused;  // the result of a registration is ignored
+  }
+  io_service_t iteratorNext(io_iterator_t iterator) override {
+    const std::lock_guard lock(mutex_);
+    auto& waiting = waiting_.at(iterator);
+    if (waiting.empty()) {
+      steps_.note("drained " + std::to_string(iterator));
+      return 0;
+    }
+    services_[++last_service_] = std::move(waiting.front());
+    waiting.pop_front();
+    return last_service_;
+  }
+  IOReturn registryEntryGetRegistryEntryID(io_service_t service, std::uint64_t& id) override {
+    const std::lock_guard lock(mutex_);
+    const ScriptedService& found = services_.at(service);
+    if (!found.id) return kRefused;
+    id = *found.id;
+    return kIOReturnSuccess;
+  }
+  IOReturn registryEntryGetName(io_service_t service, io_name_t& name) override {
+    const std::lock_guard lock(mutex_);
+    const ScriptedService& found = services_.at(service);
+    if (!found.name) return kRefused;
+    std::copy(found.name->begin(), found.name->end(), name.begin());
+    return kIOReturnSuccess;
+  }
+  IOReturn createPlugInInterfaceForService(io_service_t service, const UUIDBytes& plug_in_type,
+                                           const UUIDBytes& interface_type,
+                                           IOCFPlugInInterfaceStruct**& plug_in) override {
+    EXPECT_EQ(plug_in_type, kIOUSBDeviceUserClientTypeID);
+    EXPECT_EQ(interface_type, kIOCFPlugInInterfaceID);
+    const std::lock_guard lock(mutex_);
+    const ScriptedService& found = services_.at(service);
+    if (found.has_plug_in && found.device != nullptr) plug_in = found.device->plugIn();
+    return found.plug_in_result;
+  }
+  IOReturn objectRelease(io_service_t service) override {
+    const std::lock_guard lock(mutex_);
+    const IOReturn result = services_.at(service).release_result;
+    services_.erase(service);
+    return result;
+  }
+  void runLoop() override {
+    steps_.note("run loop");
+    const std::lock_guard lock(mutex_);
+    ++run_loops_;
+    changed_.notify_all();
+  }
+
+ private:
+  static constexpr io_port_t kPort = 3;
+  static constexpr io_iterator_t kArrivals = 4;
+  static constexpr io_iterator_t kRemovals = 5;
+
+  void callBack(io_iterator_t iterator, ScriptedService service) {
+    {
+      const std::lock_guard lock(mutex_);
+      waiting_[iterator].push_back(std::move(service));
+    }
+    bool served = false;
+    queue_->async([&, this] {
+      callbacks_.at(iterator)(iterator);
+      const std::lock_guard lock(mutex_);
+      served = true;
+      changed_.notify_all();
+    });
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return served; });
+  }
+
+  Notes steps_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  int run_loops_ = 0;
+  io_service_t last_service_ = 100;
+  std::shared_ptr<DispatchQueue> queue_;
+  std::map<io_iterator_t, MatchingCallback> callbacks_;
+  std::map<io_iterator_t, std::deque<ScriptedService>> waiting_ = {{kArrivals, {}},
+                                                                   {kRemovals, {}}};
+  std::map<io_service_t, ScriptedService> services_;
+};
+
+}  // namespace qm5::test

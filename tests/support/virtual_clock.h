@@ -1,0 +1,39 @@
+// The clock port: records the sleeps and costs no time.
+#pragma once
+
+#include <functional>
+#include <mutex>
+#include <vector>
+
+#include "platform/clock.h"
+
+namespace qm5::test {
+
+class VirtualClock final : public Clock {
+ public:
+  VirtualClock() { setProcessClock(this); }
+  ~VirtualClock() override { setProcessClock(nullptr); }
+
+  /// Called in each sleep, on the sleeping thread.
+  std::function<void(double)> during_sleep;
+
+  std::vector<double> takeSleeps() {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(sleeps_, {});
+  }
+
+  // The port.
+  void sleep(double seconds) override {
+    {
+      const std::lock_guard lock(mutex_);
+      sleeps_.push_back(seconds);
+    }
+    if (during_sleep) during_sleep(seconds);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<double> sleeps_;
+};
+
+}  // namespace qm5::test
