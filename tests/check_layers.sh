@@ -25,19 +25,21 @@ may app_shell/qt "app_shell/qt app_shell platform"
 may tools "tools platform"
 may simulator "simulator tools platform"
 
-# only PATTERN FOLDER: headers that match PATTERN are included in FOLDER alone.
+# only PATTERN FOLDER...: headers that match PATTERN are included in these folders alone.
 only() {
-  local found
-  found=$(git grep -nE "^#include <$1" -- '*.h' '*.cpp' ":!$2" ':!tests' || true)
+  local pattern=$1 found
+  shift
+  found=$(git grep -nE "^#include <$pattern" -- '*.h' '*.cpp' ':!tests' "${@/#/:!}" || true)
   if [ -n "$found" ]; then
-    printf '<%s> belongs to %s alone:\n%s\n' "$1" "$2" "$found"
+    printf '<%s> belongs to %s alone:\n%s\n' "$pattern" "$*" "$found"
     offences=1
   fi
 }
 only 'Q[A-Za-z]*>' app_shell/qt
 only 'libusb' device_monitor/libusb
 only '(umockdev|glib)' simulator
-only 'openssl' tools
+only 'openssl' tools simulator
+
 
 # The entry point alone knows which adapters stand behind the ports.
 found=$(grep -lE '#include "(app_shell/qt|device_monitor/libusb)/' app_shell/*.cpp app_shell/*.h |
