@@ -1,0 +1,134 @@
+#include "simulator/faulty_qm5.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace qm5 {
+namespace {
+
+constexpr std::uint16_t kCommandRegister = 0x1E;
+constexpr std::uint16_t kData3Register = 0x1F;
+
+void shorten(Bytes& reply, std::size_t by) { reply.resize(reply.size() - std::min(by, reply.size())); }
+
+}  // namespace
+
+void FaultyQm5::setObserver(std::function<void(const RequestRecord&)> observer) {
+  const std::lock_guard lock(mutex_);
+  observer_ = std::move(observer);
+}
+
+void FaultyQm5::addFault(Fault fault) {
+  const std::lock_guard lock(mutex_);
+  faults_.push_back(std::move(fault));
+}
+
+void FaultyQm5::clearFaults() {
+  const std::lock_guard lock(mutex_);
+  faults_.clear();
+  stalls_ = false;
+  model_.recover();
+}
+
+bool FaultyQm5::faultsLeft() const {
+  const std::lock_guard lock(mutex_);
+  return !faults_.empty();
+}
+
+ControlResult FaultyQm5::control(const ControlSetup& setup, ByteView data) {
+  ControlResult result;
+  RequestRecord record{std::chrono::steady_clock::now(), setup, {}, ControlStatus::ok};
+  std::function<void(const RequestRecord&)> observer;
+  {
+    const std::lock_guard lock(mutex_);
+    ++request_count_;
+    result = carryOut(setup, data);
+    record.data = isRead(setup) ? result.data : Bytes(data.begin(), data.end());
+    record.status = result.status;
+    requests_.push_back(record);
+    observer = observer_;
+  }
+  if (observer) observer(record);
+  return result;
+}
+
+ControlResult FaultyQm5::carryOut(const ControlSetup& setup, ByteView data) {
+  const std::optional<Fault> fault = takeFault(setup);
+  if (fault && fault->kind == FaultKind::stall_on) stalls_ = true;
+  if (stalls_ || (fault && fault->kind == FaultKind::stall)) return {ControlStatus::stall};
+  if (fault && fault->kind == FaultKind::silent) return {ControlStatus::pending};
+  if (fault && fault->kind == FaultKind::unplug) return {ControlStatus::gone};
+  if (fault && fault->kind == FaultKind::replug) return {ControlStatus::gone, {}, true};
+  if (fault && fault->kind == FaultKind::busy_for_ever) model_.hang();
+
+  ControlResult result = model_.control(setup, data);
+  if (result.status == ControlStatus::ok) noteTask(setup, data);
+  if (fault && fault->kind == FaultKind::short_reply) shorten(result.data, fault->value);
+  if (fault && fault->kind == FaultKind::result && result.data.size() > resultElement()) {
+    std::uint8_t& element = result.data[resultElement()];
+    element = static_cast<std::uint8_t>((element & 0xF0) | (fault->value & 0x0F));
+  }
+  return result;
+}
+
+std::optional<Fault> FaultyQm5::takeFault(const ControlSetup& setup) {
+  const auto due = std::find_if(faults_.begin(), faults_.end(),
+                                [&](const Fault& fault) { return isDue(fault, setup); });
+  const bool reads_reply = isRead(setup) && setup.wValue == kData3Register;
+  if (reads_reply) reply_pending_ = false;
+  if (due == faults_.end()) return std::nullopt;
+  Fault fault = std::move(*due);
+  faults_.erase(due);
+  return fault;
+}
+
+bool FaultyQm5::isDue(const Fault& fault, const ControlSetup& setup) const {
+  if (fault.task.empty()) return fault.number == request_count_;
+  if (fault.kind == FaultKind::busy_for_ever) return false;  // noteTask sees to it
+  const bool reads_reply = reply_pending_ && isRead(setup) && setup.wValue == kData3Register;
+  return reads_reply && fault.task == task_ && fault.number == task_counts_.at(task_);
+}
+
+void FaultyQm5::noteTask(const ControlSetup& setup, ByteView data) {
+  if (isRead(setup) || setup.wValue != kCommandRegister) return;
+  task_.assign(data.begin(), data.end());
+  reply_pending_ = true;
+  const std::size_t number = ++task_counts_[task_];
+  const auto held = std::erase_if(faults_, [&](const Fault& fault) {
+    return fault.kind == FaultKind::busy_for_ever && fault.task == task_ && fault.number == number;
+  });
+  if (held > 0) model_.hang();
+}
+
+// The host reads the outcome of SFWi from the length byte, that of the others from the
+// register's first byte.
+std::size_t FaultyQm5::resultElement() const { return task_ == "SFWi" ? 0 : 1; }
+
+void FaultyQm5::powerCycle() {
+  const std::lock_guard lock(mutex_);
+  stalls_ = false;
+  reply_pending_ = false;
+  model_.powerCycle();
+}
+
+std::vector<RequestRecord> FaultyQm5::requests() const {
+  const std::lock_guard lock(mutex_);
+  return requests_;
+}
+
+void FaultyQm5::clearRequests() {
+  const std::lock_guard lock(mutex_);
+  requests_.clear();
+}
+
+std::size_t FaultyQm5::requestCount() const {
+  const std::lock_guard lock(mutex_);
+  return request_count_;
+}
+
+Qm5Model FaultyQm5::model() const {
+  const std::lock_guard lock(mutex_);
+  return model_;
+}
+
+}  // namespace qm5

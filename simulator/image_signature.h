@@ -1,0 +1,13 @@
+// The judgement of an image by the key that comes with it.
+#pragma once
+
+#include "platform/bytes.h"
+
+namespace qm5 {
+
+/// Whether `signature` (384 bytes) is an RSA-PSS signature (SHA-256, MGF1 with SHA-256,
+/// salt of 32 bytes) of `message` under `modulus` (384 bytes, big-endian) and the exponent
+/// 65537. Bytes that are no key or no signature at all are simply wrong ones.
+bool signatureHolds(const Bytes& modulus, const Bytes& signature, const Bytes& message);
+
+}  // namespace qm5
