@@ -1,0 +1,29 @@
+#include "app_shell/qt/layouts.h"
+
+#include "ui_Main.h"
+#include "ui_ProgressWindow.h"
+
+namespace qm5 {
+
+std::unique_ptr<NativeWindow> makeMainLayout() {
+  auto window = std::make_unique<NativeWindow>(NativeWindow::Closing::byPerson);
+  Ui::Main layout;
+  layout.setupUi(window.get());
+  // The box puts the buttons where the desktop has them, which a layout file can't.
+  layout.buttonBox->addButton(layout.btnNext, QDialogButtonBox::AcceptRole);
+  layout.buttonBox->addButton(layout.btnExit, QDialogButtonBox::RejectRole);
+  layout.btnNext->setFocus();
+  return window;
+}
+
+std::unique_ptr<NativeWindow> makeProgressLayout() {
+  auto window = std::make_unique<NativeWindow>(NativeWindow::Closing::byProgramOnly);
+  Ui::ProgressWindow layout;
+  layout.setupUi(window.get());
+  layout.buttonBox->addButton(layout.btnAbort, QDialogButtonBox::RejectRole);
+  // Return is what people press on and on; it must not lead to the question whether to quit.
+  layout.btnAbort->setAutoDefault(false);
+  return window;
+}
+
+}  // namespace qm5

@@ -1,0 +1,16 @@
+// The windows that are laid out in resources/*.ui.
+#pragma once
+
+#include <memory>
+
+#include "app_shell/qt/native_window.h"
+
+namespace qm5 {
+
+/// The main window. Main thread.
+std::unique_ptr<NativeWindow> makeMainLayout();
+
+/// The progress window. Main thread.
+std::unique_ptr<NativeWindow> makeProgressLayout();
+
+}  // namespace qm5

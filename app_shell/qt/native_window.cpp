@@ -1,0 +1,47 @@
+#include "app_shell/qt/native_window.h"
+
+#include <QCloseEvent>
+#include <utility>
+
+#include "app_shell/qt/alert.h"
+
+namespace qm5 {
+
+namespace {
+
+Qt::WindowFlags controls(NativeWindow::Closing closing) {
+  if (closing == NativeWindow::Closing::byProgramOnly) {
+    return Qt::Dialog | Qt::CustomizeWindowHint | Qt::WindowTitleHint;
+  }
+  return Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint | Qt::WindowSystemMenuHint |
+         Qt::WindowMinimizeButtonHint | Qt::WindowCloseButtonHint;
+}
+
+}  // namespace
+
+NativeWindow::NativeWindow(Closing closing)
+    : QDialog(nullptr, controls(closing)), closing_(closing) {
+  // A window that the person can't close is there to be run modally. Qt takes modality
+  // with the showing, which is before the run.
+  if (closing == Closing::byProgramOnly) setWindowModality(Qt::ApplicationModal);
+}
+
+NativeWindow::~NativeWindow() = default;
+
+void NativeWindow::setWillDisappear(std::function<void()> callback) {
+  will_disappear_ = std::move(callback);
+}
+
+void NativeWindow::setVisible(bool visible) {
+  if (!visible && isVisible()) {
+    abortAlerts(*this);
+    if (will_disappear_) will_disappear_();
+  }
+  QDialog::setVisible(visible);
+}
+
+void NativeWindow::closeEvent(QCloseEvent* event) {
+  event->setAccepted(closing_ == Closing::byPerson);
+}
+
+}  // namespace qm5

@@ -1,0 +1,42 @@
+// The controls of a window, as the port has them. Each lasts as long as its window.
+#pragma once
+
+#include <QLabel>
+#include <QProgressBar>
+#include <QPushButton>
+
+#include "app_shell/toolkit.h"
+
+namespace qm5 {
+
+class QtButton : public Button {
+ public:
+  explicit QtButton(QPushButton& widget);
+  void setAction(Action action);
+  void setEnabled(bool enabled) override;
+
+ private:
+  QPushButton& widget_;
+  Action action_;
+};
+
+class QtTextField : public TextField {
+ public:
+  explicit QtTextField(QLabel& widget);
+  void setStringValue(std::string_view text) override;
+
+ private:
+  QLabel& widget_;
+};
+
+/// Shows a percentage, 0 to 100; values beyond are shown as the nearest end.
+class QtProgressIndicator : public ProgressIndicator {
+ public:
+  explicit QtProgressIndicator(QProgressBar& widget);
+  void setDoubleValue(double value) override;
+
+ private:
+  QProgressBar& widget_;
+};
+
+}  // namespace qm5

@@ -1,0 +1,120 @@
+#include "app_shell/qt/qt_toolkit.h"
+
+#include <QApplication>
+#include <QEventLoop>
+#include <QIcon>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+#include "app_shell/qt/layouts.h"
+#include "app_shell/qt/main_queue.h"
+#include "app_shell/qt/qt_window.h"
+#include "app_shell/qt/resource_files.h"
+
+namespace qm5 {
+
+namespace {
+
+// Qt has taken the person's locale for the whole process. The program's texts are English,
+// the system's messages in them too, and its numbers have a point.
+void keepTextsOutOfTheLocale() {
+  std::setlocale(LC_NUMERIC, "C");
+  std::setlocale(LC_MESSAGES, "C");
+}
+
+QIcon applicationIcon() {
+  QIcon icon;
+  for (const char* size : {"32x32", "64x64", "128x128"}) {
+    icon.addFile(QStringLiteral("%1/../share/icons/hicolor/%2/apps/qm5-updater.png")
+                     .arg(QCoreApplication::applicationDirPath(), QLatin1String(size)));
+  }
+  return icon;
+}
+
+}  // namespace
+
+QtToolkit::QtToolkit() : main_queue_(std::make_unique<MainQueue>()) {}
+
+QtToolkit::~QtToolkit() = default;
+
+int QtToolkit::applicationMain(int argc, char** argv, const MainStoryboard& storyboard) {
+  QApplication::setHighDpiScaleFactorRoundingPolicy(
+      Qt::HighDpiScaleFactorRoundingPolicy::PassThrough);
+  // Its display name stays unset: Qt would add it to every window's title.
+  QApplication::setApplicationName("QM5 Updater");
+  QApplication::setDesktopFileName("qm5-updater");
+  QApplication application(argc, argv);
+  keepTextsOutOfTheLocale();
+  QApplication::setWindowIcon(applicationIcon());
+  QApplication::setQuitOnLastWindowClosed(false);
+  QObject::connect(&application, &QApplication::lastWindowClosed, [this] { lastWindowClosed(); });
+
+  delegate_ = storyboard.makeDelegate();
+  main_window_ = std::make_shared<QtWindow>(*main_queue_, makeMainLayout(), nullptr);
+  main_controller_ = storyboard.makeMainController(main_window_);
+  main_window_->show();
+  delegate_->applicationDidFinishLaunching();
+  const int status = QApplication::exec();
+  // Here the desktop has asked the program to quit. Jobs may be at work, so nothing that
+  // they use is taken apart.
+  terminate();
+  return status;
+}
+
+void QtToolkit::lastWindowClosed() {
+  if (delegate_->applicationShouldTerminateAfterLastWindowClosed()) terminate();
+}
+
+std::shared_ptr<Window> QtToolkit::mainWindow() {
+  return main_window_;
+}
+
+void QtToolkit::runModalForWindow(const std::shared_ptr<Window>& window) {
+  const std::shared_ptr<Window> kept = window;  // its owner may let go of it meanwhile
+  QEventLoop run;
+  modal_runs_.push_back(&run);
+  run.exec();
+  modal_runs_.pop_back();
+}
+
+void QtToolkit::stopModal() {
+  main_queue_->perform([this] {
+    if (!modal_runs_.empty()) modal_runs_.back()->exit();
+  });
+}
+
+void QtToolkit::terminate() {
+  if (delegate_) delegate_->applicationWillTerminate();
+  std::fflush(nullptr);
+  std::_Exit(0);
+}
+
+void QtToolkit::mainQueueAsync(std::function<void()> step) {
+  main_queue_->async(std::move(step));
+}
+
+std::shared_ptr<Window> QtToolkit::instantiateWindow(std::string_view storyboard,
+                                                     std::string_view identifier) {
+  if (storyboard != "Main" || identifier != "ProgressWindow") return nullptr;
+  return std::make_shared<QtWindow>(*main_queue_, makeProgressLayout(), main_window_.get());
+}
+
+// Titled only is the one style that there is.
+std::shared_ptr<Window> QtToolkit::makeWindow(Rect content, WindowStyle) {
+  auto window = std::make_shared<QtWindow>(*main_queue_, content.size, main_window_.get());
+  window->setFrameOrigin(content.origin);
+  return window;
+}
+
+std::optional<std::string> QtToolkit::pathForResource(std::string_view name,
+                                                      std::string_view extension) {
+  return resourcePath(name, extension);
+}
+
+FileContents QtToolkit::readFile(const std::string& path) {
+  return readRegularFile(path);
+}
+
+}  // namespace qm5
