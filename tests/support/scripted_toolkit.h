@@ -235,7 +235,7 @@ class ScriptedControl final : public Button, public TextField, public ProgressIn
 inline std::string describe(const Rect& frame) {
   std::string text;
   for (const double value : {frame.origin.x, frame.origin.y, frame.size.width, frame.size.height})
-    text += " " + std::to_string(static_cast<int>(value));
+    text.append(" ").append(std::to_string(static_cast<int>(value)));
   return text;
 }
 
@@ -268,11 +268,11 @@ inline void ScriptedWindow::addSubview(const ImageView& image) {
   toolkit_.noteOnMain("image" + describe(image.frame) + " " + image.imageNamed);
 }
 inline void ScriptedWindow::addSubview(const Label& label) {
-  toolkit_.noteOnMain("label" + describe(label.frame) +
-                      (label.boldSystemFontOfSize ? " bold " + std::to_string(static_cast<int>(
-                                                                   *label.boldSystemFontOfSize))
-                                                  : "") +
-                      (label.wraps ? " wraps " : " ") + label.text);
+  std::string line = "label" + describe(label.frame);
+  if (label.boldSystemFontOfSize) {
+    line.append(" bold ").append(std::to_string(static_cast<int>(*label.boldSystemFontOfSize)));
+  }
+  toolkit_.noteOnMain(line.append(label.wraps ? " wraps " : " ").append(label.text));
 }
 inline void ScriptedWindow::addSubview(const PushButton& button) {
   EXPECT_EQ(button.bezelStyle, BezelStyle::rounded);
