@@ -1,0 +1,352 @@
+// The whole program in one process: its windows on Qt's offscreen platform, its threads,
+// libusb, and the software QM5 on the emulated bus. A second thread plays the person.
+#include <gtest/gtest.h>
+
+#include <QAbstractButton>
+#include <QApplication>
+#include <QLabel>
+#include <QMessageBox>
+#include <future>
+#include <thread>
+
+#include "app_shell/main_storyboard.h"
+#include "app_shell/qt/qt_toolkit.h"
+#include "device_link/driver.h"
+#include "device_monitor/libusb/libusb_registry.h"
+#include "simulator/emulated_bus.h"
+#include "support/named_cases.h"
+#include "support/transcript.h"
+#include "support/virtual_clock.h"
+#include "tools/firmware_image.h"
+
+namespace qm5::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kPatience = 60s;
+
+// The production toolkit, but for the package and the end of the process.
+class PackagedToolkit final : public QtToolkit {
+ public:
+  explicit PackagedToolkit(Bytes packaged) : image(std::move(packaged)) {}
+  FileContents readFile(const std::string&) override { return image; }
+  void terminate() override {
+    ended = true;
+    if (ends_process) QtToolkit::terminate();
+    QCoreApplication::exit(0);
+  }
+  const Bytes image;
+  bool ends_process = false;
+  std::atomic<bool> ended = false;
+};
+
+// A first block of 0xFF, one block three times, another, and a last one to be filled up.
+Bytes smallPayload() {
+  Bytes payload(64, 0xFF);
+  for (const int block : {1, 1, 1, 2})
+    payload.insert(payload.end(), 64, static_cast<std::uint8_t>(block));
+  payload.insert(payload.end(), 10, 3);
+  return payload;
+}
+
+class Program : public testing::Test {
+ protected:
+  Program() {
+    // Nobody has to wait, except for the windows to come up.
+    clock.during_sleep = [](double seconds) {
+      std::this_thread::sleep_for(seconds == 1.0 ? 2ms : 0ms);
+    };
+  }
+
+  // Runs the program while `person` does things; returns when the program has ended.
+  void run(const std::function<void()>& person) {
+    setUSBRegistry(new LibusbRegistry);
+    setToolkit(toolkit);
+    static std::string name = "qm5-updater";
+    static char* arguments[] = {name.data(), nullptr};
+    std::thread acts([&] {
+      person();
+      if (!toolkit->ended) onMain([&] { return toolkit->terminate(), 0; });
+    });
+    EXPECT_EQ(toolkit->applicationMain(1, arguments, mainStoryboard()), 0);
+    acts.join();
+  }
+
+  // What `question` answers on the main thread.
+  template <typename Question>
+  auto onMain(Question question) {
+    std::promise<decltype(question())> answer;
+    toolkit->mainQueueAsync([&] { answer.set_value(question()); });
+    return answer.get_future().get();
+  }
+  static QWidget* visible(const char* name) {
+    for (QWidget* widget : QApplication::allWidgets()) {
+      if (widget->objectName() == name && widget->isVisible()) return widget;
+    }
+    return nullptr;
+  }
+  static QAbstractButton* pressable(const QString& title) {
+    for (QWidget* widget : QApplication::allWidgets()) {
+      auto* button = qobject_cast<QAbstractButton*>(widget);
+      if (button && button->text().remove('&') == title && button->isVisible() &&
+          button->isEnabled())
+        return button;
+    }
+    return nullptr;
+  }
+  template <typename Condition>
+  bool eventually(Condition condition) {
+    const auto end = std::chrono::steady_clock::now() + kPatience;
+    while (!onMain(condition)) {
+      if (std::chrono::steady_clock::now() > end) return false;
+      std::this_thread::sleep_for(1ms);
+    }
+    return true;
+  }
+  // Waits for a button that can be pressed, and presses it.
+  void press(const QString& title) {
+    ASSERT_TRUE(eventually([&] { return pressable(title) != nullptr; })) << title.toStdString();
+    // Not inside the question: what the press starts may take as long as a modal run.
+    toolkit->mainQueueAsync([title] { pressable(title)->click(); });
+  }
+  // Waits for an alert and returns what it says.
+  std::string alert() {
+    std::string text;
+    EXPECT_TRUE(eventually([&] {
+      const auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+      if (box) text = (box->text() + " | " + box->informativeText()).toStdString();
+      return box != nullptr;
+    }));
+    return text;
+  }
+  void awaitDevice() {
+    ASSERT_TRUE(eventually([] { return global_driver->deviceInfo().has_value(); }));
+  }
+  void expectSuccess() {
+    EXPECT_TRUE(eventually([] { return pressable("Confirm  Exit") != nullptr; }));
+    EXPECT_TRUE(qm5.signatureHolds());
+    EXPECT_EQ(qm5.flash(), flashContents(smallPayload()));
+  }
+
+  Transcript transcript;
+  VirtualClock clock;
+  PackagedToolkit* toolkit = new PackagedToolkit(buildImage(smallPayload()));
+  FaultyQm5 qm5;
+};
+
+// One request as text, for comparison: setup and data sent.
+std::string requestText(unsigned type, unsigned request, unsigned value, unsigned index,
+                        unsigned length, const Bytes& sent) {
+  std::string text;
+  for (const unsigned number : {type, request, value, index, length})
+    text.append(std::to_string(number)).append(" ");
+  for (const auto byte : sent) text.append(std::to_string(byte)).append(",");
+  return text;
+}
+
+// What must go over the wire for an image, with a device that is ready at the first poll.
+class ExpectedRequests {
+ public:
+  explicit ExpectedRequests(const Bytes& image) {
+    read(0x06, 9);
+    task("SFWi", {}, 7);
+    const Bytes flash = flashContents(Bytes(image.begin() + 772, image.end()));
+    Bytes previous(64, 0xFF);
+    for (std::size_t at = 0; at < flash.size(); at += 64) {
+      const Bytes block = slice(flash, at, 64);
+      task("SFWd", block == previous ? slice(block, 0, 4) : block, 2);
+      previous = block;
+    }
+    for (const std::size_t region : {388U, 4U})
+      for (std::size_t at = region; at < region + 384; at += 64)
+        task("SFWs", slice(image, at, 64), 11);
+  }
+  Lines lines;
+
+ private:
+  static Bytes slice(const Bytes& bytes, std::size_t at, std::size_t size) {
+    const auto first = bytes.begin() + static_cast<std::ptrdiff_t>(at);
+    return {first, first + static_cast<std::ptrdiff_t>(std::min(size, bytes.size() - at))};
+  }
+  void read(unsigned address, unsigned length) {
+    lines.push_back(requestText(0xC0, 0xFE, address, 0, length, {}));
+  }
+  void write(unsigned address, const Bytes& data) {
+    for (std::size_t at = 0; at < data.size(); at += 8) {
+      const Bytes chunk = slice(data, at, 8);
+      lines.push_back(requestText(0x40, 0xFD, address,
+                                  at == 0 ? static_cast<unsigned>(data.size()) : 0,
+                                  static_cast<unsigned>(chunk.size()), chunk));
+    }
+  }
+  void task(std::string_view command, const Bytes& data, unsigned reply_length) {
+    write(0x1F, data);
+    write(0x1E, Bytes(command.begin(), command.end()));
+    read(0x1E, 5);
+    read(0x1F, reply_length);
+  }
+};
+
+TEST_F(Program, SendsExactlyTheRequestsOfAnUpdateAndNothingElse) {
+  EmulatedBus bus(qm5);
+  bus.plug();
+  run([&] {
+    awaitDevice();
+    press("Next");
+    expectSuccess();
+    press("Confirm  Exit");
+  });
+  EXPECT_EQ(qm5.breaches(), std::vector<std::string>{});
+  Lines seen;
+  for (const RequestRecord& request : qm5.requests())
+    seen.push_back(requestText(request.setup.bmRequestType, request.setup.bRequest,
+                               request.setup.wValue, request.setup.wIndex, request.setup.wLength,
+                               isRead(request.setup) ? Bytes{} : request.data));
+  EXPECT_EQ(seen, ExpectedRequests(toolkit->image).lines);
+  qm5.powerCycle();
+  EXPECT_EQ(qm5.version(), 0x4208);
+}
+
+struct Version {
+  std::string_view name;
+  std::uint16_t version;
+  bool updated;
+};
+QM5_PRINTS_NAME(Version)
+
+class ReportedVersion : public Program, public testing::WithParamInterface<Version> {};
+
+TEST_P(ReportedVersion, DecidesWhetherAnythingIsWritten) {
+  FaultyQm5 reporting{Qm5Model({.version = GetParam().version})};
+  EmulatedBus bus(reporting);
+  bus.plug();
+  run([&] {
+    awaitDevice();
+    press("Next");
+    if (!GetParam().updated) {
+      EXPECT_EQ(alert(), "<b>QM5 no need to update !</b> | Current QM5 version: " +
+                             std::string(GetParam().name) + "\nNo need to update.");
+      return press("OK");
+    }
+    EXPECT_TRUE(eventually([] { return pressable("Confirm  Exit") != nullptr; }));
+    // Hidden by now; it keeps the last text.
+    const auto title = onMain([] {
+      for (QWidget* widget : QApplication::allWidgets())
+        if (widget->objectName() == "txtTitle2")
+          return qobject_cast<QLabel*>(widget)->text().toStdString();
+      return std::string();
+    });
+    EXPECT_EQ(title, "Updating firmware version from " + std::string(GetParam().name) +
+                         " -> 4208, (100.0 %)");
+  });
+  EXPECT_EQ(reporting.signatureHolds(), GetParam().updated);
+  if (!GetParam().updated) EXPECT_EQ(reporting.requestCount(), 1U) << "the version read alone";
+}
+
+INSTANTIATE_TEST_SUITE_P(Versions, ReportedVersion,
+                         testing::Values(Version{"4208", 0x4208, false},
+                                         Version{"4209", 0x4209, true},
+                                         Version{"420A", 0x420A, true}),
+                         named);
+
+TEST_F(Program, EndsInAnErrorForADamagedPayloadAndCanGoOn) {
+  Bytes damaged = toolkit->image;
+  damaged[772 + 100] ^= 0x10;
+  toolkit = new PackagedToolkit(damaged);
+  EmulatedBus bus(qm5);
+  bus.plug();
+  run([&] {
+    awaitDevice();
+    for (int round = 0; round < 2; ++round) {
+      press("Next");
+      EXPECT_EQ(alert(),
+                "<b>Flash firmware error</b> | Flash ti dmc firmware error, please try again.");
+      press("OK");
+    }
+    EXPECT_TRUE(eventually([] { return pressable("Next") != nullptr; }));
+  });
+  EXPECT_FALSE(qm5.signatureHolds());
+}
+
+TEST_F(Program, SaysThatNothingIsConnectedUntilSomethingIs) {
+  EmulatedBus bus(qm5);
+  run([&] {
+    press("Next");
+    EXPECT_EQ(alert(),
+              "<b>No QM5 device !</b> | There is no QM5 connected!\nCheck your QM5 "
+              "connection then try again.");
+    bus.plug();
+    press("OK");
+    awaitDevice();
+    press("Next");
+    expectSuccess();
+  });
+}
+
+// Unplugged in the middle of a request, all along an update; then plugged in again.
+TEST_F(Program, SurvivesAnUnplugAtAnyMomentAndTheNextRunSucceeds) {
+  EmulatedBus bus(qm5);
+  const std::size_t requests = ExpectedRequests(toolkit->image).lines.size();
+  std::size_t rounds = 0;
+  run([&] {
+    for (std::size_t moment = 1; moment <= requests; moment += moment < 12 ? 1 : 17) {
+      bus.plug();
+      awaitDevice();
+      qm5.addFault({.kind = FaultKind::unplug, .number = qm5.requestCount() + moment});
+      press("Next");
+      EXPECT_EQ(
+          alert(),
+          moment == 1
+              ? "<b>Get customer version error !</b> | There is no QM5 connected!\nCheck "
+                "your QM5 connection then try again."
+              : "<b>Flash firmware error</b> | Flash ti dmc firmware error, please try again.")
+          << moment;
+      ASSERT_TRUE(eventually([] { return !global_driver->deviceInfo().has_value(); }));
+      press("OK");
+      ++rounds;
+    }
+    bus.plug();
+    awaitDevice();
+    press("Next");
+    expectSuccess();
+  });
+  EXPECT_GT(rounds, 15U);
+}
+
+using ProgramDeathTest = Program;
+
+// The job waits in the middle of a task: it sleeps, or its request is never answered.
+TEST_F(ProgramDeathTest, QuitsAtOnceWhileATaskIsWaiting) {
+  for (const Fault& fault : {Fault{.kind = FaultKind::busy_for_ever, .task = "SFWs"},
+                             Fault{.kind = FaultKind::silent, .number = 40}}) {
+    EXPECT_EXIT(
+        {
+          setProcessClock(nullptr);  // sleeps are sleeps
+          qm5.addFault(fault);
+          EmulatedBus bus(qm5);
+          bus.plug();
+          toolkit->ends_process = true;
+          run([&] {
+            awaitDevice();
+            press("Next");
+            while (qm5.requestCount() < 40) std::this_thread::sleep_for(1ms);
+            std::this_thread::sleep_for(500ms);
+            press("Abort");
+            eventually([] { return pressable("Quit") != nullptr; });
+            toolkit->mainQueueAsync([] {
+              std::thread([] {
+                std::this_thread::sleep_for(500ms);
+                std::_Exit(7);  // too late
+              }).detach();
+              pressable("Quit")->click();
+            });
+            std::this_thread::sleep_for(5s);
+          });
+        },
+        testing::ExitedWithCode(0), "");
+  }
+}
+
+}  // namespace
+}  // namespace qm5::test
