@@ -126,9 +126,24 @@ std::size_t FaultyQm5::requestCount() const {
   return request_count_;
 }
 
-Qm5Model FaultyQm5::model() const {
+std::uint16_t FaultyQm5::version() const {
   const std::lock_guard lock(mutex_);
-  return model_;
+  return model_.version();
+}
+
+Bytes FaultyQm5::flash() const {
+  const std::lock_guard lock(mutex_);
+  return model_.flash();
+}
+
+bool FaultyQm5::signatureHolds() const {
+  const std::lock_guard lock(mutex_);
+  return model_.signatureHolds();
+}
+
+std::vector<std::string> FaultyQm5::breaches() const {
+  const std::lock_guard lock(mutex_);
+  return model_.breaches();
 }
 
 }  // namespace qm5

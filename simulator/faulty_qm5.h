@@ -11,7 +11,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "simulator/control_request.h"
@@ -70,8 +70,12 @@ class FaultyQm5 {
   std::vector<RequestRecord> requests() const;
   void clearRequests();
   std::size_t requestCount() const;  ///< since the start, whatever was cleared
-  /// The device as it is now.
-  Qm5Model model() const;
+
+  // The device as it is now.
+  std::uint16_t version() const;
+  Bytes flash() const;
+  bool signatureHolds() const;
+  std::vector<std::string> breaches() const;
 
  private:
   ControlResult carryOut(const ControlSetup& setup, ByteView data);
