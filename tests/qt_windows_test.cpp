@@ -57,7 +57,9 @@ class QtWindows : public testing::Test {
     static int count = 1;
     static std::string name = "qt_windows_test";
     static char* arguments[] = {name.data(), nullptr};
-    static const QApplication application(count, arguments);
+    // As in the program, it is never taken apart.
+    static const auto* const application = new QApplication(count, arguments);
+    ASSERT_NE(application, nullptr);
   }
 
   std::shared_ptr<Window> progressWindow() {
@@ -137,6 +139,10 @@ struct AlertKey {
   int key;
   int response;
 };
+
+void PrintTo(const AlertKey& tested, std::ostream* out) {
+  *out << tested.name;
+}
 
 class AlertKeys : public QtWindows, public testing::WithParamInterface<AlertKey> {};
 

@@ -142,6 +142,9 @@ void QtWindow::addSubview(const PushButton& button) {
 }
 
 void QtWindow::show() {
+  // The font may have changed since. A window that only then grows would lose the place that
+  // the window manager picks for it.
+  if (!native_->isVisible()) native_->adjustSize();
   if (owner_) {
     native_->winId();  // makes the native window, which is what can belong to another
     native_->windowHandle()->setTransientParent(owner_->native_->windowHandle());
