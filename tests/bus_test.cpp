@@ -111,10 +111,10 @@ TEST_F(Bus, GivesEachArrivalItsOwnIdAndClosesWhatHasLeft) {
 
 TEST_F(Bus, SaysThatADeviceCanNotBeOpenedAndFindsItOnceItCan) {
   EmulatedBus bus(qm5, {.permitted = false});
-  bus.plug();
   start();
+  bus.plug();
   bus.unplug();
-  ASSERT_EQ(announced(1).size(), 1U);
+  ASSERT_EQ(announced(1).size(), 1U) << "a removal alone";
   EXPECT_EQ(transcript.take(), Lines{"out: Could not open device (error: -3)"});
   bus.setPermitted(true);
   bus.plug();
@@ -126,7 +126,8 @@ TEST_F(Bus, AnnouncesADeviceWithoutANameAllTheSame) {
   EmulatedBus bus(qm5, {.product = std::nullopt});
   start();
   bus.plug();
-  EXPECT_EQ(announced(1), Lines{"connected " + std::to_string(record_.id) + " "});
+  const Lines lines = announced(1);
+  EXPECT_EQ(lines, Lines{"connected " + std::to_string(record_.id) + " "});
   EXPECT_EQ(transcript.take(), Lines{"out: Error getting device name"});
 }
 
