@@ -2,7 +2,7 @@
 
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
-#include <openssl/err.h>
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/param_build.h>
 #include <openssl/rsa.h>
@@ -51,7 +51,9 @@ bool signatureHolds(const Bytes& modulus, const Bytes& signature, const Bytes& m
       EVP_PKEY_CTX_set_rsa_pss_saltlen(padding, kSaltBytes) > 0 &&
       EVP_DigestVerify(context.get(), signature.data(), signature.size(), message.data(),
                        message.size()) == 1;
-  ERR_clear_error();  // a wrong signature leaves its reason on this thread's error queue
+  // The thread may be one that the process ends without joining: nothing of the library's,
+  // a wrong signature's reason included, is to stay with it.
+  OPENSSL_thread_stop();
   return holds;
 }
 

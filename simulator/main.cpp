@@ -62,22 +62,19 @@ std::optional<pid_t> start(const std::vector<std::string>& program) {
   return std::nullopt;
 }
 
-/// The next of `signals`, or nothing when `deadline`, if there is one, comes first.
-std::optional<siginfo_t> nextSignal(const sigset_t& signals,
-                                    const std::optional<Clock::time_point>& deadline) {
+constexpr Clock::time_point kNever = Clock::time_point::max();
+
+/// The next of `signals`; empty when `deadline` comes first.
+std::optional<siginfo_t> nextSignal(const sigset_t& signals, Clock::time_point deadline) {
   siginfo_t signal{};
-  while (true) {
-    if (!deadline) {
-      if (sigwaitinfo(&signals, &signal) > 0) return signal;
-      continue;
-    }
-    const auto left = std::max(*deadline - Clock::now(), Clock::duration::zero());
+  do {
+    const auto left = std::max(deadline - Clock::now(), Clock::duration::zero());
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
     const std::chrono::nanoseconds rest = left - seconds;
     const timespec time{seconds.count(), rest.count()};
     if (sigtimedwait(&signals, &signal, &time) > 0) return signal;
-    if (errno == EAGAIN) return std::nullopt;
-  }
+  } while (errno != EAGAIN);
+  return std::nullopt;
 }
 
 /// The exit status of `process` as a shell gives it; empty while it runs.
@@ -95,13 +92,13 @@ void forward(const siginfo_t& signal, pid_t process) {
 }
 
 /// Runs the bus by signals and time until the program ends; returns its exit status.
-int attend(pid_t process, EmulatedBus& bus, std::optional<Clock::time_point> attach_at) {
+int attend(pid_t process, EmulatedBus& bus, Clock::time_point attach_at) {
   const sigset_t signals = controlSignals();
   while (true) {
     const auto signal = nextSignal(signals, attach_at);
     if (!signal) {
       bus.plug();
-      attach_at.reset();
+      attach_at = kNever;
       continue;
     }
     switch (signal->si_signo) {
@@ -159,15 +156,11 @@ int simulate(const SimulatorOptions& options) {
         [&](const RequestRecord& request) { trace << traceLine(request, began) << std::endl; });
   }
   EmulatedBus bus(device, options.bus);
-  std::optional<Clock::time_point> attach_at;
-  if (options.attach_after.count() > 0) {
-    attach_at = began + options.attach_after;
-  } else {
-    bus.plug();
-  }
+  const bool later = options.attach_after.count() > 0;
+  if (!later) bus.plug();
   const auto process = start(options.program);
   if (!process) return kCommandNotFound;
-  const int status = attend(*process, bus, attach_at);
+  const int status = attend(*process, bus, later ? began + options.attach_after : kNever);
   bus.unplug();
   const Verdict verdict = judge(device, expected);
   announce(verdict.line, status);
