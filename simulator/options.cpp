@@ -30,7 +30,7 @@ one line what became of the device.
                          May be given more than once.
   --attach-after SECONDS plug the QM5 in that long after the start of PROGRAM
   --no-product           the QM5 has no name
-  --no-permission        the QM5 can't be opened until it is plugged in anew
+  --no-permission        the QM5 can't be opened until SIGUSR1 and SIGUSR2 have replugged it
   --latency-ms N         time that each request takes (default 0)
   --image FILE           image whose payload the flash must hold in the end
   --trace FILE           write each request as a line of JSON
