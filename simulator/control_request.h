@@ -18,7 +18,9 @@ struct ControlSetup {
 };
 
 /// Whether data flows from the device to the host.
-inline bool isRead(const ControlSetup& setup) { return (setup.bmRequestType & 0x80) != 0; }
+inline bool isRead(const ControlSetup& setup) {
+  return (setup.bmRequestType & 0x80) != 0;
+}
 
 enum class ControlStatus {
   ok,
@@ -29,7 +31,7 @@ enum class ControlStatus {
 
 struct ControlResult {
   ControlStatus status = ControlStatus::ok;
-  Bytes data = {};           ///< of a read: what the device sent, at most wLength bytes
+  Bytes data = {};          ///< of a read: what the device sent, at most wLength bytes
   bool comes_back = false;  ///< with `gone`: it is plugged in again a moment later
 };
 

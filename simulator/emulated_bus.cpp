@@ -26,9 +26,14 @@ constexpr const char* kDevicePath = "/devices/pci0000:00/0000:00:14.0/usb1/1-1";
 
 // Device descriptors (18 bytes), each with one configuration of one interface that has no
 // endpoint but zero.
-constexpr const char* kConfiguration = "09021200010100803209040000" "00ff000000";
+constexpr const char* kConfiguration =
+    "09021200010100803209040000"
+    "00ff000000";
 constexpr const char* kRootHubDescriptor = "12010002090000406b1d0200000600000001";
-constexpr const char* kDeviceDescriptor = "12010002ff000040" "5104e1ac" "000100010001";
+constexpr const char* kDeviceDescriptor =
+    "12010002ff000040"
+    "5104e1ac"
+    "000100010001";
 
 // A file that nobody may write, root included: what a program gets that opens it to talk
 // to a device is the error of a node that isn't its own.
@@ -40,18 +45,21 @@ std::string threeDigits(unsigned int number) {
   return std::string(3 - digits.size(), '0') + digits;
 }
 
-std::string nodePath(unsigned int address) { return "/dev/bus/usb/001/" + threeDigits(address); }
+std::string nodePath(unsigned int address) {
+  return "/dev/bus/usb/001/" + threeDigits(address);
+}
 
 /// A device's description in the test bed's notation.
 std::string describe(const std::string& path, unsigned int address, const std::string& attributes,
                      const std::string& descriptor) {
   const std::string number = threeDigits(address);
-  return "P: " + path + "\nE: DEVNAME=" + nodePath(address) + "\nE: DEVTYPE=usb_device\nE: SUBSYSTEM=usb\nE: BUSNUM=001\nE: DEVNUM=" + number +
+  return "P: " + path + "\nE: DEVNAME=" + nodePath(address) +
+         "\nE: DEVTYPE=usb_device\nE: SUBSYSTEM=usb\nE: BUSNUM=001\nE: DEVNUM=" + number +
          "\nE: MAJOR=189\nE: MINOR=" + std::to_string(address - 1) +
          "\nA: dev=189:" + std::to_string(address - 1) +
          "\nA: busnum=1\nA: devnum=" + std::to_string(address) +
-         "\nA: speed=480\nA: bConfigurationValue=1\n" + attributes + "H: descriptors=" + descriptor +
-         kConfiguration + "\n\n";
+         "\nA: speed=480\nA: bConfigurationValue=1\n" + attributes +
+         "H: descriptors=" + descriptor + kConfiguration + "\n\n";
 }
 
 std::string describeRootHub() {

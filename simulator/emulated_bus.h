@@ -20,9 +20,9 @@ namespace qm5 {
 class EmulatedBus {
  public:
   struct Options {
-    std::optional<std::string> product = "QM5";  ///< absent: the device has no name
-    bool permitted = true;                       ///< false: opening its node gets EACCES
-    std::chrono::milliseconds latency{0};        ///< of each control request
+    std::optional<std::string> product = "QM5";   ///< absent: the device has no name
+    bool permitted = true;                        ///< false: opening its node gets EACCES
+    std::chrono::milliseconds latency{0};         ///< of each control request
     std::chrono::milliseconds replug_delay{200};  ///< of a device that leaves and comes back
   };
 

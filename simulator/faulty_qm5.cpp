@@ -9,7 +9,9 @@ namespace {
 constexpr std::uint16_t kCommandRegister = 0x1E;
 constexpr std::uint16_t kData3Register = 0x1F;
 
-void shorten(Bytes& reply, std::size_t by) { reply.resize(reply.size() - std::min(by, reply.size())); }
+void shorten(Bytes& reply, std::size_t by) {
+  reply.resize(reply.size() - std::min(by, reply.size()));
+}
 
 }  // namespace
 
@@ -102,7 +104,9 @@ void FaultyQm5::noteTask(const ControlSetup& setup, ByteView data) {
 
 // The host reads the outcome of SFWi from the length byte, that of the others from the
 // register's first byte.
-std::size_t FaultyQm5::resultElement() const { return task_ == "SFWi" ? 0 : 1; }
+std::size_t FaultyQm5::resultElement() const {
+  return task_ == "SFWi" ? 0 : 1;
+}
 
 void FaultyQm5::powerCycle() {
   const std::lock_guard lock(mutex_);

@@ -20,14 +20,14 @@
 namespace qm5 {
 
 enum class FaultKind {
-  stall,         ///< this request is refused
-  stall_on,      ///< this request and all after it, until the device is plugged in again
-  result,        ///< the low nibble of the reply's result element becomes `value`
-  short_reply,   ///< the reply lacks its last `value` bytes
-  silent,        ///< no answer, ever
-  busy_for_ever, ///< no task ends any more, until the device is plugged in again
-  unplug,        ///< the device leaves in the middle of this request
-  replug,        ///< the same, and it comes back a moment later
+  stall,          ///< this request is refused
+  stall_on,       ///< this request and all after it, until the device is plugged in again
+  result,         ///< the low nibble of the reply's result element becomes `value`
+  short_reply,    ///< the reply lacks its last `value` bytes
+  silent,         ///< no answer, ever
+  busy_for_ever,  ///< no task ends any more, until the device is plugged in again
+  unplug,         ///< the device leaves in the middle of this request
+  replug,         ///< the same, and it comes back a moment later
 };
 
 /// A fault happens once: at the control request of that number, or at the task of that
@@ -91,7 +91,7 @@ class FaultyQm5 {
   bool stalls_ = false;
   std::size_t request_count_ = 0;
   std::map<std::string, std::size_t, std::less<>> task_counts_;
-  std::string task_;           // the last one that was started
+  std::string task_;            // the last one that was started
   bool reply_pending_ = false;  // its reply has not been read yet
   std::vector<RequestRecord> requests_;
 };

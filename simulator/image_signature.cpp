@@ -2,7 +2,7 @@
 
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
-#include <openssl/err.h>
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/param_build.h>
 #include <openssl/rsa.h>
@@ -27,8 +27,7 @@ template <typename T>
 using Owned = std::unique_ptr<T, Free>;
 
 Owned<EVP_PKEY> publicKey(const Bytes& modulus) {
-  const Owned<BIGNUM> number(
-      BN_bin2bn(modulus.data(), static_cast<int>(modulus.size()), nullptr));
+  const Owned<BIGNUM> number(BN_bin2bn(modulus.data(), static_cast<int>(modulus.size()), nullptr));
   const Owned<OSSL_PARAM_BLD> builder(OSSL_PARAM_BLD_new());
   OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_N, number.get());
   OSSL_PARAM_BLD_push_ulong(builder.get(), OSSL_PKEY_PARAM_RSA_E, kExponent);
@@ -47,13 +46,14 @@ bool signatureHolds(const Bytes& modulus, const Bytes& signature, const Bytes& m
   const Owned<EVP_MD_CTX> context(EVP_MD_CTX_new());
   EVP_PKEY_CTX* padding = nullptr;  // belongs to `context`
   const bool holds =
-      key &&
-      EVP_DigestVerifyInit(context.get(), &padding, EVP_sha256(), nullptr, key.get()) == 1 &&
+      key && EVP_DigestVerifyInit(context.get(), &padding, EVP_sha256(), nullptr, key.get()) == 1 &&
       EVP_PKEY_CTX_set_rsa_padding(padding, RSA_PKCS1_PSS_PADDING) > 0 &&
       EVP_PKEY_CTX_set_rsa_pss_saltlen(padding, kSaltBytes) > 0 &&
       EVP_DigestVerify(context.get(), signature.data(), signature.size(), message.data(),
                        message.size()) == 1;
-  ERR_clear_error();  // a wrong signature leaves its reason on this thread's error queue
+  // The thread may be one that the process ends without joining: nothing of the library's,
+  // a wrong signature's reason included, is to stay with it.
+  OPENSSL_thread_stop();
   return holds;
 }
 

@@ -24,8 +24,8 @@ constexpr std::size_t kChunkLimit = 8;  // what the controller takes a request
 constexpr std::size_t kBlock = 64;
 constexpr std::size_t kRepeat = 4;  // the bytes that stand for the previous block
 constexpr std::size_t kSecureRegion = 384;
-constexpr std::size_t kSecureBytes = 2 * kSecureRegion;                  // signature, then key
-constexpr std::size_t kFlashBytes = std::size_t{1024} * 1024;            // one bank
+constexpr std::size_t kSecureBytes = 2 * kSecureRegion;        // signature, then key
+constexpr std::size_t kFlashBytes = std::size_t{1024} * 1024;  // one bank
 constexpr std::uint8_t kErased = 0xFF;
 constexpr std::array<std::uint8_t, 4> kUnknownCommand = {'!', 'C', 'M', 'D'};
 
@@ -42,7 +42,9 @@ bool isKnown(std::string_view task) {
   return task == "SFWi" || task == "SFWd" || task == "SFWs";
 }
 
-std::string registerName(std::uint16_t address) { return "register 0x" + upperHex(address); }
+std::string registerName(std::uint16_t address) {
+  return "register 0x" + upperHex(address);
+}
 
 /// What the host gets of a register that leads with its length byte.
 ControlResult registerReply(ByteView contents, std::uint16_t length) {
@@ -124,7 +126,8 @@ ControlResult Qm5Model::writeRegister(const ControlSetup& setup, ByteView chunk)
   if (chunk.empty() || chunk.size() > kChunkLimit) {
     return refuse("a chunk of " + std::to_string(chunk.size()) + " bytes");
   }
-  if (task_) return refuse(registerName(setup.wValue) + " written while " + task_->name + " is busy");
+  if (task_)
+    return refuse(registerName(setup.wValue) + " written while " + task_->name + " is busy");
   // Whatever comes of this write, the one before it is no longer what a task may consume.
   if (setup.wValue == kData3Register) input_.reset();
   if (setup.wIndex == 0 && (!open_write_ || open_write_->address != setup.wValue)) {

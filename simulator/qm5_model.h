@@ -92,7 +92,7 @@ class Qm5Model {
   bool hung_ = false;
   std::optional<RegisterWrite> open_write_;
   std::optional<BusyTask> task_;
-  std::array<std::uint8_t, 4> command_shown_{};   // zeros, or why the last one didn't run
+  std::array<std::uint8_t, 4> command_shown_{};  // zeros, or why the last one didn't run
   std::array<std::uint8_t, kDataRegisterBytes> data_register_{};
   std::optional<Bytes> input_;  // written to DATA3 and not yet consumed by a task
 

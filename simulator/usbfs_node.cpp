@@ -13,14 +13,15 @@ namespace qm5 {
 namespace {
 
 constexpr std::size_t kSetupBytes = 8;  // a control transfer's buffer starts with the packet
-constexpr std::uint32_t kCapabilities = USBDEVFS_CAP_ZERO_PACKET |
-                                        USBDEVFS_CAP_NO_PACKET_SIZE_LIM |
-                                        USBDEVFS_CAP_REAP_AFTER_DISCONNECT;
+constexpr std::uint32_t kCapabilities =
+    USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_NO_PACKET_SIZE_LIM | USBDEVFS_CAP_REAP_AFTER_DISCONNECT;
 // An emulated node always polls as ready, so a program with a transfer under way asks for
 // it without a pause. Each such question waits this long for an answer instead.
 constexpr std::chrono::milliseconds kReapPause{2};
 
-std::size_t argumentSize(unsigned long request) { return _IOC_SIZE(request); }
+std::size_t argumentSize(unsigned long request) {
+  return _IOC_SIZE(request);
+}
 
 ByteView view(const UMockdevIoctlData& data) {
   return {data.data, static_cast<std::size_t>(data.data_len)};
@@ -49,10 +50,14 @@ ControlSetup parseSetup(ByteView packet) {
 
 int urbStatus(ControlStatus status) {
   switch (status) {
-    case ControlStatus::stall: return -EPIPE;
-    case ControlStatus::pending: return -EINPROGRESS;
-    case ControlStatus::gone: return -ESHUTDOWN;
-    case ControlStatus::ok: break;
+    case ControlStatus::stall:
+      return -EPIPE;
+    case ControlStatus::pending:
+      return -EINPROGRESS;
+    case ControlStatus::gone:
+      return -ESHUTDOWN;
+    case ControlStatus::ok:
+      break;
   }
   return 0;
 }
@@ -181,8 +186,7 @@ int UsbfsNode::discard(UMockdevIoctlClient* client) {
   const auto address = take<gulong>(*umockdev_ioctl_client_get_arg(client));
   const std::lock_guard lock(mutex_);
   const auto found = std::find_if(transfers_.begin(), transfers_.end(), [&](const Transfer& each) {
-    return each.client == client && each.urb->client_addr == address &&
-           each.status == -EINPROGRESS;
+    return each.client == client && each.urb->client_addr == address && each.status == -EINPROGRESS;
   });
   if (found == transfers_.end()) return EINVAL;
   found->status = -ENOENT;

@@ -16,11 +16,11 @@ namespace qm5 {
 namespace {
 
 constexpr std::array<std::uint8_t, 4> kMagic = {0x01, 0x00, 0xEF, 0xAC};
-constexpr std::size_t kBlock = 64;            // bytes that one task carries
-constexpr unsigned int kKeyBits = 3072;       // what the layout's 384-byte regions hold
+constexpr std::size_t kBlock = 64;       // bytes that one task carries
+constexpr unsigned int kKeyBits = 3072;  // what the layout's 384-byte regions hold
 constexpr std::size_t kKeyBytes = kKeyBits / 8;
-constexpr int kSaltBytes = 32;                // as long as the hash, the usual choice
-constexpr std::uint8_t kErased = 0xFF;        // what empty flash reads
+constexpr int kSaltBytes = 32;          // as long as the hash, the usual choice
+constexpr std::uint8_t kErased = 0xFF;  // what empty flash reads
 
 struct Free {
   void operator()(BIGNUM* number) const { BN_free(number); }

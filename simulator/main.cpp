@@ -1,0 +1,181 @@
+// qm5-simulator: starts an unchanged program on an emulated USB bus with a software QM5,
+// and tells in one line what became of the device.
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "simulator/emulated_bus.h"
+#include "simulator/faulty_qm5.h"
+#include "simulator/options.h"
+#include "simulator/trace.h"
+#include "simulator/verdict.h"
+#include "tools/firmware_image.h"
+
+namespace qm5 {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kCommandNotFound = 127;  // as a shell says it
+constexpr int kSignalled = 128;        // a program that a signal ended; the signal is added
+
+sigset_t controlSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int each : {SIGUSR1, SIGUSR2, SIGCHLD, SIGINT, SIGTERM, SIGHUP}) {
+    sigaddset(&signals, each);
+  }
+  return signals;
+}
+
+/// Starts the program with no signal blocked; empty when it can't be started.
+std::optional<pid_t> start(const std::vector<std::string>& program) {
+  std::vector<std::string> words = program;
+  std::vector<char*> arguments;
+  for (std::string& word : words) arguments.push_back(word.data());
+  arguments.push_back(nullptr);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  pid_t process = 0;
+  const int error =
+      posix_spawnp(&process, arguments[0], nullptr, &attributes, arguments.data(), environ);
+  posix_spawnattr_destroy(&attributes);
+  if (error == 0) return process;
+  std::cerr << "qm5-simulator: " << program[0] << ": " << std::strerror(error) << "\n";
+  return std::nullopt;
+}
+
+constexpr Clock::time_point kNever = Clock::time_point::max();
+
+/// The next of `signals`; empty when `deadline` comes first.
+std::optional<siginfo_t> nextSignal(const sigset_t& signals, Clock::time_point deadline) {
+  siginfo_t signal{};
+  do {
+    const auto left = std::max(deadline - Clock::now(), Clock::duration::zero());
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+    const std::chrono::nanoseconds rest = left - seconds;
+    const timespec time{seconds.count(), rest.count()};
+    if (sigtimedwait(&signals, &signal, &time) > 0) return signal;
+  } while (errno != EAGAIN);
+  return std::nullopt;
+}
+
+/// The exit status of `process` as a shell gives it; empty while it runs.
+std::optional<int> endOf(pid_t process) {
+  int status = 0;
+  if (waitpid(process, &status, WNOHANG) != process) return std::nullopt;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : kSignalled + WTERMSIG(status);
+}
+
+/// Hands a request to end on to the program.
+void forward(const siginfo_t& signal, pid_t process) {
+  // A terminal has sent its Ctrl-C to the program as well.
+  const bool from_terminal = signal.si_signo == SIGINT && signal.si_code == SI_KERNEL;
+  if (!from_terminal) kill(process, signal.si_signo);
+}
+
+/// Runs the bus by signals and time until the program ends; returns its exit status.
+int attend(pid_t process, EmulatedBus& bus, Clock::time_point attach_at) {
+  const sigset_t signals = controlSignals();
+  while (true) {
+    const auto signal = nextSignal(signals, attach_at);
+    if (!signal) {
+      bus.plug();
+      attach_at = kNever;
+      continue;
+    }
+    switch (signal->si_signo) {
+      case SIGUSR1:
+        bus.unplug();
+        break;
+      case SIGUSR2:
+        bus.setPermitted(true);
+        bus.plug();
+        break;
+      case SIGCHLD:
+        if (const auto status = endOf(process)) return *status;
+        break;
+      default:
+        forward(*signal, process);
+    }
+  }
+}
+
+/// What the flash must hold after an update with the image of that path; empty when it
+/// can't be read.
+std::optional<Bytes> expectedFlash(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  const Bytes image{std::istreambuf_iterator<char>(file), {}};
+  if (!file || image.size() < kImagePayloadStart) return std::nullopt;
+  return flashContents(ByteView(image).subspan(kImagePayloadStart));
+}
+
+/// Writes the program's line on standard output, after whatever the program has written.
+void announce(const std::string& verdict, int program_status) {
+  std::cout << "qm5-simulator: " << verdict << ", the program ended with " << program_status
+            << std::endl;
+}
+
+int simulate(const SimulatorOptions& options) {
+  std::optional<Bytes> expected;
+  if (options.image && !(expected = expectedFlash(*options.image))) {
+    std::cerr << "qm5-simulator: no image can be read from " << *options.image << "\n";
+    return 2;
+  }
+  std::ofstream trace;
+  if (options.trace) trace.open(*options.trace);
+  if (!trace) {
+    std::cerr << "qm5-simulator: " << *options.trace << " can't be written\n";
+    return 2;
+  }
+  const sigset_t signals = controlSignals();
+  sigprocmask(SIG_BLOCK, &signals, nullptr);  // before the bus makes threads, for all of them
+
+  FaultyQm5 device{Qm5Model(options.device)};
+  for (const Fault& fault : options.faults) device.addFault(fault);
+  const auto began = Clock::now();
+  if (options.trace) {
+    device.setObserver(
+        [&](const RequestRecord& request) { trace << traceLine(request, began) << std::endl; });
+  }
+  EmulatedBus bus(device, options.bus);
+  const bool later = options.attach_after.count() > 0;
+  if (!later) bus.plug();
+  const auto process = start(options.program);
+  if (!process) return kCommandNotFound;
+  const int status = attend(*process, bus, later ? began + options.attach_after : kNever);
+  bus.unplug();
+  const Verdict verdict = judge(device, expected);
+  announce(verdict.line, status);
+  return verdict.good && status == 0 ? 0 : 1;
+}
+
+}  // namespace
+}  // namespace qm5
+
+int main(int argc, char** argv) {
+  const auto parsed = qm5::parseSimulatorOptions({argv + 1, argv + argc});
+  if (const auto* const notice = std::get_if<qm5::SimulatorNotice>(&parsed)) {
+    (notice->exit_status == 0 ? std::cout : std::cerr) << notice->text;
+    return notice->exit_status;
+  }
+  qm5::EmulatedBus::enterMockEnvironment(argv);
+  return qm5::simulate(std::get<qm5::SimulatorOptions>(parsed));
+}
