@@ -70,7 +70,8 @@ ControlResult Qm5Model::control(const ControlSetup& setup, ByteView data) {
 }
 
 void Qm5Model::powerCycle() {
-  recover();
+  hung_ = false;
+  task_.reset();
   open_write_.reset();
   input_.reset();
   command_shown_ = {};

@@ -24,7 +24,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kPatience = 60s;
+constexpr auto kPatience = 30s;
 
 // The production toolkit, but for the package and the end of the process.
 class PackagedToolkit final : public QtToolkit {
@@ -48,6 +48,16 @@ Bytes smallPayload() {
     payload.insert(payload.end(), 64, static_cast<std::uint8_t>(block));
   payload.insert(payload.end(), 10, 3);
   return payload;
+}
+
+// One request as text, for comparison: setup and data sent.
+std::string requestText(unsigned type, unsigned request, unsigned value, unsigned index,
+                        unsigned length, const Bytes& sent) {
+  std::string text;
+  for (const unsigned number : {type, request, value, index, length})
+    text.append(std::to_string(number)).append(" ");
+  for (const auto byte : sent) text.append(std::to_string(byte)).append(",");
+  return text;
 }
 
 class Program : public testing::Test {
@@ -128,16 +138,6 @@ class Program : public testing::Test {
   PackagedToolkit* toolkit = new PackagedToolkit(buildImage(smallPayload()));
   FaultyQm5 qm5;
 };
-
-// One request as text, for comparison: setup and data sent.
-std::string requestText(unsigned type, unsigned request, unsigned value, unsigned index,
-                        unsigned length, const Bytes& sent) {
-  std::string text;
-  for (const unsigned number : {type, request, value, index, length})
-    text.append(std::to_string(number)).append(" ");
-  for (const auto byte : sent) text.append(std::to_string(byte)).append(",");
-  return text;
-}
 
 // What must go over the wire for an image, with a device that is ready at the first poll.
 class ExpectedRequests {

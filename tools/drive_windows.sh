@@ -60,7 +60,7 @@ xdotool key Return # Next is the default button
 within 30 grep -q "Writing SFWd chunk 0" "$work/lines" || fail "the update did not start"
 readonly blocks=$((($(stat -c %s "$image") - 772 + 63) / 64))
 within 300 grep -q "Writing SFWd chunk $((blocks / 2))\$" "$work/lines" || fail "no half way"
-save "QM5 Updater - Updating" progress
+save "Updating the QM5" progress
 
 within 300 window "Firmware update successful!" || fail "the update did not end in success"
 on_screen "Firmware update successful!"
