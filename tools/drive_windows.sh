@@ -31,8 +31,14 @@ start_screen() {
   within 10 test -s "$work/display" || fail "the virtual screen did not start"
   DISPLAY=:$(cat "$work/display")
   export DISPLAY QT_QPA_PLATFORM=xcb
-  # A window manager gives the windows their frames and the keyboard its focus.
-  openbox >/dev/null 2>&1 &
+  # A window manager gives the windows their frames and the keyboard its focus. Its frames
+  # show no controls: it would draw those too that a window does not offer.
+  cat >"$work/openbox.xml" <<'XML'
+<openbox_config xmlns="http://openbox.org/3.4/rc">
+  <theme><name>Clearlooks</name><titleLayout>NL</titleLayout></theme>
+</openbox_config>
+XML
+  openbox --config-file "$work/openbox.xml" >/dev/null 2>&1 &
   within 10 xdotool get_desktop || fail "the window manager did not start"
 }
 
