@@ -1,5 +1,6 @@
 // The entry point: puts the adapters behind the ports and hands over to the toolkit.
 
+#include <csignal>
 #include <cstdlib>
 
 #include "app_shell/main_storyboard.h"
@@ -8,6 +9,8 @@
 #include "device_monitor/libusb/libusb_registry.h"
 
 int main(int argc, char** argv) {
+  // Whoever reads the lines may leave early; an update goes on without him.
+  std::signal(SIGPIPE, SIG_IGN);
   // Never destroyed: threads use both until the process ends.
   qm5::setUSBRegistry(new qm5::LibusbRegistry);
   qm5::setToolkit(new qm5::QtToolkit);

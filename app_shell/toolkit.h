@@ -163,7 +163,8 @@ class Toolkit {
   virtual ~Toolkit() = default;
 
   /// Starts the toolkit, loads the main storyboard, shows the main window and serves its
-  /// events. Returns the exit status, if it returns at all: terminate() ends the process.
+  /// events until they end, which terminates the application. Returns the exit status where
+  /// terminate() returns.
   virtual int applicationMain(int argc, char** argv, const MainStoryboard& storyboard) = 0;
 
   /// The application's main window; nullptr while it has none.
@@ -172,7 +173,8 @@ class Toolkit {
   virtual void runModalForWindow(const std::shared_ptr<Window>& window) = 0;
   /// Ends the innermost modal run; without one nothing happens. Any thread.
   virtual void stopModal() = 0;
-  /// Ends the process at once with status 0, whatever other threads are doing.
+  /// Ends the process at once with status 0, whatever other threads are doing. Does not
+  /// return, except in tests.
   virtual void terminate() = 0;
   /// Submits a step to the main queue and returns at once. Any thread.
   virtual void mainQueueAsync(std::function<void()> step) = 0;

@@ -4,6 +4,7 @@
 #include <variant>
 
 #include "app_shell/progress_window.h"
+#include "device_link/vendor_requests.h"
 #include "platform/clock.h"
 #include "platform/console.h"
 #include "platform/fatal.h"
@@ -17,7 +18,8 @@ namespace {
 constexpr std::string_view kImageName = "QM5-combind-051723-secure-Cus-42";
 constexpr std::string_view kImageExtension = "bin";
 
-// The version that the packaged image brings. Versions are compared, never ordered.
+// The version that the packaged image brings. Versions are compared, never ordered. The
+// finish dialog and the layout "Main" name it too.
 constexpr std::string_view kTargetVersion = "4208";
 
 constexpr std::uint16_t kVendorTexasInstruments = 0x0451;
@@ -27,8 +29,6 @@ constexpr std::uint16_t kProductQM5 = 0xACE1;
 constexpr double kJobStartDelay = 1.0;  // seconds
 
 // The read of the customer version: the device puts it at the start of this register.
-constexpr std::uint8_t kVendorRead = 0xC0;
-constexpr std::uint8_t kRegisterRead = 0xFE;
 constexpr std::uint16_t kVersionRegister = 0x0006;
 constexpr std::uint16_t kVersionLength = 9;
 

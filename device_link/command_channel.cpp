@@ -4,18 +4,13 @@
 #include <string>
 
 #include "device_link/driver.h"
+#include "device_link/vendor_requests.h"
 #include "platform/clock.h"
 #include "platform/console.h"
 #include "platform/fatal.h"
 
 namespace qm5 {
 namespace {
-
-// The vendor requests to which the QM5 gives its registers.
-constexpr std::uint8_t kVendorWrite = 0x40;  // host to device, vendor, device
-constexpr std::uint8_t kVendorRead = 0xC0;   // device to host, vendor, device
-constexpr std::uint8_t kRegisterWrite = 0xFD;
-constexpr std::uint8_t kRegisterRead = 0xFE;
 
 // The device takes no more than this in one register-write request.
 constexpr std::size_t kBytesPerRequest = 8;
@@ -25,14 +20,14 @@ constexpr std::size_t kData2 = 0x11;
 constexpr std::size_t kData3 = 0x1F;
 constexpr std::size_t kExtendedData1 = 0x13;
 constexpr std::size_t kExtendedData2 = 0x12;
-constexpr std::size_t kCommand1 = 0x08;
-constexpr std::size_t kCommand2 = 0x10;
-constexpr std::size_t kCommand3 = 0x1E;
+constexpr std::uint16_t kCommand1 = 0x08;
+constexpr std::uint16_t kCommand2 = 0x10;
+constexpr std::uint16_t kCommand3 = 0x1E;
 
 // A command-register read: the length byte and the four characters.
 constexpr std::uint16_t kCommandReadLength = 5;
 
-std::size_t polledCommandRegister(std::size_t interface_number) {
+std::uint16_t polledCommandRegister(std::size_t interface_number) {
   switch (interface_number) {
     case 1:
       return kCommand1;
@@ -43,7 +38,7 @@ std::size_t polledCommandRegister(std::size_t interface_number) {
   }
 }
 
-// Only the first two characters are looked at: the device clears all four together.
+// Only the first two characters are looked at; the others may still stand.
 bool commandHasFinished(std::uint16_t command_register) {
   if (!global_driver) return false;
   const std::optional<Bytes> reply =
@@ -92,8 +87,7 @@ void write_4cc(std::string_view command, const std::optional<ByteView>& data,
 
 void wait_for_command(std::size_t max_retries, double delay_between_retries,
                       std::size_t interface_number) {
-  const auto command_register =
-      narrow<std::uint16_t>(polledCommandRegister(interface_number), "command register");
+  const std::uint16_t command_register = polledCommandRegister(interface_number);
   std::size_t attempt = 0;
   do {
     if (commandHasFinished(command_register)) return;
@@ -108,7 +102,7 @@ std::optional<Bytes> read_data(std::size_t num_bytes_to_read, std::size_t interf
   const auto addr = narrow<std::uint16_t>(data_register_for_interface(interface_number, ext_data),
                                           "data register over 16 bits");
   // The register's contents come behind one length byte.
-  if (num_bytes_to_read > 0xFFFE) fatal("a register read longer than a control request");
+  if (num_bytes_to_read >= 0xFFFF) fatal("a register read longer than a control request");
   const auto length = static_cast<std::uint16_t>(num_bytes_to_read + 1);
   if (!global_driver) return std::nullopt;
   return global_driver->usb_read(kVendorRead, kRegisterRead, addr, 0, length);

@@ -16,7 +16,7 @@
 
 namespace qm5 {
 
-/// Extended data of a command; most commands have none.
+/// Extended data of a command; those of the firmware update have none.
 using ExtendedData = std::optional<ByteView>;
 
 /// The data register of a host interface. Of `ext_data` only the presence counts. An

@@ -18,7 +18,8 @@ namespace qm5 {
 class Driver {
  public:
   /// Starts to follow the devices with that vendor and product identifier, on a thread of
-  /// its own. Does not wait for it: a device that is attached already is found a little later.
+  /// its own, and does not wait for it. The thread starts before the new object listens: a
+  /// device that it announces in between is not seen.
   Driver(std::uint16_t vendorID, std::uint16_t productID);
   Driver(const Driver&) = delete;
   Driver& operator=(const Driver&) = delete;
@@ -52,8 +53,11 @@ class Driver {
 
   mutable std::mutex mutex_;
   std::optional<USBDevice> device_info_;  // replaced or cleared as a whole
+
+  // The system's own names for the two.
   const std::shared_ptr<USBDeviceMonitor> deviceMonitor;
   Thread deviceMonitorDaemon;
+
   std::optional<NotificationCenter::Registration> connected_;
   std::optional<NotificationCenter::Registration> disconnected_;
 };

@@ -92,7 +92,7 @@ void USBDeviceMonitor::watch(const USBMonitorData& entry) {
   matching->numbers["idVendor"] = entry.vendorId;
   matching->numbers["idProduct"] = entry.productId;
 
-  // A watch that can't be registered has an iterator that yields nothing.
+  // A watch that can't be registered is one that never yields anything.
   io_iterator_t arrived = 0;
   registry.serviceAddMatchingNotification(
       port, IONotificationType::firstMatch, *matching,

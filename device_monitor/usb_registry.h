@@ -96,12 +96,13 @@ class USBRegistry {
   /// A dictionary that matches all services of that class; nullptr when there can't be one.
   virtual std::unique_ptr<MatchingDictionary> serviceMatching(const std::string& class_name) = 0;
   /// Registers a watch and sets `iterator` to its iterator, which yields what is there
-  /// already. The watch calls back only once that has been drained.
+  /// already. The watch calls back only once that has been drained. A watch that can't be
+  /// registered leaves `iterator` alone.
   virtual IOReturn serviceAddMatchingNotification(io_port_t port, IONotificationType type,
                                                   const MatchingDictionary& matching,
                                                   MatchingCallback callback,
                                                   io_iterator_t& iterator) = 0;
-  /// The next service, which the caller releases; 0 when the iterator is drained.
+  /// The next service, which the caller releases; 0 when the iterator is drained or is 0.
   virtual io_service_t iteratorNext(io_iterator_t iterator) = 0;
   /// A number that no other device has or had, the same from arrival to removal.
   virtual IOReturn registryEntryGetRegistryEntryID(io_service_t service, std::uint64_t& id) = 0;

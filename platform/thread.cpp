@@ -2,8 +2,11 @@
 
 #include <pthread.h>
 
+#include <system_error>
 #include <thread>
 #include <utility>
+
+#include "platform/fatal.h"
 
 namespace qm5 {
 namespace {
@@ -22,11 +25,13 @@ void setCurrentName(const std::string& name) {
 Thread::Thread(std::string name, std::function<void()> entry)
     : name_(std::move(name)), entry_(std::move(entry)) {}
 
-void Thread::start() {
+void Thread::start() try {
   std::thread([name = name_, entry = std::move(entry_)] {
     setCurrentName(name);
     entry();
   }).detach();
+} catch (const std::system_error& error) {
+  fatal(error.what());
 }
 
 }  // namespace qm5

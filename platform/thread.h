@@ -12,7 +12,8 @@ class Thread {
   /// `name` shows in debuggers (the system keeps 15 bytes). `entry` and all it holds are
   /// kept until it has returned.
   Thread(std::string name, std::function<void()> entry);
-  /// Starts the thread and returns at once. Call it once.
+  /// Starts the thread and returns at once. Call it once. Fatal when the system has no
+  /// thread left.
   void start();
 
  private:

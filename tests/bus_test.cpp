@@ -1,10 +1,16 @@
 // The libusb adapter with the monitor and the Driver on it, on the emulated bus.
 #include <gtest/gtest.h>
+#include <pthread.h>
 
+#include <any>
+#include <array>
+#include <chrono>
+#include <condition_variable>
 #include <filesystem>
 #include <future>
+#include <memory>
+#include <mutex>
 #include <set>
-#include <thread>
 
 #include "device_link/driver.h"
 #include "device_monitor/libusb/libusb_registry.h"
@@ -43,7 +49,9 @@ class Bus : public testing::Test {
   }
   void announce(const std::string& line) {
     const std::lock_guard lock(mutex_);
-    announced_.push_back(line);
+    std::array<char, 16> thread{};
+    pthread_getname_np(pthread_self(), thread.data(), thread.size());
+    announced_.push_back(line + " [" + thread.data() + "]");
     changed_.notify_all();
   }
   // What has been announced once there are `count`, and a moment in which more could come.
@@ -57,7 +65,6 @@ class Bus : public testing::Test {
 
   Transcript transcript;
   FaultyQm5 qm5;
-  EmulatedBus::Options options;
   USBDevice record_;
 
  private:
@@ -79,7 +86,7 @@ TEST_F(Bus, AnnouncesADeviceThatIsThereAlreadyAndReadsItsVersion) {
   start();
   const Lines lines = announced(1);
   ASSERT_EQ(lines.size(), 1U);
-  EXPECT_EQ(lines[0], "connected " + std::to_string(record_.id) + " QM5");
+  EXPECT_EQ(lines[0], "connected " + std::to_string(record_.id) + " QM5 [USBMonitor]");
   EXPECT_EQ(qm5.requestCount(), 0U) << "discovery sends nothing";
   EXPECT_EQ(global_driver->usb_read(0xC0, 0xFE, 6, 0, 9), (Bytes{0x01, 0x42, 0, 0, 0, 0, 0, 0, 0}));
   EXPECT_EQ(global_driver->usb_write(0x40, 0xFD, 0x1E, 4, Bytes{'S', 'F', 'W', 'i'}), 4U);
@@ -96,11 +103,11 @@ TEST_F(Bus, GivesEachArrivalItsOwnIdAndClosesWhatHasLeft) {
     const Lines arrival = announced(1);
     ASSERT_EQ(arrival.size(), 1U) << "round " << round;
     const std::string id = std::to_string(record_.id);
-    EXPECT_EQ(arrival[0], "connected " + id + " QM5");
+    EXPECT_EQ(arrival[0], "connected " + id + " QM5 [IODetector]");
     EXPECT_TRUE(ids.insert(record_.id).second);
     ASSERT_TRUE(global_driver->usb_read(0xC0, 0xFE, 6, 0, 9));
     bus.unplug();
-    ASSERT_EQ(announced(1), Lines{"disconnected " + id});
+    ASSERT_EQ(announced(1), Lines{"disconnected " + id + " [IODetector]"});
     EXPECT_FALSE(global_driver->deviceInfo());
     IOUSBDevRequest request{};
     EXPECT_EQ((*record_.deviceInterfacePtrPtr)->DeviceRequest(request), -4) << "no device";
@@ -114,7 +121,8 @@ TEST_F(Bus, SaysThatADeviceCanNotBeOpenedAndFindsItOnceItCan) {
   start();
   bus.plug();
   Lines lines;
-  while (lines.empty()) lines = transcript.take();
+  const auto end = std::chrono::steady_clock::now() + kPatience;
+  while (lines.empty() && std::chrono::steady_clock::now() < end) lines = transcript.take();
   EXPECT_EQ(lines, Lines{"out: Could not open device (error: -3)"});
   bus.unplug();
   const Lines left = announced(1);
@@ -130,9 +138,17 @@ TEST_F(Bus, AnnouncesADeviceWithoutANameAllTheSame) {
   EmulatedBus bus(qm5, {.product = std::nullopt});
   start();
   bus.plug();
-  const Lines lines = announced(1);
-  EXPECT_EQ(lines, Lines{"connected " + std::to_string(record_.id) + " "});
+  EXPECT_EQ(announced(1).size(), 1U);
+  EXPECT_EQ(record_.name, "");
   EXPECT_EQ(transcript.take(), Lines{"out: Error getting device name"});
+}
+
+TEST_F(Bus, CutsANameThatIsTooLongForTheRegistry) {
+  EmulatedBus bus(qm5, {.product = std::string(300, 'x')});
+  start();
+  bus.plug();
+  EXPECT_EQ(announced(1).size(), 1U);
+  EXPECT_EQ(record_.name, std::string(127, 'x'));
 }
 
 TEST_F(Bus, EndsARequestThatTheDeviceNeverAnswersWhenTheDeviceLeaves) {
@@ -143,7 +159,7 @@ TEST_F(Bus, EndsARequestThatTheDeviceNeverAnswersWhenTheDeviceLeaves) {
   ASSERT_EQ(announced(1).size(), 1U);
   auto reply =
       std::async(std::launch::async, [] { return global_driver->usb_read(0xC0, 0xFE, 6, 0, 9); });
-  EXPECT_EQ(reply.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+  EXPECT_EQ(reply.wait_for(std::chrono::milliseconds(1200)), std::future_status::timeout);
   bus.unplug();
   ASSERT_EQ(reply.wait_for(kPatience), std::future_status::ready);
   EXPECT_EQ(reply.get(), std::nullopt);

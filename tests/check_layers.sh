@@ -36,7 +36,7 @@ only() {
 }
 mapfile -t sources < <(find app_shell device_link device_monitor platform simulator tools \
   update_engine -name '*.h' -o -name '*.cpp')
-only 'Q[A-Za-z]*>' app_shell/qt
+only 'Q[A-Za-z/]*>' app_shell/qt
 only 'libusb' device_monitor/libusb
 only '(umockdev|glib)' simulator
 only 'openssl' 'tools simulator'

@@ -68,6 +68,8 @@ TEST_F(Link, ReadsTheLengthAskedForWhateverTheDeviceSent) {
   EXPECT_EQ(global_driver->usb_read(0xC0, 0xFE, 0x1F, 0, 0), Bytes{});
   device.expectRead(0x1F, 5, std::nullopt);
   EXPECT_EQ(global_driver->usb_read(0xC0, 0xFE, 0x1F, 0, 5), std::nullopt);
+  device.expect({0xA1, 0xB2, 0xC3D4, 0xE5F6, 2, nullptr, 0xFF}, {}, Bytes{8, 9});
+  EXPECT_EQ(global_driver->usb_read(0xA1, 0xB2, 0xC3D4, 0xE5F6, 2), (Bytes{8, 9}));
 }
 
 TEST_F(Link, WritesUpToTheLargestRequest) {
@@ -76,7 +78,7 @@ TEST_F(Link, WritesUpToTheLargestRequest) {
     device.expectWrite(0x1F, 0xFFFF, counting(size));
     EXPECT_EQ(global_driver->usb_write(0x40, 0xFD, 0x1F, 0xFFFF, counting(size)), size);
   }
-  device.expectWrite(0x1F, 0, counting(3), kRefused);
+  device.expectWrite(0x1F, 0, counting(3), false);
   EXPECT_EQ(global_driver->usb_write(0x40, 0xFD, 0x1F, 0, counting(3)), 0U);
 }
 
@@ -130,7 +132,7 @@ TEST_F(Link, WritesARegisterInChunksWithTheTotalFirst) {
   EXPECT_EQ(usbep_write(0x1F, {}), 0U);
   device.expectWrite(0x1F, 8, {0, 1, 2, 3, 4, 5, 6, 7});
   EXPECT_EQ(usbep_write(0x1F, counting(8)), 8U);
-  device.expectWrite(0x1F, 9, {0, 1, 2, 3, 4, 5, 6, 7}, kRefused);
+  device.expectWrite(0x1F, 9, {0, 1, 2, 3, 4, 5, 6, 7}, false);
   device.expectWrite(0x1F, 0, {8});
   EXPECT_EQ(usbep_write(0x1F, counting(9)), 9U) << "a refused request is not reported";
   device.expectWrite(0x1F, 20, {0, 1, 2, 3, 4, 5, 6, 7});
@@ -183,6 +185,12 @@ TEST_F(Link, GivesUpPollingAfterTheLastSleep) {
   wait_for_command(300, 1.0, 3);  // no device: nothing is read
   EXPECT_EQ(clock.takeSleeps(), std::vector<double>(300, 1.0));
   EXPECT_EQ(transcript.take(), too_long);
+  const auto driver = std::exchange(global_driver, nullptr);
+  write_4cc("SFWd", counting(4), 3, std::nullopt);
+  wait_for_command(2, 0.1, 3);
+  EXPECT_EQ(clock.takeSleeps(), std::vector<double>(2, 0.1));
+  EXPECT_EQ(transcript.take(), too_long);
+  global_driver = driver;
   attach();
   for (int i = 0; i < 15; ++i) device.expectRead(0x1E, 5, Bytes{4, 'S', 'F', 'W', 'd'});
   wait_for_command(15, 0.1, 3);

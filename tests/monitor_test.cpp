@@ -48,11 +48,13 @@ class Monitor : public testing::Test {
   ScriptedUsbDevice qm5;
 };
 
-TEST_F(Monitor, ArmsBothWatchesOfAnEntryAndThenServesEvents) {
-  USBDeviceMonitor(kQM5).start();
+TEST_F(Monitor, ArmsBothWatchesOfEachEntryAndThenServesEvents) {
+  USBDeviceMonitor({kQM5[0], {1, 2}}).start();
   EXPECT_EQ(registry.takeSteps(),
             (Lines{"port", "queue", "matching IOUSBDevice", "watch 4 for 1105/44257",
-                   "watch 5 for 1105/44257", "drained 4", "drained 5", "run loop"}));
+                   "watch 5 for 1105/44257", "drained 4", "drained 5",  //
+                   "port", "queue", "matching IOUSBDevice", "watch 4 for 1/2", "watch 5 for 1/2",
+                   "drained 4", "drained 5", "run loop"}));
 }
 
 TEST_F(Monitor, GoesStraightToEventsWithoutEntries) {
@@ -64,10 +66,10 @@ TEST_F(Monitor, AnnouncesWhatIsThereFromTheArmingThreadAndWhatComesFromTheQueue)
   registry.attach({.device = &qm5});
   USBDeviceMonitor monitor(kQM5);
   monitor.start();
-  registry.leave({.device = &qm5});
-  registry.arrive({.id = 8, .device = &qm5});
+  registry.leave({{.device = &qm5}});
+  registry.arrive({{.plug_in_result = -1}, {.id = 8, .device = &qm5}, {.id = 9, .device = &qm5}});
   EXPECT_EQ(transcript.take(), (Lines{"connected 7 QM5 [arming thread]", "disconnected 7 [queue]",
-                                      "connected 8 QM5 [queue]"}));
+                                      "connected 8 QM5 [queue]", "connected 9 QM5 [queue]"}));
 }
 
 TEST_F(Monitor, EndsANameAtItsFirstZeroByte) {
@@ -117,6 +119,12 @@ INSTANTIATE_TEST_SUITE_P(
         ArrivalFault{"null plug-in",
                      [](auto& service, auto&) { service.has_plug_in = false; },
                      {"out: Unable to get Plug-In Interface"}},
+        ArrivalFault{"null plug-in table",
+                     [](auto&, auto& device) { device.losePlugInTable(); },
+                     {"out: Unable to get Plug-In Interface"}},
+        ArrivalFault{"null device",
+                     [](auto&, auto& device) { device.has_device = false; },
+                     {"out: Unable to get Device Interface"}},
         ArrivalFault{"query refused", [](auto&, auto& device) { device.query_result = -1; }, {}},
         ArrivalFault{"null device table",
                      [](auto&, auto& device) { device.has_device_table = false; },
@@ -134,10 +142,10 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(Monitor, ReportsARemovalByIdAndSaysWhenTheServiceCanNotBeReleased) {
   USBDeviceMonitor monitor(kQM5);
   monitor.start();
-  registry.leave({.id = {}, .device = &qm5});
-  registry.leave({.release_result = -5, .device = &qm5});
+  registry.leave({{.id = {}}, {.release_result = -5}, {.id = 8}});
   EXPECT_EQ(transcript.take(), (Lines{"out: Error getting device id", "disconnected 0 [queue]",
-                                      "out: Couldn’t release raw device object (error: -5)"}));
+                                      "out: Couldn’t release raw device object (error: -5)",
+                                      "disconnected 8 [queue]"}));
 }
 
 TEST(RequestType, IsComposedOfDirectionTypeAndRecipient) {

@@ -30,7 +30,10 @@ constexpr auto kPatience = 30s;
 class PackagedToolkit final : public QtToolkit {
  public:
   explicit PackagedToolkit(Bytes packaged) : image(std::move(packaged)) {}
-  FileContents readFile(const std::string&) override { return image; }
+  FileContents readFile(const std::string&) override {
+    if (image.empty()) return FileError{"none"};
+    return image;
+  }
   void terminate() override {
     ended = true;
     if (ends_process) QtToolkit::terminate();
@@ -306,6 +309,64 @@ TEST_F(Program, SurvivesAnUnplugAtAnyMomentAndTheNextRunSucceeds) {
     expectSuccess();
   });
   EXPECT_GT(rounds, 15U);
+}
+
+TEST_F(Program, SaysThatThePackageIsBroken) {
+  toolkit = new PackagedToolkit({});
+  EmulatedBus bus(qm5);
+  bus.plug();
+  run([&] {
+    awaitDevice();
+    for (int round = 0; round < 2; ++round) {
+      press("Next");
+      EXPECT_EQ(alert(),
+                "<b>QM5 firmware update data error!</b> | Attached binary file data error."
+                "\nPlease download this program and try again.");
+      press("OK");
+    }
+  });
+}
+
+TEST_F(Program, NoticesAnUnplugBeforeItsFirstLook) {
+  EmulatedBus bus(qm5);
+  bus.plug();
+  clock.during_sleep = [&](double) {
+    bus.unplug();
+    while (global_driver->deviceInfo()) std::this_thread::yield();
+  };
+  run([&] {
+    awaitDevice();
+    press("Next");
+    EXPECT_TRUE(alert().starts_with("<b>No QM5 device !</b>"));
+    press("OK");
+  });
+}
+
+// The question whether to quit leaves the update alone, answered or not.
+TEST_F(Program, GoesOnUpdatingWhileItAsksWhetherToQuit) {
+  for (const bool answered : {true, false}) {
+    EXPECT_EXIT(
+        {
+          std::promise<void> asked;
+          qm5.setObserver([&, open = asked.get_future().share()](const RequestRecord&) {
+            if (qm5.requestCount() == 60) open.wait();
+          });
+          EmulatedBus bus(qm5);
+          bus.plug();
+          run([&] {
+            awaitDevice();
+            press("Next");
+            press("Abort");
+            EXPECT_TRUE(alert().starts_with("<b>Exit confirmation</b>"));
+            if (answered) press("Don't quit");
+            asked.set_value();
+            expectSuccess();
+            EXPECT_FALSE(onMain([] { return pressable("Quit") != nullptr; }));
+          });
+          std::_Exit(HasFailure() ? 1 : 0);
+        },
+        testing::ExitedWithCode(0), "");
+  }
 }
 
 using ProgramDeathTest = Program;

@@ -327,6 +327,18 @@ TEST_F(Shell, SharesOneDriverAmongControllers) {
   EXPECT_EQ(global_driver, first);
 }
 
+TEST_F(Shell, HasNoVersionWithoutTheProcesssDriver) {
+  start();
+  attach();
+  const auto driver = std::exchange(global_driver, nullptr);
+  toolkit.main->press("btnNext");
+  toolkit.runUntilAlert();
+  const Lines lines = transcript.take();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "log: Get customer version error."), 1);
+  toolkit.answer(kOK);
+  global_driver = driver;
+}
+
 struct MissingPart {
   std::string_view name;
   void (*remove)(ScriptedToolkit&);

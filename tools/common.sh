@@ -13,21 +13,26 @@ readonly packages_check="clang clang-format clang-tidy"
 install_missing() {
   local missing=() package
   for package in "$@"; do
-    dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null | grep -qx installed ||
+    dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null | grep -q installed ||
       missing+=("$package")
   done
   [ ${#missing[@]} -eq 0 ] && return
   local as_root=()
-  [ "$(id -u)" -eq 0 ] || as_root=(sudo)
+  if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null || { say "Neither root nor sudo: install ${missing[*]}"; exit 1; }
+    as_root=(sudo)
+  fi
   say "Installing ${missing[*]}"
   "${as_root[@]}" apt-get update -qq
   "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
     apt-get install -qq -y --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-# build PRESET: configures once and builds all of it.
+# build PRESET [TARGET...]: configures once and builds these targets, or all.
 build() {
-  say "Building $1 in build/$1"
-  [ -f "build/$1/build.ninja" ] || cmake --preset "$1" >/dev/null
-  cmake --build --preset "$1" -- --quiet
+  local preset=$1
+  shift
+  say "Building in build/$preset"
+  [ -f "build/$preset/build.ninja" ] || cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset" -- --quiet "$@"
 }

@@ -6,7 +6,7 @@ set -euo pipefail
 readonly bin=$1 image=$2 screens=$3
 mkdir -p "$screens"
 rm -f "$screens"/*.png
-work=$(mktemp -d)
+work=$(mktemp -d) # for this user alone, as the run-time folder has to be
 trap 'kill $(jobs -p) 2>/dev/null || true; rm -rf "$work"' EXIT
 
 fail() {
@@ -30,7 +30,7 @@ start_screen() {
   Xvfb -displayfd 3 -screen 0 1280x900x24 -nolisten tcp >/dev/null 2>&1 &
   within 10 test -s "$work/display" || fail "the virtual screen did not start"
   DISPLAY=:$(cat "$work/display")
-  export DISPLAY QT_QPA_PLATFORM=xcb
+  export DISPLAY QT_QPA_PLATFORM=xcb XDG_RUNTIME_DIR=$work
   # A window manager gives the windows their frames and the keyboard its focus. Its frames
   # show no controls: it would draw those too that a window does not offer.
   cat >"$work/openbox.xml" <<'XML'
@@ -52,7 +52,8 @@ on_screen() {
 
 save() {
   sleep 0.3 # a frame or two, so that it is painted
-  import -frame -window "$(window "$1" | tail -n 1)" "$screens/$2.png"
+  import -frame -window "$(window "$1" | tail -n 1)" "$screens/$2.png" ||
+    fail "no picture of the window \"$1\""
 }
 
 start_screen
@@ -66,9 +67,14 @@ xdotool key Return # Next is the default button
 within 30 grep -q "Writing SFWd chunk 0" "$work/lines" || fail "the update did not start"
 readonly blocks=$((($(stat -c %s "$image") - 772 + 63) / 64))
 within 300 grep -q "Writing SFWd chunk $((blocks / 2))\$" "$work/lines" || fail "no half way"
+# A fast machine would be done before the picture is.
+updater=$(cat "/proc/$simulator/task/$simulator/children")
+kill -STOP $updater
 save "Updating the QM5" progress
+kill -CONT $updater
 
-within 300 window "Firmware update successful!" || fail "the update did not end in success"
+ended() { window "Firmware update successful!" || ! window "Updating the QM5"; }
+within 300 ended || fail "the update did not end"
 on_screen "Firmware update successful!"
 save "Firmware update successful!" finish
 xdotool key Return # "Confirm & Exit"
@@ -79,5 +85,7 @@ cat "$work/lines"
 for name in main progress finish; do
   [ -s "$screens/$name.png" ] || fail "no screenshot of the window \"$name\""
 done
-printf '== Screenshots: %s\n' "$screens"/*.png
+printf '== Screenshots:'
+printf ' %s' "$screens"/*.png
+echo
 exit "$status"

@@ -1,48 +1,41 @@
 #include "update_engine/result_codes.h"
 
-#include "platform/fatal.h"
+#include <algorithm>
+#include <array>
+#include <utility>
 
 namespace qm5 {
+namespace {
+
+using enum SFWdReturnCode;
+
+constexpr std::array<std::pair<SFWdReturnCode, std::string_view>, 9> kCodes = {{
+    {SUCCESS, "SUCCESS"},
+    {FAIL_FLASH_ERASE_WRITE_ERROR, "FAIL_FLASH_ERASE_WRITE_ERROR"},
+    {FAIL_SFWI_NOT_RUN_FIRST, "FAIL_SFWI_NOT_RUN_FIRST"},
+    {FAIL_TOO_MUCH_DATA, "FAIL_TOO_MUCH_DATA"},
+    {FAIL_ACE_ID_NOT_IN_HEADER, "FAIL_ACE_ID_NOT_IN_HEADER"},
+    {FAIL_BINARY_TOO_LARGE, "FAIL_BINARY_TOO_LARGE"},
+    {FAIL_DEVICE_ID_MISMATCH, "FAIL_DEVICE_ID_MISMATCH"},
+    {FAIL_FLASH_ERROR_READ_ONLY, "FAIL_FLASH_ERROR_READ_ONLY"},
+    {FAIL_UNKNOWN_ERROR, "FAIL_UNKNOWN_ERROR"},
+}};
+
+constexpr auto find(SFWdReturnCode code) {
+  return std::find_if(kCodes.begin(), kCodes.end(),
+                      [code](const auto& entry) { return entry.first == code; });
+}
+
+}  // namespace
 
 std::optional<SFWdReturnCode> SFWdReturnCodeFromRawValue(std::size_t rawValue) {
-  switch (rawValue) {
-    case 0x0:
-    case 0x4:
-    case 0x6:
-    case 0x7:
-    case 0x8:
-    case 0x9:
-    case 0xA:
-    case 0xD:
-    case 0xF:
-      return static_cast<SFWdReturnCode>(rawValue);
-    default:
-      return std::nullopt;
-  }
+  const auto found = find(SFWdReturnCode{rawValue});
+  if (found == kCodes.end()) return std::nullopt;
+  return found->first;
 }
 
 std::string_view textForm(SFWdReturnCode code) {
-  switch (code) {
-    case SFWdReturnCode::SUCCESS:
-      return "SUCCESS";
-    case SFWdReturnCode::FAIL_FLASH_ERASE_WRITE_ERROR:
-      return "FAIL_FLASH_ERASE_WRITE_ERROR";
-    case SFWdReturnCode::FAIL_SFWI_NOT_RUN_FIRST:
-      return "FAIL_SFWI_NOT_RUN_FIRST";
-    case SFWdReturnCode::FAIL_TOO_MUCH_DATA:
-      return "FAIL_TOO_MUCH_DATA";
-    case SFWdReturnCode::FAIL_ACE_ID_NOT_IN_HEADER:
-      return "FAIL_ACE_ID_NOT_IN_HEADER";
-    case SFWdReturnCode::FAIL_BINARY_TOO_LARGE:
-      return "FAIL_BINARY_TOO_LARGE";
-    case SFWdReturnCode::FAIL_DEVICE_ID_MISMATCH:
-      return "FAIL_DEVICE_ID_MISMATCH";
-    case SFWdReturnCode::FAIL_FLASH_ERROR_READ_ONLY:
-      return "FAIL_FLASH_ERROR_READ_ONLY";
-    case SFWdReturnCode::FAIL_UNKNOWN_ERROR:
-      return "FAIL_UNKNOWN_ERROR";
-  }
-  fatal("a result code without a name");
+  return find(code)->second;
 }
 
 }  // namespace qm5

@@ -26,9 +26,9 @@ bool judge(const std::optional<ReplyDictionary>& reply) {
     print("sfws_return during sending signature is None");
     return false;
   }
-  const auto result = reply->find("result");
-  if (result == reply->end() || result->second == 0) return true;
-  print("SFWs signature sending failed: 0x" + upperHex(result->second));
+  const std::size_t result = resultOf(*reply).value_or(0);
+  if (result == 0) return true;
+  print("SFWs signature sending failed: 0x" + upperHex(result));
   return false;
 }
 

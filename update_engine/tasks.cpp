@@ -57,6 +57,12 @@ std::string listForm(const Bytes& bytes) {
 
 }  // namespace
 
+std::optional<std::size_t> resultOf(const ReplyDictionary& reply) {
+  const auto found = reply.find("result");
+  if (found == reply.end()) return std::nullopt;
+  return found->second;
+}
+
 std::optional<ReplyDictionary> sfwi() {
   const std::optional<Bytes> bytes = run(kSFWi, std::nullopt);
   if (!bytes) return std::nullopt;

@@ -16,6 +16,9 @@ namespace qm5 {
 /// reply of sfwd().
 using ReplyDictionary = std::map<std::string, std::size_t, std::less<>>;
 
+/// The value under "result"; empty for a reply without it.
+std::optional<std::size_t> resultOf(const ReplyDictionary& reply);
+
 /// Opens an update. Empty when no reply could be read. Up to 1.5 s.
 std::optional<ReplyDictionary> sfwi();
 

@@ -26,13 +26,6 @@ std::string hexadecimal(std::size_t value) {
   return "0x" + upperHex(value);
 }
 
-// The value under "result"; empty for a missing reply.
-std::optional<std::size_t> resultOf(const ReplyDictionary& reply) {
-  const auto found = reply.find("result");
-  if (found == reply.end()) return std::nullopt;
-  return found->second;
-}
-
 // Which codes are named here follows the opening task alone, not SFWdReturnCode: 9, 10 and
 // 13 have names there and are unknown here, 5 the other way round. Meant to be so.
 bool isKnownOpeningFailure(std::size_t result) {
@@ -46,7 +39,7 @@ bool openUpdate(const ProgressCallback& progress) {
     return false;
   }
   if (progress) progress("Sending SFWi data", 1.0);
-  const std::size_t result = reply->at("result");
+  const std::size_t result = required(resultOf(*reply), "an opening reply without a result");
   print("SFWi returned: " + hexadecimal(result));
   if (result == 0) return true;
   print("SFWi Failed with task_result: " +
@@ -54,8 +47,8 @@ bool openUpdate(const ProgressCallback& progress) {
   return false;
 }
 
-// The whole-number percentage at which chunk `i` is reported: at most 100, since only a
-// last, incomplete chunk lies behind the whole ones that it is counted in.
+// The whole-number percentage at which chunk `i` is reported. At most 100: `i` reaches the
+// count of whole chunks only at a last, incomplete one.
 double percentage(std::size_t i, std::size_t length) {
   const std::size_t whole_chunks = length / kChunkSize;
   if (whole_chunks == 0) fatal("progress of less than one chunk");

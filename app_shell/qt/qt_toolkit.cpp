@@ -4,7 +4,6 @@
 #include <QEventLoop>
 #include <QIcon>
 #include <clocale>
-#include <cstdio>
 #include <cstdlib>
 #include <utility>
 
@@ -87,7 +86,7 @@ void QtToolkit::stopModal() {
 
 void QtToolkit::terminate() {
   if (delegate_) delegate_->applicationWillTerminate();
-  std::fflush(nullptr);
+  // Lines are flushed as they are written. Flushing here could wait for a thread that writes.
   std::_Exit(0);
 }
 

@@ -45,8 +45,11 @@ LibusbDevice::LibusbDevice(libusb_device* device, std::uint64_t id)
 }
 
 bool LibusbDevice::matches(const MatchingDictionary& matching) const {
-  return matching.numbers.at("idVendor") == descriptor_.idVendor &&
-         matching.numbers.at("idProduct") == descriptor_.idProduct;
+  const auto has = [&matching](const char* property, std::uint16_t value) {
+    const auto wanted = matching.numbers.find(property);
+    return wanted == matching.numbers.end() || wanted->second == value;
+  };
+  return has("idVendor", descriptor_.idVendor) && has("idProduct", descriptor_.idProduct);
 }
 
 IOReturn LibusbDevice::name(io_name_t& name) const {

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "device_monitor/usb_device_monitor.h"
+#include "platform/clock.h"
 #include "platform/fatal.h"
 
 namespace qm5 {
@@ -18,7 +19,7 @@ io_port_t LibusbRegistry::notificationPortCreate() {
 void LibusbRegistry::notificationPortSetDispatchQueue(io_port_t port,
                                                       std::shared_ptr<DispatchQueue> queue) {
   const std::lock_guard lock(mutex_);
-  ports_.at(port) = std::move(queue);
+  ports_[port] = std::move(queue);
 }
 
 std::unique_ptr<MatchingDictionary> LibusbRegistry::serviceMatching(const std::string& class_name) {
@@ -33,7 +34,7 @@ IOReturn LibusbRegistry::serviceAddMatchingNotification(io_port_t port, IONotifi
   const std::lock_guard lock(mutex_);
   iterator = ++last_handle_;
   Watch& watch = watches_[iterator];
-  watch = {type, matching, std::move(callback), ports_.at(port), {}, false};
+  watch = {type, matching, std::move(callback), ports_[port], {}, false};
   if (type == IONotificationType::firstMatch) {
     for (const auto& device : present_) offer(iterator, watch, device);
   }
@@ -42,7 +43,9 @@ IOReturn LibusbRegistry::serviceAddMatchingNotification(io_port_t port, IONotifi
 
 io_service_t LibusbRegistry::iteratorNext(io_iterator_t iterator) {
   const std::lock_guard lock(mutex_);
-  Watch& watch = watches_.at(iterator);
+  const auto found = watches_.find(iterator);
+  if (found == watches_.end()) return 0;
+  Watch& watch = found->second;
   if (watch.pending.empty()) {
     watch.armed = true;
     return 0;
@@ -80,8 +83,11 @@ IOReturn LibusbRegistry::objectRelease(io_service_t service) {
 }
 
 void LibusbRegistry::runLoop() {
-  // An event that could not be handled is no reason to stop listening for the next one.
-  while (true) libusb_handle_events(context_);
+  // An error is no reason to stop listening, but a lasting one must not take a whole core.
+  constexpr double kPauseAfterError = 1.0;  // seconds
+  while (true) {
+    if (libusb_handle_events(context_) != LIBUSB_SUCCESS) processClock().sleep(kPauseAfterError);
+  }
 }
 
 // Without a hot-plug callback there is nothing to follow, so that counts as unreachable.
@@ -111,10 +117,14 @@ int LIBUSB_CALL LibusbRegistry::hotplug(libusb_context*, libusb_device* device,
   return kStayRegistered;
 }
 
-// Called with the mutex held, as are the two below.
+// Called with the mutex held, as are the three below.
+LibusbRegistry::Devices::iterator LibusbRegistry::findPresent(const libusb_device* device) {
+  return std::find_if(present_.begin(), present_.end(),
+                      [device](const auto& present) { return present->refersTo(device); });
+}
+
 void LibusbRegistry::arrived(libusb_device* device) {
-  const auto is_known = [device](const auto& known) { return known->refersTo(device); };
-  if (std::any_of(present_.begin(), present_.end(), is_known)) return;
+  if (findPresent(device) != present_.end()) return;
   present_.push_back(std::make_shared<LibusbDevice>(device, ++last_entry_id_));
   for (auto& [iterator, watch] : watches_) {
     if (watch.type == IONotificationType::firstMatch) offer(iterator, watch, present_.back());
@@ -122,9 +132,7 @@ void LibusbRegistry::arrived(libusb_device* device) {
 }
 
 void LibusbRegistry::left(libusb_device* device) {
-  const auto known =
-      std::find_if(present_.begin(), present_.end(),
-                   [device](const auto& candidate) { return candidate->refersTo(device); });
+  const auto known = findPresent(device);
   if (known == present_.end()) return;
   const std::shared_ptr<LibusbDevice> gone = *known;
   present_.erase(known);

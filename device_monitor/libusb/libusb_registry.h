@@ -39,6 +39,8 @@ class LibusbRegistry final : public USBRegistry {
   void runLoop() override;
 
  private:
+  using Devices = std::vector<std::shared_ptr<LibusbDevice>>;
+
   struct Watch {
     IONotificationType type;
     MatchingDictionary matching;
@@ -51,6 +53,7 @@ class LibusbRegistry final : public USBRegistry {
   bool connect();
   static int LIBUSB_CALL hotplug(libusb_context* context, libusb_device* device,
                                  libusb_hotplug_event event, void* self);
+  Devices::iterator findPresent(const libusb_device* device);
   void arrived(libusb_device* device);
   void left(libusb_device* device);
   void offer(io_iterator_t iterator, Watch& watch, const std::shared_ptr<LibusbDevice>& device);
@@ -63,12 +66,12 @@ class LibusbRegistry final : public USBRegistry {
   std::uint32_t last_handle_ = 0;
   // The bus as libusb last told it, in order of arrival. libusb may tell an arrival twice,
   // once from its list of devices and once as an event: the second finds the device here.
-  std::vector<std::shared_ptr<LibusbDevice>> present_;
+  Devices present_;
   std::map<io_port_t, std::shared_ptr<DispatchQueue>> ports_;
   std::map<io_iterator_t, Watch> watches_;
   std::map<io_service_t, std::shared_ptr<LibusbDevice>> services_;
   // Interfaces are never released by those who hold them, so their objects stay.
-  std::vector<std::shared_ptr<LibusbDevice>> handed_out_;
+  Devices handed_out_;
 };
 
 }  // namespace qm5

@@ -23,21 +23,22 @@ class ScriptedUsbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInIn
     EXPECT_TRUE(expected_.empty()) << "never came: " << expected_.front().setup;
   }
 
-  // Script it.
-  void expectWrite(unsigned address, unsigned index, const Bytes& data, IOReturn result = 0) {
+  // Script it. No reply is a refused request.
+  void expect(const IOUSBDevRequest& request, const Bytes& sent,
+              const std::optional<Bytes>& reply) {
     expected_.push_back(
-        {text({0x40, 0xFD, static_cast<std::uint16_t>(address), static_cast<std::uint16_t>(index),
-               static_cast<std::uint16_t>(data.size()), nullptr, 0xFF},
-              data),
-         {},
-         result});
+        {text(request, sent), reply.value_or(Bytes{}), reply ? kIOReturnSuccess : kRefused});
   }
-  /// `reply` may be shorter than `length`; none is a refused request.
+  void expectWrite(unsigned address, unsigned index, const Bytes& data, bool taken = true) {
+    expect({0x40, 0xFD, static_cast<std::uint16_t>(address), static_cast<std::uint16_t>(index),
+            static_cast<std::uint16_t>(data.size()), nullptr, 0xFF},
+           data, taken ? std::optional(Bytes{}) : std::nullopt);
+  }
+  /// `reply` may be shorter than `length`.
   void expectRead(unsigned address, unsigned length, const std::optional<Bytes>& reply) {
-    expected_.push_back({text({0xC0, 0xFE, static_cast<std::uint16_t>(address), 0,
-                               static_cast<std::uint16_t>(length), nullptr, 0xFF},
-                              {}),
-                         reply.value_or(Bytes{}), reply ? kIOReturnSuccess : kRefused});
+    expect({0xC0, 0xFE, static_cast<std::uint16_t>(address), 0, static_cast<std::uint16_t>(length),
+            nullptr, 0xFF},
+           {}, reply);
   }
   /// A register write as it goes over the wire: at most 8 bytes a request, the total first.
   void expectRegisterWrite(unsigned address, const Bytes& data) {
@@ -60,11 +61,13 @@ class ScriptedUsbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInIn
   IOReturn vendor_result = kIOReturnSuccess;
   IOReturn product_result = kIOReturnSuccess;
   IOReturn query_result = kIOReturnSuccess;
+  bool has_device = true;
   bool has_device_table = true;
 
   // Hand it out.
   IOUSBDeviceStruct942** interface() { return &device_; }
   IOCFPlugInInterfaceStruct** plugIn() { return &plug_in_; }
+  void losePlugInTable() { plug_in_ = nullptr; }
   USBDevice record(std::uint64_t id = 7) {
     return {id, 0x0451, 0xACE1, "QM5", &device_, &plug_in_};
   }
@@ -73,7 +76,7 @@ class ScriptedUsbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInIn
   IOReturn QueryInterface(const UUIDBytes& identifier, IOUSBDeviceStruct942**& device) override {
     EXPECT_EQ(identifier, kIOUSBDeviceInterfaceID);
     if (!has_device_table) device_ = nullptr;
-    device = &device_;
+    if (has_device) device = &device_;
     return query_result;
   }
   IOReturn USBDeviceOpen() override { return open_result; }

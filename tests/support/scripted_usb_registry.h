@@ -41,8 +41,8 @@ class ScriptedUSBRegistry final : public USBRegistry {
   bool has_matching = true;
   void attach(ScriptedService service) { waiting_[kArrivals].push_back(std::move(service)); }
   /// Has the watch call back on its queue and waits until that has been served.
-  void arrive(ScriptedService service) { callBack(kArrivals, std::move(service)); }
-  void leave(ScriptedService service) { callBack(kRemovals, std::move(service)); }
+  void arrive(std::vector<ScriptedService> services) { callBack(kArrivals, services); }
+  void leave(std::vector<ScriptedService> services) { callBack(kRemovals, services); }
 
   // Read it back.
   Lines takeSteps() { return steps_.take(); }
@@ -132,10 +132,10 @@ class ScriptedUSBRegistry final : public USBRegistry {
   static constexpr io_iterator_t kArrivals = 4;
   static constexpr io_iterator_t kRemovals = 5;
 
-  void callBack(io_iterator_t iterator, ScriptedService service) {
+  void callBack(io_iterator_t iterator, const std::vector<ScriptedService>& services) {
     {
       const std::lock_guard lock(mutex_);
-      waiting_[iterator].push_back(std::move(service));
+      waiting_[iterator].insert(waiting_[iterator].end(), services.begin(), services.end());
     }
     bool served = false;
     queue_->async([&, this] {
