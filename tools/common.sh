@@ -13,7 +13,7 @@ readonly packages_check="clang clang-format clang-tidy"
 install_missing() {
   local missing=() package
   for package in "$@"; do
-    dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null | grep -q installed ||
+    dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed ||
       missing+=("$package")
   done
   [ ${#missing[@]} -eq 0 ] && return
