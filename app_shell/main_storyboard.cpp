@@ -1,7 +1,5 @@
 #include "app_shell/main_storyboard.h"
 
-#include <utility>
-
 #include "app_shell/app_delegate.h"
 #include "app_shell/view_controller.h"
 
@@ -11,8 +9,8 @@ MainStoryboard mainStoryboard() {
   return {
       .makeDelegate = [] { return std::make_shared<AppDelegate>(); },
       .makeMainController =
-          [](std::shared_ptr<Window> main_window) {
-            const auto controller = std::make_shared<ViewController>();
+          [](const std::shared_ptr<Window>& main_window) {
+            auto controller = std::make_shared<ViewController>();
             controller->connectOutlets(main_window);
             controller->viewDidLoad();
             return controller;

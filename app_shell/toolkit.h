@@ -149,7 +149,8 @@ struct MainStoryboard {
   std::function<std::shared_ptr<ApplicationDelegate>()> makeDelegate;
   /// Makes the controller of the main window, which it is handed, and returns what keeps
   /// it alive.
-  std::function<std::shared_ptr<void>(std::shared_ptr<Window> main_window)> makeMainController;
+  std::function<std::shared_ptr<void>(const std::shared_ptr<Window>& main_window)>
+      makeMainController;
 };
 
 /// The bytes of a file, or the description of why it can't be read.
@@ -169,7 +170,8 @@ class Toolkit {
 
   /// The application's main window; nullptr while it has none.
   virtual std::shared_ptr<Window> mainWindow() = 0;
-  /// Serves events, and the main queue, for this window only, until stopModal().
+  /// Serves events, and the main queue, for this window only, until stopModal(). The caller
+  /// keeps the window, which has been shown, for as long as that takes.
   virtual void runModalForWindow(const std::shared_ptr<Window>& window) = 0;
   /// Ends the innermost modal run; without one nothing happens. Any thread.
   virtual void stopModal() = 0;

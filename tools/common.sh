@@ -30,9 +30,7 @@ install_missing() {
 
 # build PRESET [TARGET...]: configures once and builds these targets, or all.
 build() {
-  local preset=$1
-  shift
-  say "Building in build/$preset"
-  [ -f "build/$preset/build.ninja" ] || cmake --preset "$preset" >/dev/null
-  cmake --build --preset "$preset" -- --quiet "$@"
+  say "Building in build/$1"
+  [ -f "build/$1/build.ninja" ] || cmake --preset "$1" >/dev/null
+  cmake --build --preset "$1" -- --quiet "${@:2}"
 }

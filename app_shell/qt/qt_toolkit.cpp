@@ -70,8 +70,8 @@ std::shared_ptr<Window> QtToolkit::mainWindow() {
   return main_window_;
 }
 
-void QtToolkit::runModalForWindow(const std::shared_ptr<Window>& window) {
-  const std::shared_ptr<Window> kept = window;  // its owner may let go of it meanwhile
+// The windows that can be run are modal by themselves, from their showing on.
+void QtToolkit::runModalForWindow(const std::shared_ptr<Window>&) {
   QEventLoop run;
   modal_runs_.push_back(&run);
   run.exec();
