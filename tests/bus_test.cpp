@@ -179,11 +179,12 @@ TEST_F(Bus, StartsUnderLoad) {
   bus.plug();
   std::atomic<bool> ended = false;
   std::vector<std::thread> load;
-  for (unsigned core = 0; core < std::thread::hardware_concurrency(); ++core)
+  for (unsigned core = 0; core < std::thread::hardware_concurrency(); ++core) {
     load.emplace_back([&] {
       while (!ended) {
       }
     });
+  }
   const int starts = effort(10, 500);
   int missed = 0;
   for (int i = 0; i < starts; ++i) {

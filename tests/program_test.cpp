@@ -96,19 +96,20 @@ class Program : public testing::Test {
     });
     EXPECT_EQ(toolkit->applicationMain(1, arguments, mainStoryboard()), 0);
     acts.join();
+    heartbeat.reset();
     EXPECT_LE(kMeasurable ? longest_silence : 0ms, 100ms) << "without the event loop";
   }
   // Beats as long as the main thread serves its events, in modal runs too.
   void startHeartbeat() {
-    auto* timer = new QTimer(QCoreApplication::instance());
+    heartbeat.emplace();
     QObject::connect(
-        timer, &QTimer::timeout, timer, [this, last = std::chrono::steady_clock::now()]() mutable {
+        &*heartbeat, &QTimer::timeout, [this, last = std::chrono::steady_clock::now()]() mutable {
           const auto now = std::chrono::steady_clock::now();
           longest_silence = std::max(
               longest_silence, std::chrono::duration_cast<std::chrono::milliseconds>(now - last));
           last = now;
         });
-    timer->start(2ms);
+    heartbeat->start(2ms);
   }
 
   static QAbstractButton* pressable(const QString& title) {
@@ -158,6 +159,7 @@ class Program : public testing::Test {
   VirtualClock clock;
   PackagedToolkit* toolkit = new PackagedToolkit(buildImage(smallPayload()));
   FaultyQm5 qm5;
+  std::optional<QTimer> heartbeat;
   std::chrono::milliseconds longest_silence{0};
 };
 
@@ -215,10 +217,11 @@ TEST_F(Program, SendsExactlyTheRequestsOfAnUpdateAndNothingElse) {
   });
   EXPECT_EQ(qm5.breaches(), std::vector<std::string>{});
   Lines seen;
-  for (const RequestRecord& request : qm5.requests())
+  for (const RequestRecord& request : qm5.requests()) {
     seen.push_back(requestText(request.setup.bmRequestType, request.setup.bRequest,
                                request.setup.wValue, request.setup.wIndex, request.setup.wLength,
                                isRead(request.setup) ? Bytes{} : request.data));
+  }
   EXPECT_EQ(seen, ExpectedRequests(toolkit->image).lines);
   qm5.powerCycle();
   EXPECT_EQ(qm5.version(), 0x4208);

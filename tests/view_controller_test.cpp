@@ -226,19 +226,17 @@ TEST_F(Update, ShowsEachStepAndEndsInTheFinishDialog) {
   step("1.000000", "1.0");
   for (int i = 0; i < 12; ++i) step("99.000000", "99.0");
   step("100.000000", "100.0");
-  expected =
-      expected + kDown +
-      Lines{
-          "finish titled Firmware update successful!",
-          "finish at 140 210 320 280",
-          "image 107 160 106 100 qm5_OK",
-          "label 10 120 300 20 bold 16 Firmware update successful!",
-          "label 10 45 300 60 wraps New version(QM5 v.4208)\nPlease power cycle your QM5 to apply\n"
-          "the new firmware.",
-          "button 10 10 300 40 Confirm & Exit",
-          "finish in front",
-          "finish released when closed",
-          "modal run"};
+  expected = expected + kDown +
+             Lines{"finish titled Firmware update successful!",
+                   "finish at 140 210 320 280",
+                   "image 107 160 106 100 qm5_OK",
+                   "label 10 120 300 20 bold 16 Firmware update successful!",
+                   std::string("label 10 45 300 60 wraps New version(QM5 v.4208)\n") +
+                       "Please power cycle your QM5 to apply\nthe new firmware.",
+                   "button 10 10 300 40 Confirm & Exit",
+                   "finish in front",
+                   "finish released when closed",
+                   "modal run"};
   Lines seen;
   toolkit.during_finish_dialog = [&] {
     seen = transcript.take();
@@ -293,7 +291,8 @@ TEST_F(Shell, AsksBeforeItEndsFromBothWindows) {
         {toolkit.progress, "btnAbort", "log: Abort button clicked"}}) {
     window->press(button);
     const std::string name = window == toolkit.main ? "main" : "progress";
-    EXPECT_EQ(transcript.take(), (Lines{line, "alert on " + name + question}));
+    std::string asked = "alert on ";
+    EXPECT_EQ(transcript.take(), (Lines{line, asked.append(name).append(question)}));
     toolkit.answer(kOK + 1);
     EXPECT_EQ(transcript.take(), Lines{});
     window->press(button);

@@ -41,8 +41,8 @@ class ScriptedUSBRegistry final : public USBRegistry {
   bool has_matching = true;
   void attach(ScriptedService service) { waiting_[kArrivals].push_back(std::move(service)); }
   /// Has the watch call back on its queue and waits until that has been served.
-  void arrive(std::vector<ScriptedService> services) { callBack(kArrivals, services); }
-  void leave(std::vector<ScriptedService> services) { callBack(kRemovals, services); }
+  void arrive(const std::vector<ScriptedService>& services) { callBack(kArrivals, services); }
+  void leave(const std::vector<ScriptedService>& services) { callBack(kRemovals, services); }
 
   // Read it back.
   Lines takeSteps() { return steps_.take(); }
