@@ -142,17 +142,13 @@ EmulatedBus::~EmulatedBus() {
 
 void EmulatedBus::plug() {
   const std::lock_guard lock(mutex_);
+  takeDepartedAway();
   if (!kernel_->handler) plugLocked();
 }
 
 void EmulatedBus::unplug() {
   const std::lock_guard lock(mutex_);
   if (kernel_->handler) unplugLocked();
-}
-
-bool EmulatedBus::isPlugged() const {
-  const std::lock_guard lock(mutex_);
-  return kernel_->handler != nullptr;
 }
 
 void EmulatedBus::setPermitted(bool permitted) {
@@ -168,9 +164,9 @@ void EmulatedBus::plugLocked() {
   const auto control = [this](const ControlSetup& setup, ByteView data) {
     return device_.control(setup, data);
   };
-  const auto left = [this](bool comes_back) {
+  const auto left = [this, address = address_](bool comes_back) {
     const std::lock_guard lock(departure_mutex_);
-    departure_ = comes_back;
+    departure_ = {address, comes_back};
     departure_changed_.notify_all();
   };
   kernel_->handler = UsbfsNode::makeHandler({control, left, options_.latency}, kernel_->node);
@@ -192,14 +188,31 @@ void EmulatedBus::unplugLocked() {
   kernel_->handler.reset();
 }
 
+// With mutex_ held. Sees to a departure that nobody has seen to yet; true when a device was
+// taken away that is to come back.
+bool EmulatedBus::takeDepartedAway() {
+  std::optional<Departure> departure;
+  {
+    const std::lock_guard lock(departure_mutex_);
+    departure.swap(departure_);
+  }
+  // It may have been unplugged meanwhile, and another one plugged in.
+  if (!departure || !kernel_->handler || departure->address != address_) return false;
+  unplugLocked();
+  return departure->comes_back;
+}
+
 void EmulatedBus::followDevice() {
   std::unique_lock lock(departure_mutex_);
   while (!ends_) {
     departure_changed_.wait(lock, [&] { return ends_ || departure_; });
     if (ends_) return;
-    const bool comes_back = *std::exchange(departure_, std::nullopt);
     lock.unlock();
-    unplug();
+    bool comes_back = false;
+    {
+      const std::lock_guard bus_lock(mutex_);
+      comes_back = takeDepartedAway();
+    }
     lock.lock();
     if (!comes_back) continue;
     departure_changed_.wait_for(lock, options_.replug_delay, [&] { return ends_; });

@@ -43,7 +43,6 @@ class EmulatedBus {
   void plug();
   /// Takes the device away; requests under way fail. Nothing happens when it is not there.
   void unplug();
-  bool isPlugged() const;
   /// Whether programs may open the device; holds from the next plug() on.
   void setPermitted(bool permitted);
 
@@ -52,20 +51,25 @@ class EmulatedBus {
 
   void plugLocked();
   void unplugLocked();
+  bool takeDepartedAway();
   void followDevice();
 
   FaultyQm5& device_;
   Options options_;
 
-  mutable std::mutex mutex_;  // guards what follows
+  std::mutex mutex_;  // guards what follows
   std::unique_ptr<Kernel> kernel_;
   unsigned int address_ = 1;  // the last one given; 1 is the root hub's
 
   // The device leaves by itself in the middle of a request, on a thread that must not wait
-  // for the bus: this one sees to the rest.
-  std::mutex departure_mutex_;
+  // for the bus: this one sees to the rest, or a plug() that comes first.
+  struct Departure {
+    unsigned int address;
+    bool comes_back;
+  };
+  std::mutex departure_mutex_;  // taken after mutex_
   std::condition_variable departure_changed_;
-  std::optional<bool> departure_;  // set: it has left; true: it comes back
+  std::optional<Departure> departure_;
   bool ends_ = false;
   std::thread follower_;
 };

@@ -16,7 +16,7 @@ void shorten(Bytes& reply, std::size_t by) {
 }  // namespace
 
 void FaultyQm5::setObserver(std::function<void(const RequestRecord&)> observer) {
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(request_mutex_);
   observer_ = std::move(observer);
 }
 
@@ -32,15 +32,10 @@ void FaultyQm5::clearFaults() {
   model_.recover();
 }
 
-bool FaultyQm5::faultsLeft() const {
-  const std::lock_guard lock(mutex_);
-  return !faults_.empty();
-}
-
 ControlResult FaultyQm5::control(const ControlSetup& setup, ByteView data) {
+  const std::lock_guard in_turn(request_mutex_);
   ControlResult result;
   RequestRecord record{std::chrono::steady_clock::now(), setup, {}, ControlStatus::ok};
-  std::function<void(const RequestRecord&)> observer;
   {
     const std::lock_guard lock(mutex_);
     ++request_count_;
@@ -48,9 +43,8 @@ ControlResult FaultyQm5::control(const ControlSetup& setup, ByteView data) {
     record.data = isRead(setup) ? result.data : Bytes(data.begin(), data.end());
     record.status = result.status;
     requests_.push_back(record);
-    observer = observer_;
   }
-  if (observer) observer(record);
+  if (observer_) observer_(record);
   return result;
 }
 
@@ -74,20 +68,19 @@ ControlResult FaultyQm5::carryOut(const ControlSetup& setup, ByteView data) {
 }
 
 std::optional<Fault> FaultyQm5::takeFault(const ControlSetup& setup) {
+  const bool reads_reply =
+      isRead(setup) && setup.wValue == kData3Register && std::exchange(reply_pending_, false);
   const auto due = std::find_if(faults_.begin(), faults_.end(),
-                                [&](const Fault& fault) { return isDue(fault, setup); });
-  const bool reads_reply = isRead(setup) && setup.wValue == kData3Register;
-  if (reads_reply) reply_pending_ = false;
+                                [&](const Fault& fault) { return isDue(fault, reads_reply); });
   if (due == faults_.end()) return std::nullopt;
   Fault fault = std::move(*due);
   faults_.erase(due);
   return fault;
 }
 
-bool FaultyQm5::isDue(const Fault& fault, const ControlSetup& setup) const {
+bool FaultyQm5::isDue(const Fault& fault, bool reads_reply) const {
   if (fault.task.empty()) return fault.number == request_count_;
   if (fault.kind == FaultKind::busy_for_ever) return false;  // noteTask sees to it
-  const bool reads_reply = reply_pending_ && isRead(setup) && setup.wValue == kData3Register;
   return reads_reply && fault.task == task_ && fault.number == task_counts_.at(task_);
 }
 
@@ -118,11 +111,6 @@ void FaultyQm5::powerCycle() {
 std::vector<RequestRecord> FaultyQm5::requests() const {
   const std::lock_guard lock(mutex_);
   return requests_;
-}
-
-void FaultyQm5::clearRequests() {
-  const std::lock_guard lock(mutex_);
-  requests_.clear();
 }
 
 std::size_t FaultyQm5::requestCount() const {

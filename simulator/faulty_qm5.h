@@ -52,24 +52,21 @@ class FaultyQm5 {
   FaultyQm5() = default;
   explicit FaultyQm5(Qm5Model model) : model_(std::move(model)) {}
 
-  /// Called after each request and before its result goes out, on the thread that carries
-  /// requests: it may hold the request, count it, or unplug the device. Set it before the
-  /// first request.
+  /// Called after each request and before its result goes out, in the order of requests and
+  /// never twice at a time: it may hold the request, count it, or unplug the device, but not
+  /// make a request.
   void setObserver(std::function<void(const RequestRecord&)> observer);
   /// Requests and tasks are counted from the start, not from this call.
   void addFault(Fault fault);
   /// Forgets all faults, and what lasts of those that have happened.
   void clearFaults();
-  /// Whether a fault is still to happen.
-  bool faultsLeft() const;
 
   ControlResult control(const ControlSetup& setup, ByteView data);
   /// What plugging it in anew does to the device.
   void powerCycle();
 
   std::vector<RequestRecord> requests() const;
-  void clearRequests();
-  std::size_t requestCount() const;  ///< since the start, whatever was cleared
+  std::size_t requestCount() const;
 
   // The device as it is now.
   std::uint16_t version() const;
@@ -80,12 +77,13 @@ class FaultyQm5 {
  private:
   ControlResult carryOut(const ControlSetup& setup, ByteView data);
   std::optional<Fault> takeFault(const ControlSetup& setup);
-  bool isDue(const Fault& fault, const ControlSetup& setup) const;
+  bool isDue(const Fault& fault, bool reads_reply) const;
   void noteTask(const ControlSetup& setup, ByteView data);
   std::size_t resultElement() const;
 
-  mutable std::mutex mutex_;
+  std::mutex request_mutex_;  // held for a whole request; taken before mutex_
   std::function<void(const RequestRecord&)> observer_;
+  mutable std::mutex mutex_;  // guards what follows
   Qm5Model model_;
   std::vector<Fault> faults_;
   bool stalls_ = false;

@@ -15,7 +15,6 @@ Starts PROGRAM on an emulated USB bus with a software QM5, waits for its end, an
 one line what became of the device.
 
   --version HEX          version that the QM5 reports (default 4201)
-  --new-version HEX      version that it reports after an update and a replug (default 4208)
   --busy TASK=POLLS      polls that find a task of that name busy (default 0)
   --fault WHERE:N=KIND   what goes wrong, and when: at request number N, or at the Nth task
                          of a name. WHERE is "request", SFWi, SFWd or SFWs. KIND is
@@ -75,6 +74,9 @@ constexpr std::array<NamedKind, 8> kKinds = {{{"stall", FaultKind::stall, false}
                                               {"unplug", FaultKind::unplug, false},
                                               {"replug", FaultKind::replug, false}}};
 
+// A result code is four bits, and 0 would be no fault.
+constexpr std::uint8_t kLastResultCode = 15;
+
 bool parseBusy(std::string_view text, Qm5Model::Options& device) {
   const auto [task, polls] = split(text, '=');
   return isTask(task) && parseNumber(polls, device.busy_polls[std::string(task)]);
@@ -97,7 +99,6 @@ bool parseSeconds(std::string_view text, std::chrono::milliseconds& time) {
 /// Takes an option's value in; false when it makes no sense.
 bool setOption(SimulatorOptions& options, std::string_view name, std::string_view value) {
   if (name == "--version") return parseNumber(value, options.device.version, 16);
-  if (name == "--new-version") return parseNumber(value, options.device.new_version, 16);
   if (name == "--busy") return parseBusy(value, options.device);
   if (name == "--attach-after") return parseSeconds(value, options.attach_after);
   if (name == "--latency-ms") return parseMilliseconds(value, options.bus.latency);
@@ -139,6 +140,8 @@ std::optional<Fault> parseFault(std::string_view text) {
   if (where != "request") fault.task = where;
   if (!parseNumber(number, fault.number) || fault.number == 0) return std::nullopt;
   if (kind->has_value ? !parseNumber(value, fault.value) : !value.empty()) return std::nullopt;
+  const bool is_code = fault.value >= 1 && fault.value <= kLastResultCode;
+  if (fault.kind == FaultKind::result && !is_code) return std::nullopt;
   return fault;
 }
 

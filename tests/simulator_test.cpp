@@ -1,0 +1,353 @@
+// The software QM5: good updates, wrong images, every way to break the protocol, faults, the
+// loss of power in the middle of anything; and qm5-simulator around it.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/usbdevice_fs.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <functional>
+#include <thread>
+
+#include "simulator/options.h"
+#include "simulator/trace.h"
+#include "simulator/verdict.h"
+#include "support/named_cases.h"
+#include "tools/firmware_image.h"
+
+namespace qm5::test {
+namespace {
+
+// --- a host that knows the protocol by itself ---
+
+Bytes slice(ByteView bytes, std::size_t at, std::size_t size) {
+  const ByteView part = bytes.subspan(at, std::min(size, bytes.size() - at));
+  return {part.begin(), part.end()};
+}
+
+ControlResult read(FaultyQm5& device, std::uint16_t address, std::uint16_t length) {
+  return device.control({0xC0, 0xFE, address, 0, length}, {});
+}
+
+void write(FaultyQm5& device, std::uint16_t address, const Bytes& data) {
+  for (std::size_t at = 0; at < data.size(); at += 8) {
+    const Bytes chunk = slice(data, at, 8);
+    const auto total = static_cast<std::uint16_t>(at == 0 ? data.size() : 0);
+    device.control({0x40, 0xFD, address, total, static_cast<std::uint16_t>(chunk.size())}, chunk);
+  }
+}
+
+void start(FaultyQm5& device, std::string_view task) {
+  write(device, 0x1E, Bytes(task.begin(), task.end()));
+}
+
+// The task's reply, when it has ended or been busy for long.
+Bytes runTask(FaultyQm5& device, std::string_view task, const Bytes& data) {
+  write(device, 0x1F, data);
+  start(device, task);
+  for (int poll = 0; poll < 20; ++poll) {
+    if (read(device, 0x1E, 5).data == Bytes{4, 0, 0, 0, 0}) break;
+  }
+  return read(device, 0x1F, 11).data;
+}
+
+// The result code of the first task that fails, or 0.
+int update(FaultyQm5& device, ByteView image) {
+  int failure = 0;
+  const auto run = [&](std::string_view task, const Bytes& data) {
+    if (failure == 0) failure = runTask(device, task, data).at(1) & 0x0F;
+  };
+  run("SFWi", {});
+  Bytes previous(64, 0xFF);
+  const Bytes flash = flashContents(image.subspan(kImagePayloadStart));
+  for (std::size_t at = 0; at < flash.size(); at += 64) {
+    const Bytes block = slice(flash, at, 64);
+    run("SFWd", slice(block, 0, block == previous ? 4 : 64));
+    previous = block;
+  }
+  for (const std::size_t region : {kImageSignatureStart, kImagePublicKeyStart}) {
+    for (std::size_t at = 0; at < 384; at += 64) run("SFWs", slice(image, region + at, 64));
+  }
+  return failure;
+}
+
+// A first block of 0xFF, a whole one, a repeated one, and a last one to be filled up.
+const Bytes& image() {
+  static const Bytes image = [] {
+    Bytes payload(64, 0xFF);
+    payload.resize(192, 0x5A);
+    payload.resize(202, 0x33);
+    return buildImage(payload);
+  }();
+  return image;
+}
+
+// SFWs stays busy for a poll.
+const Qm5Model::Options kSlowEnd = {.busy_polls = {{"SFWs", 1}}};
+
+// --- updates ---
+
+TEST(Update, TakesEffectWithThePowerCycleAndKeepsTheFlash) {
+  FaultyQm5 device;
+  EXPECT_EQ(update(device, image()), 0);
+  EXPECT_EQ(read(device, 0x06, 9).data, (Bytes{0x01, 0x42, 0, 0, 0, 0, 0, 0, 0}));
+  device.powerCycle();
+  EXPECT_EQ(read(device, 0x06, 2).data, (Bytes{0x08, 0x42}));
+  const Bytes flash = flashContents(slice(image(), kImagePayloadStart, 202));
+  EXPECT_TRUE(judge(device, flash).good) << judge(device, flash).line;
+  EXPECT_FALSE(judge(device, Bytes(256)).good) << "another image";
+  read(device, 1, 1);
+  EXPECT_FALSE(judge(device, std::nullopt).good) << "a breach";
+}
+
+TEST(Update, WithADamagedImageIsRefusedAndAGoodOneTakenNext) {
+  for (const std::size_t at : {std::size_t{200}, kImageSignatureStart, kImagePayloadStart + 70}) {
+    FaultyQm5 device;
+    Bytes damaged = image();
+    damaged[at] ^= 0x01;
+    EXPECT_EQ(update(device, damaged), 0xF) << at;
+    device.powerCycle();
+    EXPECT_FALSE(judge(device, std::nullopt).good) << at;
+    EXPECT_EQ(update(device, image()), 0) << at;
+  }
+}
+
+TEST(Task, IsBusyForTheChosenPollsAndItsInputStaysInTheRegister) {
+  FaultyQm5 device{Qm5Model(kSlowEnd)};
+  runTask(device, "SFWi", {});
+  for (std::uint8_t number = 0; number < 11; ++number) {
+    write(device, 0x1F, Bytes(64, 0xAB));
+    start(device, "SFWs");
+    EXPECT_EQ(read(device, 0x1E, 5).data, (Bytes{4, 'S', 'F', 'W', 's'}));
+    EXPECT_EQ(read(device, 0x1F, 3).data, (Bytes{0x40, 0xAB, 0xAB}));
+    EXPECT_EQ(read(device, 0x1E, 5).data, (Bytes{4, 0, 0, 0, 0}));
+    EXPECT_EQ(read(device, 0x1F, 3).data, (Bytes{0x40, 0x80, number}));
+  }
+}
+
+// --- what a host does, step by step, and what it gets ---
+
+constexpr int kStall = -1;
+constexpr int kUnknown = -2;  // the command register says that the command is none
+
+/// What a host gets of a step: one of the above, a task's result code, or 0.
+using Step = std::function<int(FaultyQm5&)>;
+
+Step request(ControlSetup setup) {
+  const Bytes sent(isRead(setup) ? 0 : setup.wLength);
+  return [=](FaultyQm5& device) {
+    return device.control(setup, sent).status == ControlStatus::stall ? kStall : 0;
+  };
+}
+Step chunk(std::uint16_t address, std::uint16_t index, std::uint16_t length) {
+  return request({0x40, 0xFD, address, index, length});
+}
+Step command(std::string_view task) {
+  return [=](FaultyQm5& device) {
+    start(device, task);
+    return read(device, 0x1E, 5).data == Bytes{4, '!', 'C', 'M', 'D'} ? kUnknown : 0;
+  };
+}
+Step task(std::string_view name, std::size_t length, std::uint8_t fill = 0) {
+  return [=](FaultyQm5& device) { return runTask(device, name, Bytes(length, fill)).at(1); };
+}
+const Step kOpen = task("SFWi", 0);
+Step fault(std::string_view text) {
+  return [=](FaultyQm5& device) { return device.addFault(parseFault(text).value()), 0; };
+}
+
+int act(FaultyQm5& device, const std::vector<Step>& steps) {
+  int last = 0;
+  for (const Step& step : steps) last = step(device);
+  return last;
+}
+
+struct Sent {
+  std::string name;
+  std::vector<Step> steps;
+  int answer;  // to the last step
+};
+QM5_PRINTS_NAME(Sent)
+
+class Breach : public testing::TestWithParam<Sent> {};
+TEST_P(Breach, IsRecordedAnsweredAndSurvived) {
+  FaultyQm5 device{Qm5Model(kSlowEnd)};
+  EXPECT_EQ(act(device, GetParam().steps), GetParam().answer);
+  EXPECT_EQ(device.breaches().at(0), GetParam().name);
+  read(device, 0x1E, 5);  // a task that was left alone ends here
+  EXPECT_EQ(update(device, image()), 0);
+}
+
+// Each is named by its breach.
+const std::vector<Sent> kWrongs = {
+    {"a chunk of 9 bytes", {chunk(0x1F, 9, 9)}, kStall},
+    {"a chunk of 0 bytes", {chunk(0x1F, 8, 0)}, kStall},
+    {"more bytes than the announced total of 9", {chunk(0x1F, 9, 8), chunk(0x1F, 0, 2)}, kStall},
+    {"a chunk for register 0x1F without a total before it", {chunk(0x1F, 0, 8)}, kStall},
+    {"a total of 65 bytes for register 0x1F", {chunk(0x1F, 65, 8)}, kStall},
+    {"a total of 5 bytes for register 0x1E", {chunk(0x1E, 5, 5)}, kStall},
+    {"a new total while a write is unfinished", {chunk(0x1F, 64, 8), chunk(0x1F, 4, 4)}, 0},
+    {"write to unknown register 0x9", {chunk(0x09, 4, 4)}, kStall},
+    {"read of unknown register 0x10", {request({0xC0, 0xFE, 0x10, 0, 5})}, kStall},
+    {"read with an index of 1", {request({0xC0, 0xFE, 0x1F, 1, 2})}, kStall},
+    {"unknown request 0x40/0xFE", {request({0x40, 0xFE, 0x1F, 4, 0})}, kStall},
+    {"unknown command SFWx", {command("SFWx")}, kUnknown},
+    {"register 0x1F written while SFWs is busy", {command("SFWs"), chunk(0x1F, 4, 4)}, kStall},
+    {"a command before its data is complete", {kOpen, chunk(0x1F, 64, 8), task("SFWd", 0)}, 0xF},
+    {"SFWd before SFWi", {task("SFWd", 64)}, 6},
+    {"SFWs before SFWi", {task("SFWs", 64)}, 6},
+    {"SFWd after SFWs", {kOpen, task("SFWs", 64), task("SFWd", 64)}, 7},
+    {"SFWs without data", {kOpen, task("SFWs", 0)}, 0xF},
+    {"SFWd with 5 bytes", {kOpen, task("SFWd", 5)}, 0xF},
+    {"SFWd repeats a block that was not the previous one", {kOpen, task("SFWd", 4, 0xFE)}, 0xF},
+    {"SFWd without data", {kOpen, task("SFWd", 64), task("SFWd", 0)}, 0xF}};
+INSTANTIATE_TEST_SUITE_P(Each, Breach, testing::ValuesIn(kWrongs), named);
+
+// What a device answers that has just come up, to questions that tell what it remembers.
+std::vector<Bytes> answersAfterPowerCycle(FaultyQm5& device) {
+  device.powerCycle();
+  return {read(device, 0x1E, 5).data,
+          read(device, 0x1F, 65).data,
+          {chunk(0x1F, 0, 2)(device) == kStall},
+          runTask(device, "SFWd", Bytes(64, 0x77))};
+}
+
+class PowerCycle : public testing::TestWithParam<Sent> {};
+TEST_P(PowerCycle, ForgetsWhatIsUnderWay) {
+  FaultyQm5 fresh, device{Qm5Model(kSlowEnd)};
+  EXPECT_EQ(act(device, GetParam().steps), GetParam().answer);
+  EXPECT_EQ(answersAfterPowerCycle(device), answersAfterPowerCycle(fresh));
+  EXPECT_EQ(update(device, image()), 0);
+}
+const std::vector<Sent> kUnderWay = {
+    {"a busy task", {command("SFWs")}, 0},
+    {"a task that hangs", {fault("SFWi:1=busy"), command("SFWi")}, 0},
+    {"half a write", {chunk(0x1F, 64, 8)}, 0},
+    {"a refused command", {command("SFWx")}, kUnknown},
+    {"a reply not read", {fault("SFWi:1=stall"), command("SFWi")}, 0},
+    {"the payload", {kOpen, task("SFWd", 64)}, 0},
+    {"secure data", {kOpen, task("SFWs", 64)}, 0x80}};
+INSTANTIATE_TEST_SUITE_P(Each, PowerCycle, testing::ValuesIn(kUnderWay), named);
+
+// --- faults ---
+
+struct Faulty {
+  std::string name;  // the fault as on the command line
+  ControlStatus status;
+  Bytes reply;
+};
+QM5_PRINTS_NAME(Faulty)
+
+// What the host reads of the second SFWd's reply.
+class OneFault : public testing::TestWithParam<Faulty> {};
+TEST_P(OneFault, HitsItsPointAndGoesWithAPowerCycle) {
+  FaultyQm5 device;
+  act(device, {fault(GetParam().name), kOpen, task("SFWd", 64)});
+  write(device, 0x1F, Bytes(64, 0x21));
+  start(device, "SFWd");
+  for (int poll = 0; poll < 3; ++poll) read(device, 0x1E, 5);
+  const ControlResult reply = read(device, 0x1F, 2);
+  EXPECT_EQ(reply.status, GetParam().status);
+  EXPECT_EQ(reply.data, GetParam().reply);
+  EXPECT_EQ(reply.comes_back, GetParam().name == "SFWd:2=replug");
+  device.powerCycle();
+  EXPECT_EQ(update(device, image()), 0);
+}
+INSTANTIATE_TEST_SUITE_P(
+    Each, OneFault,
+    testing::Values(Faulty{"SFWd:2=stall", ControlStatus::stall, {}},
+                    Faulty{"SFWd:2=result:13", ControlStatus::ok, {0x40, 0x0D}},
+                    Faulty{"SFWd:2=short:1", ControlStatus::ok, {0x40}},
+                    Faulty{"SFWd:2=silent", ControlStatus::pending, {}},
+                    Faulty{"SFWd:2=busy", ControlStatus::ok, {0x40, 0x21}},  // still the input
+                    Faulty{"SFWd:2=replug", ControlStatus::gone, {}},
+                    Faulty{"request:23=stall", ControlStatus::ok, {0x40, 0x21}},  // the command
+                    Faulty{"request:18=stall", ControlStatus::ok, {0x40, 0x0F}},  // a chunk
+                    Faulty{"request:24=stall-on", ControlStatus::stall, {}}),
+    named);
+
+// The host takes the outcome of this task from the length byte.
+TEST(Fault, OfAnOpeningTaskChangesTheLengthByte) {
+  FaultyQm5 device;
+  fault("SFWi:1=result:9")(device);
+  EXPECT_EQ(runTask(device, "SFWi", {}).at(0), 0x49);
+}
+
+// --- the simulator around the device ---
+
+TEST(Trace, HasALineARequestInOrderWhateverThreadMakesIt) {
+  FaultyQm5 device;
+  const auto line = [](const RequestRecord& request) {
+    std::this_thread::sleep_for(std::chrono::microseconds(10));  // the other host's chance
+    return traceLine(request, request.time - std::chrono::microseconds(1'002'030));
+  };
+  std::vector<std::string> traced, made;  // not guarded: it is called in turn
+  device.setObserver([&](const RequestRecord& request) { traced.push_back(line(request)); });
+  start(device, "SFWi");
+  const auto host = [&] {
+    for (std::uint16_t length = 0; length < 500; ++length) read(device, 0x06, length);
+  };
+  std::thread other(host);
+  host();
+  other.join();
+  for (const RequestRecord& request : device.requests()) made.push_back(line(request));
+  EXPECT_EQ(traced, made);
+  EXPECT_EQ(traced.front(),
+            R"({"t":1.002030,"bmRequestType":64,"bRequest":253,"wValue":30,"wIndex":4,)"
+            R"("wLength":4,"data":"53465769","status":"ok"})");
+}
+
+TEST(Options, ThatMakeNoSenseAreRefused) {
+  for (const std::string wrong :
+       {"--fault ", "--fault SFWd=stall", "--fault SFWd:0=stall", "--fault SFWx:1=stall",
+        "--fault SFWd:1=result", "--fault SFWd:1=result:0", "--fault SFWd:1=result:16",
+        "--fault SFWd:1=stall:2", "--fault request:1x=stall", "--busy SFWd=x", "--version 42019",
+        "--attach-after -1", "--unknown 1"}) {
+    const auto space = wrong.find(' ');
+    const auto parsed =
+        parseSimulatorOptions({wrong.substr(0, space), wrong.substr(space + 1), "true"});
+    EXPECT_TRUE(std::holds_alternative<SimulatorNotice>(parsed)) << wrong;
+  }
+}
+
+TEST(Simulator, AttachesLateObeysSignalsAndEndsWithItsVerdict) {
+  FILE* const output = popen(
+      "env -u LD_PRELOAD " QM5_SIMULATOR_PROGRAM
+      " --attach-after 0.3 -- sh -ec 'cd /dev/bus/usb/001; test ! -e 002; sleep 1; test -e 002;"
+      "kill -USR1 $PPID; sleep 0.5; test ! -e 002; kill -USR2 $PPID; sleep 0.5; test -e 003;"
+      "exit 7'",
+      "r");
+  std::array<char, 500> text{};
+  EXPECT_NE(std::fgets(text.data(), text.size(), output), nullptr);
+  EXPECT_EQ(WEXITSTATUS(pclose(output)), 1);
+  EXPECT_STREQ(text.data(),
+               "qm5-simulator: the flash is empty, the signature does not hold, no breach of "
+               "protocol, the program ended with 7\n");
+}
+
+// The bus has not seen to the departure yet: it waits to bring back the device of round 1.
+TEST(EmulatedBus, TakesADeviceThatIsPluggedInRightAfterItLeft) {
+  FaultyQm5 device;
+  EmulatedBus bus(device, {.replug_delay = std::chrono::seconds(10)});
+  for (std::size_t round = 1; round < 4; ++round) {
+    device.addFault({round == 1 ? FaultKind::replug : FaultKind::unplug, "", round});
+    bus.plug();
+    const int node = open(("/dev/bus/usb/001/00" + std::to_string(round + 1)).c_str(), O_RDWR);
+    std::array<std::uint8_t, 17> buffer = {0xC0, 0xFE, 6, 0, 0, 0, 9, 0};
+    usbdevfs_urb request{};
+    request.type = USBDEVFS_URB_TYPE_CONTROL;
+    request.buffer = buffer.data();
+    request.buffer_length = buffer.size();
+    ioctl(node, USBDEVFS_SUBMITURB, &request);
+    ASSERT_EQ(errno, ENODEV) << "round " << round;
+    if (round == 1) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    close(node);
+  }
+}
+
+}  // namespace
+}  // namespace qm5::test
