@@ -108,6 +108,11 @@ void FaultyQm5::powerCycle() {
   model_.powerCycle();
 }
 
+void FaultyQm5::clearRequests() {
+  const std::lock_guard lock(mutex_);
+  requests_.clear();
+}
+
 std::vector<RequestRecord> FaultyQm5::requests() const {
   const std::lock_guard lock(mutex_);
   return requests_;

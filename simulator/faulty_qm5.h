@@ -66,6 +66,8 @@ class FaultyQm5 {
   void powerCycle();
 
   std::vector<RequestRecord> requests() const;
+  /// Forgets them; they are counted on all the same.
+  void clearRequests();
   std::size_t requestCount() const;
 
   // The device as it is now.
