@@ -19,7 +19,7 @@ namespace qm5 {
 class DirectBus final : public USBRegistry {
  public:
   DirectBus();
-  ~DirectBus();
+  ~DirectBus() override;
   DirectBus(const DirectBus&) = delete;
   DirectBus& operator=(const DirectBus&) = delete;
 

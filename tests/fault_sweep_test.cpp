@@ -39,7 +39,7 @@ Plan planOf(const Bytes& image) {
   const auto add = [&](char name, std::size_t at, std::size_t bytes) {
     plan.tasks.push_back({name, bytes, image[at] & 0x0Fu});
   };
-  for (const std::size_t bytes : {4, 64, 4, 64})
+  for (const std::size_t bytes : {4u, 64u, 4u, 64u})
     add('d', kImagePayloadStart + (plan.tasks.size() - 1) * 64, bytes);
   for (const std::size_t region : {kImageSignatureStart, kImagePublicKeyStart}) {
     for (std::size_t at = region; at < region + 384; at += 64) add('s', at, 64);
@@ -141,7 +141,7 @@ class Rules {
   Expected readTooEarly() const {
     if (task_.name == 'i') return kNotWhatWasSigned;  // the first block finds it still busy
     if (task_.name == 'd') return task_.nibble != 0 ? kSuccess : kNotWhatWasSigned;
-    return task_.nibble != 0 ? refused('s', task_.nibble) : unnoticed("poll cut short");
+    return task_.nibble != 0 ? refused('s', task_.nibble) : unnoticed("reply cut short");
   }
   // DATA3 shows the input, to this task and to all after it.
   Expected hung(std::size_t number) const {
@@ -169,7 +169,7 @@ class Faults : public testing::Test {
       if (plugged_in_a_sleep) app_.bus.plug(*device_);
     };
     app_.bus.plug(*device_);
-    const Outcome outcome = app_.update();
+    Outcome outcome = app_.update();
     told_[outcome.told == kFinish] += 1;
     return outcome;
   }
@@ -238,7 +238,7 @@ TEST_F(Faults, EachByItselfEndsAsTheRulesSay) {
   summarize("fault sweep", tried);
   // Where the protocol itself can't know. Nothing may be added unseen.
   EXPECT_EQ(unknowable_, (std::map<std::string, int>{{"hang", 45},
-                                                     {"poll cut short", 4},
+                                                     {"reply cut short", 4},
                                                      {"power lost and back", 14},
                                                      {"refused command", 2}}));
 }
@@ -250,7 +250,7 @@ std::string excuse(const Fault& fault, const RequestRecord& hit, bool plugged_in
   if (fault.kind == FaultKind::replug) return "power lost and back";
   const bool leaves = fault.kind == FaultKind::unplug || fault.kind == FaultKind::silent;
   if (leaves && plugged_in_a_sleep) return "power lost and back";
-  if (fault.kind == FaultKind::short_reply && is_read) return "reply or poll cut short";
+  if (fault.kind == FaultKind::short_reply && is_read) return "reply cut short";
   if (fault.kind == FaultKind::stall && !is_read && hit.setup.wValue == 0x1E)
     return "refused command";
   return "";

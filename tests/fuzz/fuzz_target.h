@@ -22,7 +22,7 @@ inline Outcome updateGoodDevice(FaultyQm5& device) {
   app.during_sleep = {};
   app.bus.unplug();
   app.bus.plug(device);
-  const Outcome outcome = app.update();
+  Outcome outcome = app.update();
   app.bus.unplug();
   if (testing::UnitTest::GetInstance()->Failed()) fatal("the toolkit was used wrongly");
   return outcome;

@@ -66,7 +66,7 @@ class WholeApp {
     transcript.take();
     toolkit.main->press("btnNext");
     if (!ended_) toolkit.runUntilAlert();
-    const Outcome outcome = read(transcript.take());
+    Outcome outcome = read(transcript.take());
     if (!ended_) toolkit.answer(kAlertFirstButtonReturn);
     const Lines ready = {"log: OK pressed", "btnExit enabled", "btnNext enabled"};
     EXPECT_EQ(transcript.take(), ended_ ? Lines{} : ready);
