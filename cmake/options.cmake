@@ -2,6 +2,7 @@
 # folder's library with the folders it may include.
 
 set(QM5_SANITIZER "" CACHE STRING "Sanitizers to build with: empty, address, or thread")
+option(QM5_FUZZ "Build the fuzzers as well, which takes clang" OFF)
 
 add_library(qm5_options INTERFACE)
 target_include_directories(qm5_options INTERFACE ${CMAKE_SOURCE_DIR})
@@ -21,6 +22,10 @@ if(QM5_SANITIZER)
   target_link_options(qm5_options INTERFACE ${sanitize})
 else()
   target_compile_definitions(qm5_options INTERFACE $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
+endif()
+
+if(QM5_FUZZ)
+  target_compile_options(qm5_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
 # qm5_library(NAME SOURCES file... USES target...)

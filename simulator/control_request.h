@@ -35,4 +35,16 @@ struct ControlResult {
   bool comes_back = false;  ///< with `gone`: it is plugged in again a moment later
 };
 
+/// What answers the control requests of a device, and so can be plugged into a bus.
+class ControlEndpoint {
+ public:
+  /// Carries out one control request. `data` is what a write sends.
+  virtual ControlResult control(const ControlSetup& setup, ByteView data) = 0;
+  /// What plugging it in anew does to the device.
+  virtual void powerCycle() = 0;
+
+ protected:
+  ~ControlEndpoint() = default;
+};
+
 }  // namespace qm5

@@ -47,7 +47,7 @@ struct RequestRecord {
   ControlStatus status;
 };
 
-class FaultyQm5 {
+class FaultyQm5 final : public ControlEndpoint {
  public:
   FaultyQm5() = default;
   explicit FaultyQm5(Qm5Model model) : model_(std::move(model)) {}
@@ -61,9 +61,8 @@ class FaultyQm5 {
   /// Forgets all faults, and what lasts of those that have happened.
   void clearFaults();
 
-  ControlResult control(const ControlSetup& setup, ByteView data);
-  /// What plugging it in anew does to the device.
-  void powerCycle();
+  ControlResult control(const ControlSetup& setup, ByteView data) override;
+  void powerCycle() override;
 
   std::vector<RequestRecord> requests() const;
   /// Forgets them; they are counted on all the same.

@@ -23,7 +23,7 @@ may update_engine "update_engine device_link platform"
 may app_shell "app_shell app_shell/qt update_engine device_link device_monitor/libusb platform"
 may app_shell/qt "app_shell/qt app_shell platform"
 may tools "tools platform"
-may simulator "simulator tools platform"
+may simulator "simulator tools device_monitor platform"
 
 # only PATTERN FOLDERS: headers that match PATTERN are included in these folders alone.
 only() {

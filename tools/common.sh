@@ -7,7 +7,7 @@ say() { printf '== %s\n' "$*"; }
 readonly packages_build="g++ cmake ninja-build pkg-config qt6-base-dev libusb-1.0-0-dev libssl-dev
   libumockdev-dev umockdev libgtest-dev libgmock-dev locales"
 readonly packages_screen="xvfb openbox xdotool imagemagick fonts-dejavu-core"
-readonly packages_check="clang clang-format clang-tidy"
+readonly packages_check="clang clang-format clang-tidy libclang-rt-dev"
 
 # install_missing PACKAGE...: installs those that are not installed, as root or with sudo.
 install_missing() {

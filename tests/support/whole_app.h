@@ -1,0 +1,101 @@
+// The whole program but for its windows and its bus: the shell and all layers below it, with
+// a software device right behind the USB port, in virtual time.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <string>
+
+#include "app_shell/main_storyboard.h"
+#include "app_shell/view_controller.h"
+#include "scripted_toolkit.h"
+#include "simulator/direct_bus.h"
+#include "virtual_clock.h"
+
+namespace qm5::test {
+
+/// What the person was told, and why.
+struct Outcome {
+  std::string told;   ///< the title of the alert, or of the finish dialog
+  std::string lines;  ///< the console's lines about a failure, each ended by a semicolon
+  bool operator==(const Outcome&) const = default;
+};
+
+/// A signed image of four blocks: one of 0xFF, a whole one, the same again, an incomplete one.
+/// The low nibble of the first byte is 0 in the second and third block, in one block of the
+/// signature and in the last one of the key: there, an input that is still in the device's
+/// data register looks like a good reply.
+inline Bytes smallImage() {
+  std::ifstream file(QM5_SMALL_IMAGE, std::ios::binary);
+  return Bytes(std::istreambuf_iterator<char>(file), {});
+}
+
+class WholeApp {
+ public:
+  explicit WholeApp(Bytes image) {
+    setUSBRegistry(&bus);
+    toolkit.image = std::move(image);
+    toolkit.during_finish_dialog = [this] { ended_ = true; };
+    // A job's first second is enough for the progress window to come up.
+    clock.during_sleep = [this](double) {
+      toolkit.waitUntilModal();
+      if (during_sleep) during_sleep();
+    };
+    start();
+    bus.waitUntilWatched();
+  }
+  ~WholeApp() {
+    toolkit.controller.reset();
+    while (!watch_.expired()) std::this_thread::yield();
+    global_driver.reset();
+  }
+
+  /// Starts the program.
+  void start() {
+    toolkit.applicationMain(0, nullptr, mainStoryboard());
+    watch_ = toolkit.controller;
+    ended_ = false;
+  }
+  /// Presses Next and sees the run to its end. Starts the program again where the finish
+  /// dialog has ended it, and only there.
+  Outcome update() {
+    if (ended_) start();
+    transcript.take();
+    toolkit.main->press("btnNext");
+    if (!ended_) toolkit.runUntilAlert();
+    Outcome outcome = read(transcript.take());
+    if (!ended_) toolkit.answer(kAlertFirstButtonReturn);
+    const Lines ready = {"log: OK pressed", "btnExit enabled", "btnNext enabled"};
+    EXPECT_EQ(transcript.take(), ended_ ? Lines{} : ready);
+    clock.takeSleeps();
+    return outcome;
+  }
+
+  Transcript transcript;
+  VirtualClock clock;
+  std::function<void()> during_sleep;
+  DirectBus bus;
+  ScriptedToolkit toolkit{transcript};
+
+ private:
+  static Outcome read(const Lines& lines) {
+    Outcome outcome;
+    for (const std::string& line : lines) {
+      const auto says = [&](std::string_view text) { return line.find(text) != line.npos; };
+      if (line.starts_with("finish titled ")) outcome.told += line.substr(14);
+      if (line.starts_with("alert on main: "))
+        outcome.told += line.substr(15, line.find(" |") - 15);
+      if (says("ailed") || says("is None") || says("out: Invalid"))
+        outcome.lines += line.substr(5) + ";";  // behind "out: "
+    }
+    return outcome;
+  }
+
+  std::weak_ptr<void> watch_;
+  bool ended_ = false;
+};
+
+}  // namespace qm5::test
