@@ -5,10 +5,10 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <iostream>
 #include <random>
 
 #include "simulator/faulty_qm5.h"
+#include "support/effort.h"
 #include "support/whole_app.h"
 #include "tools/firmware_image.h"
 
@@ -186,10 +186,12 @@ class Faults : public testing::Test {
   }
   ByteView payload() const { return ByteView(image_).subspan(kImagePayloadStart); }
   void summarize(const std::string& sweep, std::size_t tried) const {
-    std::cout << sweep << ": " << tried << " tried, " << told_[1] << " finish dialogs, " << told_[0]
-              << " alerts, " << wrong_ << " wrong outcomes\n";
-    for (const auto& [why, count] : unknowable_)
-      std::cout << sweep << ": " << count << " unnoticed: " << why << "\n";
+    report(sweep + ": " + std::to_string(tried) + " tried, " + std::to_string(told_[1]) +
+           " finish dialogs, " + std::to_string(told_[0]) + " alerts, " + std::to_string(wrong_) +
+           " wrong outcomes");
+    for (const auto& [why, count] : unknowable_) {
+      report(sweep + ": " + std::to_string(count) + " unnoticed: " + why);
+    }
   }
 
   const Bytes image_ = smallImage();
@@ -256,14 +258,10 @@ std::string excuse(const Fault& fault, const RequestRecord& hit, bool plugged_in
   return "";
 }
 
-std::size_t environmentNumber(const char* name, std::size_t otherwise) {
-  const char* const text = std::getenv(name);
-  return text == nullptr ? otherwise : std::strtoull(text, nullptr, 10);
-}
-
 TEST_F(Faults, AtRandomNeverEndInAWrongWord) {
-  const std::size_t seed = environmentNumber("QM5_SEED", 4208);
-  const std::size_t schedules = environmentNumber("QM5_LONG", 0) != 0 ? 20'000 : 500;
+  const char* const chosen = std::getenv("QM5_SEED");
+  const std::size_t seed = chosen != nullptr ? std::strtoull(chosen, nullptr, 10) : 4208;
+  const std::size_t schedules = effort<std::size_t>(500, 20'000);
   for (std::size_t schedule = 0; schedule < schedules; ++schedule) {
     std::seed_seq numbers{seed, schedule};
     std::mt19937 random(numbers);
