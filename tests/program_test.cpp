@@ -356,21 +356,6 @@ TEST_F(Program, SaysThatThePackageIsBroken) {
   });
 }
 
-TEST_F(Program, NoticesAnUnplugBeforeItsFirstLook) {
-  EmulatedBus bus(qm5);
-  bus.plug();
-  clock.during_sleep = [&](double) {
-    bus.unplug();
-    while (global_driver->deviceInfo()) std::this_thread::yield();
-  };
-  run([&] {
-    awaitDevice();
-    press("Next");
-    EXPECT_TRUE(alert().starts_with("<b>No QM5 device !</b>"));
-    press("OK");
-  });
-}
-
 // The question whether to quit leaves the update alone, answered or not.
 TEST_F(Program, GoesOnUpdatingWhileItAsksWhetherToQuit) {
   for (const bool answered : {true, false}) {

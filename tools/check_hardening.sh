@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Fails when a shipped binary lacks a hardening that the build is to give it.
-# usage: tests/check_hardening.sh BINARY
+# usage: tools/check_hardening.sh BINARY
 set -euo pipefail
 readonly binary=$1
 headers=$(readelf -Wh -Wl -Wd "$binary")
