@@ -66,10 +66,10 @@ TEST_P(Packaged, IsRefusedInItsOwnWords) {
   app.toolkit.image = readRegularFile(std::string(kPath));
   app.start();
   EXPECT_EQ(app.transcript.take(), Lines{"out: " + std::string(GetParam().line)});
-  for (int round = 0; round < 2; ++round) {
+  for (std::size_t round = 1; round <= 2; ++round) {
     app.bus.plug(device);
     EXPECT_EQ(app.update().told, GetParam().told);
-    EXPECT_LE(device.requestCount(), (round + 1) * GetParam().requests_most);
+    EXPECT_LE(device.requestCount(), round * GetParam().requests_most);
   }
 }
 
