@@ -45,6 +45,7 @@ sigset_t controlSignals() {
 std::optional<pid_t> start(const std::vector<std::string>& program) {
   std::vector<std::string> words = program;
   std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (std::string& word : words) arguments.push_back(word.data());
   arguments.push_back(nullptr);
   sigset_t none;

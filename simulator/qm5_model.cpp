@@ -135,7 +135,7 @@ ControlResult Qm5Model::writeRegister(const ControlSetup& setup, ByteView chunk)
     return refuse("a chunk for " + registerName(setup.wValue) + " without a total before it");
   }
   if (setup.wIndex != 0) {
-    const ControlResult opened = openWrite(setup);
+    ControlResult opened = openWrite(setup);
     if (opened.status != ControlStatus::ok) return opened;
   }
   open_write_->bytes.insert(open_write_->bytes.end(), chunk.begin(), chunk.end());

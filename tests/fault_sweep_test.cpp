@@ -190,7 +190,8 @@ class Faults : public testing::Test {
            " finish dialogs, " + std::to_string(told_[0]) + " alerts, " + std::to_string(wrong_) +
            " wrong outcomes");
     for (const auto& [why, count] : unknowable_) {
-      report(sweep + ": " + std::to_string(count) + " unnoticed: " + why);
+      std::string line = sweep + ": " + std::to_string(count);
+      report(line.append(" unnoticed: ").append(why));
     }
   }
 
