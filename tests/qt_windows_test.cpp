@@ -85,13 +85,10 @@ TEST_F(QtWindows, StepsKeepTheirOrderInAndOutOfNestedRuns) {
     toolkit_.runModalForWindow(progressWindow());
     note("inner run ended");
     // Had the second stop reached the outer run, this step would not be served in it.
-    QMetaObject::invokeMethod(
-        qApp,
-        [&] {
-          note("outer run goes on");
-          toolkit_.stopModal();
-        },
-        Qt::QueuedConnection);
+    toolkit_.mainQueueAsync([&] {
+      note("outer run goes on");
+      toolkit_.stopModal();
+    });
   });
   toolkit_.mainQueueAsync([&] { note("second"); });
   toolkit_.runModalForWindow(progressWindow());
