@@ -52,7 +52,8 @@ bool openUpdate(const ProgressCallback& progress) {
 double percentage(std::size_t i, std::size_t length) {
   const std::size_t whole_chunks = length / kChunkSize;
   if (whole_chunks == 0) fatal("progress of less than one chunk");
-  return static_cast<double>(i * 100 / whole_chunks);
+  const std::size_t percent = i * 100 / whole_chunks;  // rounded down
+  return static_cast<double>(percent);
 }
 
 std::string failureText(const std::optional<std::size_t>& result) {
