@@ -18,6 +18,7 @@
 #include "device_monitor/libusb/libusb_registry.h"
 #include "simulator/emulated_bus.h"
 #include "support/effort.h"
+#include "support/expected_requests.h"
 #include "support/named_cases.h"
 #include "support/transcript.h"
 #include "support/virtual_clock.h"
@@ -55,16 +56,6 @@ Bytes smallPayload() {
     payload.insert(payload.end(), 64, static_cast<std::uint8_t>(block));
   payload.insert(payload.end(), 10, 3);
   return payload;
-}
-
-// One request as text, for comparison: setup and data sent.
-std::string requestText(unsigned type, unsigned request, unsigned value, unsigned index,
-                        unsigned length, const Bytes& sent) {
-  std::string text;
-  for (const unsigned number : {type, request, value, index, length})
-    text.append(std::to_string(number)).append(" ");
-  for (const auto byte : sent) text.append(std::to_string(byte)).append(",");
-  return text;
 }
 
 class Program : public testing::Test {
@@ -163,49 +154,6 @@ class Program : public testing::Test {
   std::chrono::milliseconds longest_silence{0};
 };
 
-// What must go over the wire for an image, with a device that is ready at the first poll.
-class ExpectedRequests {
- public:
-  explicit ExpectedRequests(const Bytes& image) {
-    read(0x06, 9);
-    task("SFWi", {}, 7);
-    const Bytes flash = flashContents(Bytes(image.begin() + 772, image.end()));
-    Bytes previous(64, 0xFF);
-    for (std::size_t at = 0; at < flash.size(); at += 64) {
-      const Bytes block = slice(flash, at, 64);
-      task("SFWd", block == previous ? slice(block, 0, 4) : block, 2);
-      previous = block;
-    }
-    for (const std::size_t region : {388U, 4U})
-      for (std::size_t at = region; at < region + 384; at += 64)
-        task("SFWs", slice(image, at, 64), 11);
-  }
-  Lines lines;
-
- private:
-  static Bytes slice(const Bytes& bytes, std::size_t at, std::size_t size) {
-    const auto first = bytes.begin() + static_cast<std::ptrdiff_t>(at);
-    return {first, first + static_cast<std::ptrdiff_t>(std::min(size, bytes.size() - at))};
-  }
-  void read(unsigned address, unsigned length) {
-    lines.push_back(requestText(0xC0, 0xFE, address, 0, length, {}));
-  }
-  void write(unsigned address, const Bytes& data) {
-    for (std::size_t at = 0; at < data.size(); at += 8) {
-      const Bytes chunk = slice(data, at, 8);
-      lines.push_back(requestText(0x40, 0xFD, address,
-                                  at == 0 ? static_cast<unsigned>(data.size()) : 0,
-                                  static_cast<unsigned>(chunk.size()), chunk));
-    }
-  }
-  void task(std::string_view command, const Bytes& data, unsigned reply_length) {
-    write(0x1F, data);
-    write(0x1E, Bytes(command.begin(), command.end()));
-    read(0x1E, 5);
-    read(0x1F, reply_length);
-  }
-};
-
 TEST_F(Program, SendsExactlyTheRequestsOfAnUpdateAndNothingElse) {
   EmulatedBus bus(qm5);
   bus.plug();
@@ -269,9 +217,18 @@ INSTANTIATE_TEST_SUITE_P(Versions, ReportedVersion,
                                          Version{"420A", 0x420A, true}),
                          named);
 
-TEST_F(Program, EndsInAnErrorForADamagedPayloadAndCanGoOn) {
+struct BrokenPackage {
+  std::string_view name;
+  void (*damage)(Bytes&);
+  std::string alert;
+};
+QM5_PRINTS_NAME(BrokenPackage)
+
+class Broken : public Program, public testing::WithParamInterface<BrokenPackage> {};
+
+TEST_P(Broken, EndsInItsAlertAndCanGoOn) {
   Bytes damaged = toolkit->image;
-  damaged[772 + 100] ^= 0x10;
+  GetParam().damage(damaged);
   toolkit = new PackagedToolkit(damaged);
   EmulatedBus bus(qm5);
   bus.plug();
@@ -279,14 +236,24 @@ TEST_F(Program, EndsInAnErrorForADamagedPayloadAndCanGoOn) {
     awaitDevice();
     for (int round = 0; round < 2; ++round) {
       press("Next");
-      EXPECT_EQ(alert(),
-                "<b>Flash firmware error</b> | Flash ti dmc firmware error, please try again.");
+      EXPECT_EQ(alert(), GetParam().alert);
       press("OK");
     }
     EXPECT_TRUE(eventually([] { return pressable("Next") != nullptr; }));
   });
   EXPECT_FALSE(qm5.signatureHolds());
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Packages, Broken,
+    testing::Values(
+        BrokenPackage{
+            "one bit", [](Bytes& image) { image[772 + 100] ^= 0x10; },
+            "<b>Flash firmware error</b> | Flash ti dmc firmware error, please try again."},
+        BrokenPackage{"missing", [](Bytes& image) { image.clear(); },
+                      "<b>QM5 firmware update data error!</b> | Attached binary file data error."
+                      "\nPlease download this program and try again."}),
+    named);
 
 TEST_F(Program, SaysThatNothingIsConnectedUntilSomethingIs) {
   EmulatedBus bus(qm5);
@@ -338,22 +305,6 @@ TEST_F(Program, SurvivesAnUnplugAtAnyMomentAndTheNextRunSucceeds) {
          " unplugs in the middle of a run: each its alert, the next run right; "
          "longest time without the event loop " +
          std::to_string(longest_silence.count()) + " ms");
-}
-
-TEST_F(Program, SaysThatThePackageIsBroken) {
-  toolkit = new PackagedToolkit({});
-  EmulatedBus bus(qm5);
-  bus.plug();
-  run([&] {
-    awaitDevice();
-    for (int round = 0; round < 2; ++round) {
-      press("Next");
-      EXPECT_EQ(alert(),
-                "<b>QM5 firmware update data error!</b> | Attached binary file data error."
-                "\nPlease download this program and try again.");
-      press("OK");
-    }
-  });
 }
 
 // The question whether to quit leaves the update alone, answered or not.
