@@ -3,9 +3,27 @@
 #include <utility>
 
 #include "app_shell/exit_confirmation.h"
+#include "platform/clock.h"
+#include "platform/fatal.h"
 #include "platform/system_log.h"
 
 namespace qm5 {
+
+void ProgressViewController::updateBegan() {
+  pace_ = UpdatePace(processClock().now());
+  showPace();
+}
+
+void ProgressViewController::progressed(double percent) {
+  pace_.progressed(percent, processClock().now());
+}
+
+void ProgressViewController::showPace() {
+  const double now = processClock().now();
+  required(txtElapsed.lock(), "no txtElapsed").setStringValue(pace_.elapsed(now));
+  required(txtRemaining.lock(), "no txtRemaining").setStringValue(pace_.remaining(now));
+  required(txtPhase.lock(), "no txtPhase").setStringValue(pace_.phase(now));
+}
 
 void ProgressViewController::viewWillDisappear() {
   toolkit().stopModal();
@@ -27,6 +45,9 @@ ProgressWindowController::ProgressWindowController(std::shared_ptr<Window> loade
   content->txtTitle1 = window->textField("txtTitle1");
   content->txtTitle2 = window->textField("txtTitle2");
   content->progressBar = window->progressIndicator("progressBar");
+  content->txtElapsed = window->textField("txtElapsed");
+  content->txtRemaining = window->textField("txtRemaining");
+  content->txtPhase = window->textField("txtPhase");
   contentViewController = content;
 
   // The window must not keep its own controller alive.
@@ -36,6 +57,10 @@ ProgressWindowController::ProgressWindowController(std::shared_ptr<Window> loade
   });
   window->setViewWillDisappear([weak] {
     if (const auto controller = weak.lock()) controller->viewWillDisappear();
+  });
+  constexpr double kInterval = 1;  // second: the finest that the texts tell
+  window->setTimer(kInterval, [weak] {
+    if (const auto controller = weak.lock()) controller->showPace();
   });
   content->viewDidLoad();
 }

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "app_shell/controllers.h"
+#include "app_shell/update_pace.h"
 
 namespace qm5 {
 
@@ -15,12 +16,26 @@ class ProgressViewController final : public BaseViewController {
   std::weak_ptr<TextField> txtTitle1;  ///< fixed by the layout
   std::weak_ptr<TextField> txtTitle2;
   std::weak_ptr<ProgressIndicator> progressBar;
+  std::weak_ptr<TextField> txtElapsed;
+  std::weak_ptr<TextField> txtRemaining;
+  std::weak_ptr<TextField> txtPhase;
+
+  /// An update begins now: from here on its time is counted.
+  void updateBegan();
+  /// Notes a progress value, a percentage, for what is told next.
+  void progressed(double percent);
 
   /// Whatever takes the view off the screen ends the window's modal run.
   void viewWillDisappear() override;
   /// Asks whether to quit. Does not cancel the update: that goes on unless the answer is "Quit".
   void abortClicked(Button* sender);
   void showExitConfirmation();
+  /// Tells for how long the update has been running and what is going on; called every second
+  /// while the window is up. Fatal without the fields for that.
+  void showPace();
+
+ private:
+  UpdatePace pace_{0};
 };
 
 class ProgressWindowController final : public BaseWindowController {

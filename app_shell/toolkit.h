@@ -55,6 +55,16 @@ class ProgressIndicator {
   virtual void setDoubleValue(double value) = 0;
 };
 
+/// What a status line is about; each has a sign of its own, not a colour alone.
+enum class Status { information, good, caution };
+
+/// A sign and a text that tell what is so. Changes are announced to assistive technology.
+class StatusLine {
+ public:
+  virtual ~StatusLine() = default;
+  virtual void setStatus(Status status, std::string_view text) = 0;
+};
+
 /// What a control calls when it is pressed; `sender` is that control.
 using Action = std::function<void(Button* sender)>;
 
@@ -113,10 +123,14 @@ class Window {
   virtual std::shared_ptr<Button> button(std::string_view outlet) = 0;
   virtual std::shared_ptr<TextField> textField(std::string_view outlet) = 0;
   virtual std::shared_ptr<ProgressIndicator> progressIndicator(std::string_view outlet) = 0;
+  virtual std::shared_ptr<StatusLine> statusLine(std::string_view outlet) = 0;
   /// Wires the button of that name; nothing happens when the layout has none.
   virtual void setAction(std::string_view button, Action action) = 0;
   /// Has `callback` called just before the window's view leaves the screen, whatever takes it.
   virtual void setViewWillDisappear(std::function<void()> callback) = 0;
+
+  /// Has `tick` called every `interval` seconds for as long as the window is on the screen.
+  virtual void setTimer(double interval, std::function<void()> tick) = 0;
 
   // What a window built by the program shows. Frames are relative to its content view.
   virtual void addSubview(const ImageView& image) = 0;

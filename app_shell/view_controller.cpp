@@ -68,6 +68,7 @@ void ViewController::connectOutlets(const std::shared_ptr<Window>& main_window) 
   viewWindow = main_window;
   btnExit = main_window->button("btnExit");
   btnNext = main_window->button("btnNext");
+  busStatus->showIn(main_window->statusLine("busStatus"));
   // The window must not keep its own controller alive.
   const std::weak_ptr<ViewController> weak = weak_from_this();
   main_window->setAction("btnNext", [weak](Button* sender) {
@@ -173,6 +174,7 @@ void ViewController::showProgress(double progress) {
   text.append(strVersion).append(" -> ").append(kTargetVersion);
   text.append(", (").append(oneDecimal(progress)).append(" %)");
   required(content->txtTitle2.lock(), "no txtTitle2").setStringValue(text);
+  content->progressed(progress);
 }
 
 }  // namespace qm5

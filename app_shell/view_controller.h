@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "app_shell/bus_status.h"
 #include "app_shell/controllers.h"
 #include "device_link/driver.h"
 #include "platform/bytes.h"
@@ -57,6 +58,8 @@ class ViewController final : public BaseViewController,
   void showProgress(double progress);
   void takeProgressWindowDown();
 
+  // Made first: it listens before the Driver has the bus watched.
+  const std::shared_ptr<BusStatus> busStatus = BusStatus::follow();
   std::weak_ptr<Button> btnExit;
   std::weak_ptr<Button> btnNext;
   std::shared_ptr<BaseWindowController> progressWindowController;

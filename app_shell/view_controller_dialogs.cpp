@@ -66,6 +66,7 @@ void ViewController::showProgressDialog() {
   if (const auto content =
           std::dynamic_pointer_cast<ProgressViewController>(controller.contentViewController)) {
     required(content->progressBar.lock(), "no progressBar").setDoubleValue(0.0);
+    content->updateBegan();
   }
   controller.showWindow();
   if (centre) centreOn(*controller.window, *centre);

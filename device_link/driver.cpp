@@ -1,7 +1,6 @@
 #include "device_link/driver.h"
 
 #include <algorithm>
-#include <any>
 #include <array>
 #include <limits>
 #include <vector>
@@ -16,16 +15,6 @@ namespace {
 constexpr std::uint32_t kPresetLengthDone = 0xFF;
 
 constexpr std::size_t kLongestRequest = std::numeric_limits<std::uint16_t>::max();
-
-// The value under `key` of a notification's object; nullptr when the object is not a
-// dictionary or holds no such value.
-template <typename Value>
-const Value* objectValue(const Notification& notification, const std::string& key) {
-  const auto* dictionary = std::any_cast<Dictionary>(&notification.object);
-  if (dictionary == nullptr) return nullptr;
-  const auto found = dictionary->find(key);
-  return found == dictionary->end() ? nullptr : std::any_cast<Value>(&found->second);
-}
 
 }  // namespace
 

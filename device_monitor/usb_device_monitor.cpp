@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <optional>
 #include <utility>
 
 #include "platform/console.h"
@@ -35,40 +34,41 @@ IOReturn createPlugIn(io_service_t service, IOCFPlugInInterfaceStruct**& plug_in
   return result;
 }
 
-bool open(IOUSBDeviceStruct942& device) {
+IOReturn open(IOUSBDeviceStruct942& device) {
   const IOReturn result = device.USBDeviceOpen();
   // A device that someone else holds is announced all the same, unopened by this process.
-  if (result == kIOReturnSuccess || result == kIOReturnExclusiveAccess) return true;
+  if (result == kIOReturnSuccess || result == kIOReturnExclusiveAccess) return kIOReturnSuccess;
   print("Could not open device (error: " + std::to_string(result) + ")");
-  return false;
+  return result;
 }
 
-// The record of an arrived device, opened; empty when a step fails. The interfaces of a
-// device that is skipped are left as they are.
-std::optional<USBDevice> take(io_service_t service) {
-  USBDevice device;
-  device.id = entryId(service);
+// Fills in the record of an arrived device and opens it; other than 0 when a step fails.
+// The interfaces of a device that is skipped are left as they are.
+IOReturn take(io_service_t service, USBDevice& device) {
   device.name = entryName(service);
 
   auto**& plug_in = device.plugInInterfacePtrPtr;
-  if (createPlugIn(service, plug_in) != kIOReturnSuccess) return std::nullopt;
+  if (const IOReturn result = createPlugIn(service, plug_in); result != kIOReturnSuccess)
+    return result;
   if (plug_in == nullptr || *plug_in == nullptr) {
     print("Unable to get Plug-In Interface");
-    return std::nullopt;
+    return kIOReturnError;
   }
 
   auto**& interface = device.deviceInterfacePtrPtr;
-  if ((*plug_in)->QueryInterface(kIOUSBDeviceInterfaceID, interface) != kIOReturnSuccess)
-    return std::nullopt;
+  if (const IOReturn result = (*plug_in)->QueryInterface(kIOUSBDeviceInterfaceID, interface);
+      result != kIOReturnSuccess)
+    return result;
   if (interface == nullptr || *interface == nullptr) {
     print("Unable to get Device Interface");
-    return std::nullopt;
+    return kIOReturnError;
   }
 
-  if (!open(**interface)) return std::nullopt;
-  if ((*interface)->GetDeviceVendor(device.vendorId) != kIOReturnSuccess) return std::nullopt;
-  if ((*interface)->GetDeviceProduct(device.productId) != kIOReturnSuccess) return std::nullopt;
-  return device;
+  if (const IOReturn result = open(**interface); result != kIOReturnSuccess) return result;
+  if (const IOReturn result = (*interface)->GetDeviceVendor(device.vendorId);
+      result != kIOReturnSuccess)
+    return result;
+  return (*interface)->GetDeviceProduct(device.productId);
 }
 
 }  // namespace
@@ -108,11 +108,15 @@ void USBDeviceMonitor::watch(const USBMonitorData& entry) {
 }
 
 void USBDeviceMonitor::rawDeviceAdded(io_iterator_t iterator) {
+  NotificationCenter& center = NotificationCenter::defaultCenter();
   while (const io_service_t service = usbRegistry().iteratorNext(iterator)) {
-    if (const std::optional<USBDevice> device = take(service)) {
-      NotificationCenter::defaultCenter().post(
-          {USBDeviceConnected, Dictionary{{"device", *device}}});
+    USBDevice device;
+    device.id = entryId(service);
+    const IOReturn result = take(service, device);
+    if (result == kIOReturnSuccess) {
+      center.post({USBDeviceConnected, Dictionary{{"device", device}}});
     }
+    center.post({USBDeviceExamined, Dictionary{{"id", device.id}, {"result", result}}});
   }
 }
 

@@ -17,6 +17,10 @@ inline const std::string USBDeviceConnected = "USBDeviceConnected";
 /// Posted for each device that left, announced before or not. Its object is a Dictionary
 /// with the key "id": the device's id, std::uint64_t.
 inline const std::string USBDeviceDisconnected = "USBDeviceDisconnected";
+/// Posted for each device that arrived, after it was announced, or skipped. Its object is a
+/// Dictionary with the keys "id": the device's id, std::uint64_t, and "result": IOReturn, 0
+/// when it was announced, else why it was not.
+inline const std::string USBDeviceExamined = "USBDeviceExamined";
 
 // The platform's published identifiers of its USB user client and of the two interfaces.
 /// 9DC7B780-9EC0-11D4-A54F-000A27052861

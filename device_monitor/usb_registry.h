@@ -21,8 +21,12 @@ namespace qm5 {
 /// Result of an operation: 0, or the bus library's own negative code.
 using IOReturn = std::int32_t;
 inline constexpr IOReturn kIOReturnSuccess = 0;
+/// The user may not open the device (libusb's LIBUSB_ERROR_ACCESS).
+inline constexpr IOReturn kIOReturnNotPermitted = -3;
 /// Another process holds the device (libusb's LIBUSB_ERROR_BUSY).
 inline constexpr IOReturn kIOReturnExclusiveAccess = -6;
+/// No reason is known (libusb's LIBUSB_ERROR_OTHER).
+inline constexpr IOReturn kIOReturnError = -99;
 
 // Handles. 0 is no object.
 using io_port_t = std::uint32_t;

@@ -12,6 +12,10 @@ class SystemClock final : public Clock {
   void sleep(double seconds) override {
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
   }
+  double now() override {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+  }
 };
 
 SystemClock system_clock;

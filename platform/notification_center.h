@@ -20,6 +20,16 @@ struct Notification {
   std::any object;  ///< empty, or what the sender attached
 };
 
+/// The value under `key` of a notification's object; nullptr when the object is not a
+/// dictionary or holds no such value.
+template <typename Value>
+const Value* objectValue(const Notification& notification, const std::string& key) {
+  const auto* dictionary = std::any_cast<Dictionary>(&notification.object);
+  if (dictionary == nullptr) return nullptr;
+  const auto found = dictionary->find(key);
+  return found == dictionary->end() ? nullptr : std::any_cast<Value>(&found->second);
+}
+
 class NotificationCenter {
   struct Entry;
 

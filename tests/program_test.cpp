@@ -255,16 +255,35 @@ INSTANTIATE_TEST_SUITE_P(
                       "\nPlease download this program and try again."}),
     named);
 
-TEST_F(Program, SaysThatNothingIsConnectedUntilSomethingIs) {
-  EmulatedBus bus(qm5);
+TEST_F(Program, SaysThatNothingIsConnectedUntilSomethingIsThatMayBeOpened) {
+  EmulatedBus bus(qm5, {.permitted = false});
+  const auto told = [](const QString& start) {
+    for (QWidget* widget : QApplication::allWidgets()) {
+      if (widget->objectName() == "txtStatus")
+        return qobject_cast<QLabel*>(widget)->text().startsWith(start);
+    }
+    return false;
+  };
+  // As soon as a person would look.
+  const auto expectTold = [&](const QString& start) {
+    const auto began = std::chrono::steady_clock::now();
+    EXPECT_TRUE(eventually([&] { return told(start); })) << start.toStdString();
+    EXPECT_LT(kMeasurable ? std::chrono::steady_clock::now() - began : 0ms, 200ms);
+  };
   run([&] {
+    expectTold("No QM5 is connected.");
     press("Next");
     EXPECT_EQ(alert(),
               "<b>No QM5 device !</b> | There is no QM5 connected!\nCheck your QM5 "
               "connection then try again.");
-    bus.plug();
     press("OK");
-    awaitDevice();
+    bus.plug();
+    expectTold("A QM5 is connected, but you may not open it.");
+    bus.unplug();
+    expectTold("No QM5 is connected.");
+    bus.setPermitted(true);
+    bus.plug();
+    expectTold("A QM5 is connected.");
     press("Next");
     expectSuccess();
   });

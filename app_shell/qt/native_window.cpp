@@ -32,8 +32,15 @@ void NativeWindow::setWillDisappear(std::function<void()> callback) {
   will_disappear_ = std::move(callback);
 }
 
+void NativeWindow::setTimer(double interval, std::function<void()> tick) {
+  timer_.setInterval(static_cast<int>(interval * 1000));
+  timer_.callOnTimeout(this, std::move(tick));
+}
+
 void NativeWindow::setVisible(bool visible) {
+  if (visible && timer_.interval() > 0) timer_.start();
   if (!visible && isVisible()) {
+    timer_.stop();
     abortAlerts(*this);
     if (will_disappear_) will_disappear_();
   }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QDialog>
+#include <QTimer>
 #include <functional>
 
 namespace qm5 {
@@ -19,6 +20,9 @@ class NativeWindow : public QDialog {
   /// Has `callback` called just before the window leaves the screen, whatever takes it.
   void setWillDisappear(std::function<void()> callback);
 
+  /// Has `tick` called every `interval` seconds while the window is on the screen.
+  void setTimer(double interval, std::function<void()> tick);
+
   // Qt calls it for every way on and off the screen. On the way off, alerts go first.
   void setVisible(bool visible) override;
   /// Escape takes no window of this program away.
@@ -30,6 +34,7 @@ class NativeWindow : public QDialog {
  private:
   Closing closing_;
   std::function<void()> will_disappear_;
+  QTimer timer_;
 };
 
 }  // namespace qm5

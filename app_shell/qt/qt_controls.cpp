@@ -35,6 +35,10 @@ void QtTextField::setStringValue(std::string_view text) {
   widget_.setText(qtText(text));
 }
 
+void QtStatusLine::setStatus(Status status, std::string_view text) {
+  widget_.setStatus(status, qtText(text));
+}
+
 QtProgressIndicator::QtProgressIndicator(QProgressBar& widget) : widget_(widget) {
   widget.setRange(0, 100 * kStepsAPercent);
   widget.setValue(0);

@@ -5,6 +5,7 @@
 #include <QProgressBar>
 #include <QPushButton>
 
+#include "app_shell/qt/status_box.h"
 #include "app_shell/toolkit.h"
 
 namespace qm5 {
@@ -27,6 +28,15 @@ class QtTextField : public TextField {
 
  private:
   QLabel& widget_;
+};
+
+class QtStatusLine : public StatusLine {
+ public:
+  explicit QtStatusLine(StatusBox& widget) : widget_(widget) {}
+  void setStatus(Status status, std::string_view text) override;
+
+ private:
+  StatusBox& widget_;
 };
 
 /// Shows a percentage, 0 to 100; values beyond are shown as the nearest end.

@@ -45,7 +45,8 @@ QtWindow::QtWindow(MainQueue& main_queue, std::unique_ptr<NativeWindow> native,
       owner_(owner),
       buttons_(controlsOf<QtButton, QPushButton>(*native_)),
       text_fields_(controlsOf<QtTextField, QLabel>(*native_)),
-      progress_indicators_(controlsOf<QtProgressIndicator, QProgressBar>(*native_)) {
+      progress_indicators_(controlsOf<QtProgressIndicator, QProgressBar>(*native_)),
+      status_lines_(controlsOf<QtStatusLine, StatusBox>(*native_)) {
   native_->adjustSize();  // its frame is asked for before it is shown
 }
 
@@ -103,12 +104,20 @@ std::shared_ptr<ProgressIndicator> QtWindow::progressIndicator(std::string_view 
   return outletOf(progress_indicators_, outlet);
 }
 
+std::shared_ptr<StatusLine> QtWindow::statusLine(std::string_view outlet) {
+  return outletOf(status_lines_, outlet);
+}
+
 void QtWindow::setAction(std::string_view button, Action action) {
   if (const auto found = outletOf(buttons_, button)) found->setAction(std::move(action));
 }
 
 void QtWindow::setViewWillDisappear(std::function<void()> callback) {
   native_->setWillDisappear(std::move(callback));
+}
+
+void QtWindow::setTimer(double interval, std::function<void()> tick) {
+  native_->setTimer(interval, std::move(tick));
 }
 
 PointsView& QtWindow::pointsView() {

@@ -29,8 +29,10 @@ class QtWindow : public Window, public std::enable_shared_from_this<QtWindow> {
   std::shared_ptr<Button> button(std::string_view outlet) override;
   std::shared_ptr<TextField> textField(std::string_view outlet) override;
   std::shared_ptr<ProgressIndicator> progressIndicator(std::string_view outlet) override;
+  std::shared_ptr<StatusLine> statusLine(std::string_view outlet) override;
   void setAction(std::string_view button, Action action) override;
   void setViewWillDisappear(std::function<void()> callback) override;
+  void setTimer(double interval, std::function<void()> tick) override;
 
   void addSubview(const ImageView& image) override;
   void addSubview(const Label& label) override;
@@ -59,6 +61,7 @@ class QtWindow : public Window, public std::enable_shared_from_this<QtWindow> {
   std::vector<std::unique_ptr<QtButton>> added_buttons_;
   Outlets<QtTextField> text_fields_;
   Outlets<QtProgressIndicator> progress_indicators_;
+  Outlets<QtStatusLine> status_lines_;
 };
 
 }  // namespace qm5

@@ -10,7 +10,9 @@
 namespace qm5 {
 namespace {
 
+static_assert(kIOReturnNotPermitted == LIBUSB_ERROR_ACCESS);
 static_assert(kIOReturnExclusiveAccess == LIBUSB_ERROR_BUSY);
+static_assert(kIOReturnError == LIBUSB_ERROR_OTHER);
 
 #ifdef __linux__
 // The kernel's name of a device: bus, then the ports on the way to it, as in "1-4.2".

@@ -31,6 +31,7 @@ class ScriptedWindow final : public Window, public std::enable_shared_from_this<
   std::optional<Size> content_size = Size{320, 280};
   void press(const std::string& button) { actions_.at(button)(nullptr); }
   std::function<void()> willDisappear() const { return will_disappear_; }
+  std::function<void()> tick = [] {};
 
   // The port.
   Rect frame() const override { return frame_; }
@@ -40,6 +41,11 @@ class ScriptedWindow final : public Window, public std::enable_shared_from_this<
   std::shared_ptr<Button> button(std::string_view outlet) override;
   std::shared_ptr<TextField> textField(std::string_view outlet) override;
   std::shared_ptr<ProgressIndicator> progressIndicator(std::string_view outlet) override;
+  std::shared_ptr<StatusLine> statusLine(std::string_view outlet) override;
+  void setTimer(double interval, std::function<void()> called) override {
+    EXPECT_EQ(interval, 1);
+    tick = std::move(called);
+  }
   void setAction(std::string_view button, Action action) override {
     actions_[std::string(button)] = std::move(action);
   }
@@ -99,6 +105,8 @@ class ScriptedToolkit final : public Toolkit {
     EXPECT_EQ(std::this_thread::get_id(), main_thread_) << line;
     note(line);
   }
+  /// What the texts beside the run show, by outlet; no lines, as they follow bus and clock.
+  std::map<std::string, std::string> shown;
   /// Returns once the progress window's modal run serves the main queue. Any thread.
   void waitUntilModal() {
     std::unique_lock lock(mutex_);
@@ -213,7 +221,10 @@ class ScriptedToolkit final : public Toolkit {
 };
 
 /// Every control of a layout in one: notes what is set on it.
-class ScriptedControl final : public Button, public TextField, public ProgressIndicator {
+class ScriptedControl final : public Button,
+                              public TextField,
+                              public ProgressIndicator,
+                              public StatusLine {
  public:
   ScriptedControl(ScriptedToolkit& toolkit, std::string name)
       : toolkit_(toolkit), name_(std::move(name)) {}
@@ -221,8 +232,11 @@ class ScriptedControl final : public Button, public TextField, public ProgressIn
     toolkit_.noteOnMain(name_ + (enabled ? " enabled" : " disabled"));
   }
   void setStringValue(std::string_view text) override {
+    static const std::set<std::string> kBeside = {"txtElapsed", "txtRemaining", "txtPhase"};
+    if (kBeside.contains(name_)) return setStatus({}, text);
     toolkit_.noteOnMain(name_ + ": " + std::string(text));
   }
+  void setStatus(Status, std::string_view text) override { toolkit_.shown[name_] = text; }
   void setDoubleValue(double value) override {
     toolkit_.noteOnMain(name_ + ": " + std::to_string(value));
   }
@@ -256,6 +270,9 @@ inline std::shared_ptr<TextField> ScriptedWindow::textField(std::string_view out
 inline std::shared_ptr<ProgressIndicator> ScriptedWindow::progressIndicator(
     std::string_view outlet) {
   return control<ProgressIndicator>(outlet);
+}
+inline std::shared_ptr<StatusLine> ScriptedWindow::statusLine(std::string_view outlet) {
+  return control<StatusLine>(outlet);
 }
 inline void ScriptedWindow::setFrameOrigin(Point origin) {
   frame_.origin = origin;

@@ -23,10 +23,15 @@ class VirtualClock final : public Clock {
   }
 
   // The port.
+  double now() override {
+    const std::lock_guard lock(mutex_);
+    return now_;
+  }
   void sleep(double seconds) override {
     {
       const std::lock_guard lock(mutex_);
       sleeps_.push_back(seconds);
+      now_ += seconds;
     }
     if (during_sleep) during_sleep(seconds);
   }
@@ -34,6 +39,7 @@ class VirtualClock final : public Clock {
  private:
   std::mutex mutex_;
   std::vector<double> sleeps_;
+  double now_ = 0;
 };
 
 }  // namespace qm5::test
