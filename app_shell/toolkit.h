@@ -192,6 +192,9 @@ class Toolkit {
   /// Ends the process at once with status 0, whatever other threads are doing. Does not
   /// return, except in tests.
   virtual void terminate() = 0;
+  /// Keeps the computer awake for `reason`, which the desktop shows, for as long as the
+  /// returned token is held. Where that can't be had, the system log says so. Returns at once.
+  virtual std::shared_ptr<void> beginActivity(std::string_view reason) = 0;
   /// Submits a step to the main queue and returns at once. Any thread.
   virtual void mainQueueAsync(std::function<void()> step) = 0;
 

@@ -35,6 +35,8 @@ constexpr std::uint16_t kVersionLength = 9;
 constexpr std::string_view kSignaturePadding = "pss";
 constexpr bool kAutoReboot = false;  // the update engine does not act on it
 
+constexpr std::string_view kActivityReason = "The firmware of a QM5 is being updated.";
+
 constexpr std::string_view kCheckConnection =
     "There is no QM5 connected!\nCheck your QM5 connection then try again.";
 
@@ -91,8 +93,10 @@ void ViewController::btnNextClick(Button*) {
   log("Next Click");
   required(btnExit.lock(), "no button btnExit").setEnabled(false);
   required(btnNext.lock(), "no button btnNext").setEnabled(false);
+  activity = toolkit().beginActivity(kActivityReason);
   queue.async([self = shared_from_this()] { self->runUpdate(); });
   showProgressDialog();
+  activity.reset();
 }
 
 void ViewController::btnExitClick(Button*) {
@@ -156,6 +160,8 @@ void ViewController::report(std::string title, std::string message) {
 
 void ViewController::reportSuccess() {
   takeProgressWindowDown();
+  // The finish dialog runs inside the progress window's modal run, which never returns then.
+  activity.reset();
   showCustomDialog();
 }
 

@@ -64,7 +64,8 @@ class ViewController final : public BaseViewController,
   std::weak_ptr<Button> btnNext;
   std::shared_ptr<BaseWindowController> progressWindowController;
   std::shared_ptr<Window> customerFinisheDialog;
-  std::optional<Bytes> binData;  ///< the whole image; empty when it could not be loaded
+  std::shared_ptr<void> activity;  ///< held from Next to the outcome: the computer stays awake
+  std::optional<Bytes> binData;    ///< the whole image; empty when it could not be loaded
   DispatchQueue queue;
   std::shared_ptr<Driver> USB_Handle;  ///< the same object as global_driver
   /// As last read from the device, four hexadecimal digits. Written by the job before its

@@ -2,6 +2,9 @@
 // libusb, and the software QM5 on the emulated bus. A second thread plays the person.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <QAbstractButton>
 #include <QApplication>
@@ -49,6 +52,18 @@ class PackagedToolkit final : public QtToolkit {
   std::atomic<bool> ended = false;
 };
 
+// A system bus that takes connections and never answers: nothing may wait for it.
+void hangSystemBus() {
+  sockaddr_un address{AF_UNIX, {}};
+  const std::string name = "qm5-hung-bus-" + std::to_string(getpid());
+  name.copy(address.sun_path + 1, name.size());
+  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+  const int bus = socket(AF_UNIX, SOCK_STREAM, 0);
+  ASSERT_EQ(bind(bus, reinterpret_cast<const sockaddr*>(&address), length), 0);
+  ASSERT_EQ(listen(bus, 5), 0);
+  ASSERT_EQ(setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:abstract=" + name).c_str(), 1), 0);
+}
+
 // A first block of 0xFF, one block three times, another, and a last one to be filled up.
 Bytes smallPayload() {
   Bytes payload(64, 0xFF);
@@ -61,6 +76,7 @@ Bytes smallPayload() {
 class Program : public testing::Test {
  protected:
   Program() {
+    hangSystemBus();
     // Nobody has to wait, except for the windows to come up.
     clock.during_sleep = [](double seconds) {
       std::this_thread::sleep_for(seconds == 1.0 ? 2ms : 0ms);

@@ -58,6 +58,7 @@ class Shell : public testing::Test {
 const Lines kNext = {"log: Next Click",
                      "btnExit disabled",
                      "btnNext disabled",
+                     "awake: The firmware of a QM5 is being updated.",
                      "progressBar: 0.000000",
                      "progress shown",
                      "progress at 150 300 300 100",
@@ -128,8 +129,8 @@ TEST_P(Run, EndsInItsAlertAndCanBeRepeated) {
   expected = expected + outcome.lines;
   const std::string alert = "alert on main: " + std::string(outcome.alert) + " [OK]";
   expected = expected + (outcome.from_job ? Lines{"stopModal [job]", "progress closed [job]",
-                                                  alert + " [job]", "stopModal"}
-                                          : kDown + Lines{alert});
+                                                  alert + " [job]", "may sleep", "stopModal"}
+                                          : kDown + Lines{alert, "may sleep"});
   for (int round = 0; round < 2; ++round) {
     if (outcome.version)
       device.expectRead(0x06, 9, outcome.version_refused ? std::nullopt : outcome.version);
@@ -227,7 +228,8 @@ TEST_F(Update, ShowsEachStepAndEndsInTheFinishDialog) {
   for (int i = 0; i < 12; ++i) step("99.000000", "99.0");
   step("100.000000", "100.0");
   expected = expected + kDown +
-             Lines{"finish titled Firmware update successful!",
+             Lines{"may sleep",
+                   "finish titled Firmware update successful!",
                    "finish at 140 210 320 280",
                    "image 107 160 106 100 qm5_OK",
                    "label 10 120 300 20 bold 16 Firmware update successful!",

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "app_shell/qt/awake.h"
 #include "app_shell/qt/layouts.h"
 #include "app_shell/qt/main_queue.h"
 #include "app_shell/qt/qt_window.h"
@@ -88,6 +89,10 @@ void QtToolkit::terminate() {
   if (delegate_) delegate_->applicationWillTerminate();
   // Lines are flushed as they are written. Flushing here could wait for a thread that writes.
   std::_Exit(0);
+}
+
+std::shared_ptr<void> QtToolkit::beginActivity(std::string_view reason) {
+  return keepAwake(reason);
 }
 
 void QtToolkit::mainQueueAsync(std::function<void()> step) {

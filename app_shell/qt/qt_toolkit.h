@@ -26,6 +26,7 @@ class QtToolkit : public Toolkit {
   void runModalForWindow(const std::shared_ptr<Window>& window) override;
   void stopModal() override;
   void terminate() override;
+  std::shared_ptr<void> beginActivity(std::string_view reason) override;
   void mainQueueAsync(std::function<void()> step) override;
 
   /// Knows the storyboard "Main" with its window "ProgressWindow".

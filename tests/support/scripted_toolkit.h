@@ -163,6 +163,10 @@ class ScriptedToolkit final : public Toolkit {
     onMain([this] { stopped_ = true; });
   }
   void terminate() override { noteOnMain("terminate"); }
+  std::shared_ptr<void> beginActivity(std::string_view reason) override {
+    noteOnMain("awake: " + std::string(reason));
+    return {nullptr, [this](void*) { noteOnMain("may sleep"); }};
+  }
   void mainQueueAsync(std::function<void()> step) override {
     const std::lock_guard lock(mutex_);
     steps_.push_back(std::move(step));
