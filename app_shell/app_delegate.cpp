@@ -1,5 +1,9 @@
 #include "app_shell/app_delegate.h"
 
+#include <utility>
+
+#include "app_shell/view_controller.h"
+
 namespace qm5 {
 
 void AppDelegate::applicationDidFinishLaunching() {}
@@ -13,6 +17,11 @@ bool AppDelegate::applicationSupportsSecureRestorableState() {
 // Closing the main window ends the application.
 bool AppDelegate::applicationShouldTerminateAfterLastWindowClosed() {
   return true;
+}
+
+bool AppDelegate::applicationShouldTerminate(std::function<void()> declined) {
+  const auto controller = mainController.lock();
+  return !controller || controller->shouldTerminate(std::move(declined));
 }
 
 }  // namespace qm5

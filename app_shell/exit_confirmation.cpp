@@ -1,8 +1,10 @@
 #include "app_shell/exit_confirmation.h"
 
+#include <utility>
+
 namespace qm5 {
 
-void askBeforeExit(const std::weak_ptr<Window>& window) {
+void askBeforeExit(const std::weak_ptr<Window>& window, std::function<void()> declined) {
   // It speaks of unfinished flashing in every state, also when no update has run.
   const Alert alert = {
       .messageText = "Exit confirmation",
@@ -11,9 +13,10 @@ void askBeforeExit(const std::weak_ptr<Window>& window) {
       .style = AlertStyle::warning,
   };
   const std::shared_ptr<Window> shown_on = window.lock();
-  if (!shown_on) return;
-  shown_on->beginSheet(alert, [](int response) {
-    if (response == kAlertFirstButtonReturn) toolkit().terminate();
+  if (!shown_on) return declined();
+  shown_on->beginSheet(alert, [declined = std::move(declined)](int response) {
+    if (response == kAlertFirstButtonReturn) return toolkit().terminate();
+    declined();
   });
 }
 

@@ -1,6 +1,7 @@
 // The question before the application ends, the same from both windows.
 #pragma once
 
+#include <functional>
 #include <memory>
 
 #include "app_shell/toolkit.h"
@@ -8,7 +9,8 @@
 namespace qm5 {
 
 /// Asks on `window` whether to quit; "Quit" ends the application at once, whatever the
-/// update job is doing. Without a window nothing is asked. Main thread.
-void askBeforeExit(const std::weak_ptr<Window>& window);
+/// update job is doing. Otherwise `declined` is called, also when the question goes away
+/// without an answer, or when there is no window to ask on. Main thread.
+void askBeforeExit(const std::weak_ptr<Window>& window, std::function<void()> declined);
 
 }  // namespace qm5

@@ -6,13 +6,15 @@
 namespace qm5 {
 
 MainStoryboard mainStoryboard() {
+  const auto delegate = std::make_shared<AppDelegate>();
   return {
-      .makeDelegate = [] { return std::make_shared<AppDelegate>(); },
+      .makeDelegate = [delegate] { return delegate; },
       .makeMainController =
-          [](const std::shared_ptr<Window>& main_window) {
+          [delegate](const std::shared_ptr<Window>& main_window) {
             auto controller = std::make_shared<ViewController>();
             controller->connectOutlets(main_window);
             controller->viewDidLoad();
+            delegate->mainController = controller;
             return controller;
           },
   };

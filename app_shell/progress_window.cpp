@@ -35,7 +35,20 @@ void ProgressViewController::abortClicked(Button*) {
 }
 
 void ProgressViewController::showExitConfirmation() {
-  askBeforeExit(viewWindow);
+  is_asking_ = true;
+  askBeforeExit(viewWindow, [weak = weak_from_this()] {
+    if (const auto controller = weak.lock()) controller->goOn();
+  });
+}
+
+void ProgressViewController::askBeforeTermination(std::function<void()> declined) {
+  waiting_.push_back(std::move(declined));
+  if (!is_asking_) showExitConfirmation();
+}
+
+void ProgressViewController::goOn() {
+  is_asking_ = false;
+  for (const auto& declined : std::exchange(waiting_, {})) declined();
 }
 
 ProgressWindowController::ProgressWindowController(std::shared_ptr<Window> loaded)

@@ -156,6 +156,9 @@ class ApplicationDelegate {
   virtual void applicationWillTerminate() = 0;
   virtual bool applicationSupportsSecureRestorableState() = 0;
   virtual bool applicationShouldTerminateAfterLastWindowClosed() = 0;
+  /// The session's end or a signal wants the application to end. True: it may, now. False:
+  /// the person is being asked; `declined` is called when that has not ended it.
+  virtual bool applicationShouldTerminate(std::function<void()> declined) = 0;
 };
 
 /// The application's classes that the main layout is made of.
@@ -192,6 +195,9 @@ class Toolkit {
   /// Ends the process at once with status 0, whatever other threads are doing. Does not
   /// return, except in tests.
   virtual void terminate() = 0;
+  /// Terminates as soon as the delegate or the person agrees; `declined` is called on the main
+  /// thread when the application is to go on instead. Any thread.
+  virtual void requestTermination(std::function<void()> declined) = 0;
   /// Keeps the computer awake for `reason`, which the desktop shows, for as long as the
   /// returned token is held. Where that can't be had, the system log says so. Returns at once.
   virtual std::shared_ptr<void> beginActivity(std::string_view reason) = 0;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -47,6 +48,9 @@ class ViewController final : public BaseViewController,
   /// main window.
   void showCustomDialog();
   void showExitConfirmation();
+  /// Whether a wish from outside may end the application now. While an update runs it may
+  /// not: the progress window asks, and `declined` is called when that has not ended it.
+  bool shouldTerminate(std::function<void()> declined);
   /// Closes the finish dialog, if there is one. Its button ends the application instead.
   void confirmButtonClicked(Button* sender);
 

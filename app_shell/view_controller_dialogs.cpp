@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <limits>
+#include <utility>
 
 #include "app_shell/exit_confirmation.h"
 #include "app_shell/geometry.h"
@@ -111,7 +112,16 @@ void ViewController::showCustomDialog() {
 }
 
 void ViewController::showExitConfirmation() {
-  askBeforeExit(viewWindow);
+  askBeforeExit(viewWindow, [] {});
+}
+
+bool ViewController::shouldTerminate(std::function<void()> declined) {
+  if (!isProgressDisplay) return true;
+  auto& controller = required(progressWindowController, "no progress window");
+  const auto content =
+      std::dynamic_pointer_cast<ProgressViewController>(controller.contentViewController);
+  required(content, "no progress view").askBeforeTermination(std::move(declined));
+  return false;
 }
 
 void ViewController::confirmButtonClicked(Button*) {

@@ -1,14 +1,17 @@
 // The pieces of the operating system that the rest relies on.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <clocale>
+#include <csignal>
 #include <thread>
 
 #include "platform/clock.h"
 #include "platform/dispatch_queue.h"
 #include "platform/fatal.h"
 #include "platform/notification_center.h"
+#include "platform/termination_signals.h"
 #include "platform/text.h"
 #include "support/transcript.h"
 
@@ -91,6 +94,37 @@ TEST(Clock, LetsTimePass) {
   const auto start = std::chrono::steady_clock::now();
   processClock().sleep(0.05);
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(50));
+}
+
+class TerminationDeathTest : public testing::TestWithParam<int> {};
+INSTANTIATE_TEST_SUITE_P(Signals, TerminationDeathTest, testing::Values(SIGINT, SIGTERM, SIGHUP));
+
+TEST_P(TerminationDeathTest, AsksAtTheFirstSignalAndEndsAtTheNextThatFindsNoDecision) {
+  const auto run = [](bool ignored) {
+    if (ignored) std::signal(GetParam(), SIG_IGN);
+    blockTerminationSignals();
+    std::atomic<int> asked = 0;
+    followTerminationSignals([&] { ++asked; });
+    const auto send = [](int signal) { kill(getpid(), signal); };
+    send(GetParam());
+    if (ignored) {
+      processClock().sleep(0.05);
+      std::_Exit(asked);
+    }
+    waitFor(asked, 1);
+    send(SIGHUP);  // of the same moment: it counts for nothing
+    processClock().sleep(0.2);
+    terminationDeclined();
+    send(GetParam());
+    waitFor(asked, 2);
+    processClock().sleep(0.2);
+    std::fputs("asked twice", stderr);
+    send(GetParam());
+    processClock().sleep(5);
+    std::_Exit(7);
+  };
+  EXPECT_EXIT(run(false), testing::ExitedWithCode(0), "asked twice");
+  EXPECT_EXIT(run(true), testing::ExitedWithCode(0), "");
 }
 
 TEST(Lines, AreWrittenWholeAndAtOnce) {

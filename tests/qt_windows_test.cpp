@@ -9,6 +9,7 @@
 #include <QLabel>
 #include <QProgressBar>
 #include <QScreen>
+#include <QSessionManager>
 #include <QTest>
 #include <clocale>
 #include <thread>
@@ -276,17 +277,23 @@ struct TellingDelegate : ApplicationDelegate {
   void applicationWillTerminate() override { std::fputs("will terminate", stderr); }
   bool applicationSupportsSecureRestorableState() override { return true; }
   bool applicationShouldTerminateAfterLastWindowClosed() override { return true; }
+  // The first time it refuses.
+  bool applicationShouldTerminate(std::function<void()>) override {
+    std::fputs("asked, ", stderr);
+    return std::exchange(agrees_, true);
+  }
+  bool agrees_ = false;
 };
 
 // Runs the application on a toolkit of its own, with a thread at work, and has `end` end it.
-void runUntil(void (*end)()) {
+void runUntil(void (*end)(QtToolkit&)) {
   QtToolkit toolkit;
   std::thread([] { std::this_thread::sleep_for(std::chrono::minutes(5)); }).detach();
   const auto make_controller = [&](const std::shared_ptr<Window>&) {
     toolkit.mainQueueAsync([&] {
       if (std::localeconv()->decimal_point != std::string(".")) std::abort();
       if (std::setlocale(LC_MESSAGES, nullptr) != std::string("C")) std::abort();
-      end();
+      end(toolkit);
     });
     return std::make_shared<int>();
   };
@@ -299,9 +306,14 @@ void runUntil(void (*end)()) {
 TEST(QtApplicationDeathTest, EndsWithItsLastWindowAndWhenToldTo) {
   std::setlocale(LC_ALL, "");
   ASSERT_STREQ(std::localeconv()->decimal_point, ",") << "the person's own locale";
-  EXPECT_EXIT(runUntil(QApplication::closeAllWindows), testing::ExitedWithCode(0),
-              "will terminate");
-  EXPECT_EXIT(runUntil(QApplication::quit), testing::ExitedWithCode(0), "will terminate");
+  const auto ended = testing::ExitedWithCode(0);
+  EXPECT_EXIT(runUntil([](auto&) { QApplication::closeAllWindows(); }), ended, "will terminate");
+  EXPECT_EXIT(runUntil([](auto&) { QApplication::quit(); }), ended, "will terminate");
+  const auto session_then_signal = [](QtToolkit& toolkit) {
+    emit qApp->commitDataRequest(*qApp->findChild<QSessionManager*>());
+    toolkit.requestTermination([] {});
+  };
+  EXPECT_EXIT(runUntil(session_then_signal), ended, "asked, asked, will terminate");
 }
 
 }  // namespace

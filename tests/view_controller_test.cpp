@@ -2,6 +2,7 @@
 #include "app_shell/view_controller.h"
 
 #include <algorithm>
+#include <latch>
 
 #include "app_shell/main_storyboard.h"
 #include "app_shell/progress_window.h"
@@ -302,6 +303,50 @@ TEST_F(Shell, AsksBeforeItEndsFromBothWindows) {
     toolkit.answer(kOK);
     EXPECT_EQ(transcript.take(), Lines{"terminate"});
   }
+}
+
+// From outside: by a signal, or at the session's end.
+TEST_F(Shell, EndsWhenAskedFromOutsideUnlessAnUpdateRunsWhichAsksOnce) {
+  start();
+  int declined = 0;
+  const auto interrupt = [&] { toolkit.requestTermination([&] { ++declined; }); };
+  const auto alerts = [&] {
+    const Lines lines = transcript.take();
+    return std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+      return line.starts_with("alert on progress: Exit confirmation");
+    });
+  };
+  interrupt();
+  EXPECT_EQ(transcript.take().back(), "terminate");
+  const auto during_run = [&] {
+    for (const bool by_button : {false, true}) {
+      alerts();
+      if (by_button) toolkit.progress->press("btnAbort");
+      interrupt();
+      interrupt();
+      EXPECT_EQ(alerts(), 1);
+      toolkit.answer(by_button ? kModalResponseAbort : kOK + 1);
+      EXPECT_EQ(std::exchange(declined, 0), 2);
+    }
+    interrupt();
+    alerts();
+    toolkit.answer(kOK);
+    EXPECT_EQ(transcript.take(), Lines{"terminate"});
+  };
+  clock.during_sleep = [&](double) {
+    toolkit.waitUntilModal();
+    std::latch over(1);
+    toolkit.mainQueueAsync([&] {
+      during_run();
+      over.count_down();
+    });
+    over.wait();
+  };
+  toolkit.main->press("btnNext");
+  toolkit.runUntilAlert();
+  toolkit.answer(kOK);
+  interrupt();
+  EXPECT_EQ(transcript.take().back(), "terminate");
 }
 
 TEST_F(Shell, DropsAnAlertThatHasNoWindow) {

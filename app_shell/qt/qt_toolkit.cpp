@@ -3,6 +3,7 @@
 #include <QApplication>
 #include <QEventLoop>
 #include <QIcon>
+#include <QSessionManager>
 #include <clocale>
 #include <cstdlib>
 #include <utility>
@@ -50,6 +51,8 @@ int QtToolkit::applicationMain(int argc, char** argv, const MainStoryboard& stor
   QApplication::setWindowIcon(applicationIcon());
   QApplication::setQuitOnLastWindowClosed(false);
   QObject::connect(&application, &QApplication::lastWindowClosed, [this] { lastWindowClosed(); });
+  QObject::connect(&application, &QApplication::commitDataRequest,
+                   [this](QSessionManager& session) { sessionEnds(session); });
 
   delegate_ = storyboard.makeDelegate();
   main_window_ = std::make_shared<QtWindow>(*main_queue_, makeMainLayout(), nullptr);
@@ -89,6 +92,20 @@ void QtToolkit::terminate() {
   if (delegate_) delegate_->applicationWillTerminate();
   // Lines are flushed as they are written. Flushing here could wait for a thread that writes.
   std::_Exit(0);
+}
+
+void QtToolkit::requestTermination(std::function<void()> declined) {
+  main_queue_->async([this, declined = std::move(declined)] {
+    if (delegate_->applicationShouldTerminate(declined)) terminate();
+  });
+}
+
+void QtToolkit::sessionEnds(QSessionManager& session) {
+  if (delegate_->applicationShouldTerminate([] {})) return;
+  // A refusal counts only with the leave to ask. That it is granted is of no matter: where it
+  // is not, the session ends whatever a program says.
+  session.allowsInteraction();
+  session.cancel();
 }
 
 std::shared_ptr<void> QtToolkit::beginActivity(std::string_view reason) {

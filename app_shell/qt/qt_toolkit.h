@@ -7,6 +7,7 @@
 #include "app_shell/toolkit.h"
 
 class QEventLoop;
+class QSessionManager;
 
 namespace qm5 {
 
@@ -26,6 +27,7 @@ class QtToolkit : public Toolkit {
   void runModalForWindow(const std::shared_ptr<Window>& window) override;
   void stopModal() override;
   void terminate() override;
+  void requestTermination(std::function<void()> declined) override;
   std::shared_ptr<void> beginActivity(std::string_view reason) override;
   void mainQueueAsync(std::function<void()> step) override;
 
@@ -40,6 +42,7 @@ class QtToolkit : public Toolkit {
 
  private:
   void lastWindowClosed();
+  void sessionEnds(QSessionManager& session);
 
   std::unique_ptr<MainQueue> main_queue_;
   std::shared_ptr<ApplicationDelegate> delegate_;

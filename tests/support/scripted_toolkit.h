@@ -163,6 +163,9 @@ class ScriptedToolkit final : public Toolkit {
     onMain([this] { stopped_ = true; });
   }
   void terminate() override { noteOnMain("terminate"); }
+  void requestTermination(std::function<void()> declined) override {
+    if (delegate->applicationShouldTerminate(std::move(declined))) terminate();
+  }
   std::shared_ptr<void> beginActivity(std::string_view reason) override {
     noteOnMain("awake: " + std::string(reason));
     return {nullptr, [this](void*) { noteOnMain("may sleep"); }};
