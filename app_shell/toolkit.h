@@ -198,6 +198,9 @@ class Toolkit {
   /// Terminates as soon as the delegate or the person agrees; `declined` is called on the main
   /// thread when the application is to go on instead. Any thread.
   virtual void requestTermination(std::function<void()> declined) = 0;
+  /// Brings the application's windows to the front. `activation_token` is what the desktop
+  /// gave to the start that this answers; it may be empty.
+  virtual void activate(const std::string& activation_token) = 0;
   /// Keeps the computer awake for `reason`, which the desktop shows, for as long as the
   /// returned token is held. Where that can't be had, the system log says so. Returns at once.
   virtual std::shared_ptr<void> beginActivity(std::string_view reason) = 0;

@@ -1,5 +1,6 @@
 #include "app_shell/qt/alert.h"
 
+#include <QApplication>
 #include <QLabel>
 #include <QMessageBox>
 #include <QPushButton>
@@ -46,6 +47,16 @@ void openAlert(QWidget& window, const Alert& alert, AlertCompletion completion) 
   };
   QObject::connect(box, &QMessageBox::finished, box, finish);
   box->open();
+}
+
+void showNotice(int argc, char** argv, const Alert& alert) {
+  QApplication::setApplicationName("QM5 Updater");
+  QApplication::setDesktopFileName("qm5-updater");
+  QApplication application(argc, argv);
+  QWidget unseen;
+  unseen.setWindowTitle("QM5 Updater");
+  openAlert(unseen, alert, [](int) { QApplication::exit(); });
+  QApplication::exec();
 }
 
 void abortAlerts(QWidget& window) {

@@ -12,6 +12,10 @@ namespace qm5 {
 /// Main thread.
 void openAlert(QWidget& window, const Alert& alert, AlertCompletion completion);
 
+/// Shows `alert` as all that the program shows, and returns when it has been answered. Stands in
+/// for QtToolkit::applicationMain.
+void showNotice(int argc, char** argv, const Alert& alert);
+
 /// Ends the alerts attached to `window` with kModalResponseAbort. Main thread.
 void abortAlerts(QWidget& window);
 

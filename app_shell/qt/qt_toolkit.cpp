@@ -108,6 +108,16 @@ void QtToolkit::sessionEnds(QSessionManager& session) {
   session.cancel();
 }
 
+void QtToolkit::activate(const std::string& activation_token) {
+  // Where Qt looks for it, under Wayland; elsewhere the window manager goes by itself.
+  if (!activation_token.empty()) qputenv("XDG_ACTIVATION_TOKEN", activation_token.c_str());
+  main_window_->makeKeyAndOrderFront();
+  QWidget* const modal = QApplication::activeModalWidget();
+  if (!modal) return;
+  modal->raise();
+  modal->activateWindow();
+}
+
 std::shared_ptr<void> QtToolkit::beginActivity(std::string_view reason) {
   return keepAwake(reason);
 }

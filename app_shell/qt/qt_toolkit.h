@@ -28,6 +28,7 @@ class QtToolkit : public Toolkit {
   void stopModal() override;
   void terminate() override;
   void requestTermination(std::function<void()> declined) override;
+  void activate(const std::string& activation_token) override;
   std::shared_ptr<void> beginActivity(std::string_view reason) override;
   void mainQueueAsync(std::function<void()> step) override;
 

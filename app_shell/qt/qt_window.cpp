@@ -163,6 +163,7 @@ void QtWindow::show() {
 
 void QtWindow::makeKeyAndOrderFront() {
   show();
+  native_->setWindowState(native_->windowState() & ~Qt::WindowMinimized);
   native_->raise();
   native_->activateWindow();
 }

@@ -166,6 +166,7 @@ class ScriptedToolkit final : public Toolkit {
   void requestTermination(std::function<void()> declined) override {
     if (delegate->applicationShouldTerminate(std::move(declined))) terminate();
   }
+  void activate(const std::string&) override { noteOnMain("in front"); }
   std::shared_ptr<void> beginActivity(std::string_view reason) override {
     noteOnMain("awake: " + std::string(reason));
     return {nullptr, [this](void*) { noteOnMain("may sleep"); }};

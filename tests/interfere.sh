@@ -1,0 +1,76 @@
+#!/usr/bin/env bash
+# The program on a virtual screen, and what comes from outside while it runs: it is started
+# again, and signals want it to end.
+# usage: tests/interfere.sh BIN_FOLDER IMAGE
+set -euo pipefail
+readonly bin=$1 image=$2
+. "$(dirname "$0")/../tools/virtual_screen.sh"
+export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/none
+
+# start LINES OPTION...: sets $simulator and $updater, once the main window is there.
+start() {
+  local windows
+  windows=$(count "QM5 Updater")
+  "$bin/qm5-simulator" "${@:2}" -- "$bin/qm5-updater" >"$1" 2>&1 &
+  simulator=$!
+  within 10 shown "QM5 Updater" $((windows + 1)) || fail "no main window came"
+  updater=$(cat "/proc/$simulator/task/$simulator/children")
+  updater=${updater% }
+}
+
+count() { { window "$1" || true; } | wc -l; }
+shown() { [ "$(count "$1")" = "$2" ]; }
+active() { [ "$(xdotool getactivewindow getwindowname)" = "$1" ]; }
+wrote() { grep -c "Writing SFWd chunk" "$work/lines" || true; }
+wrote_more_than() { [ "$(wrote)" -gt "$1" ]; }
+
+# Starts the program again on the bus of the one that runs.
+start_again() {
+  local environment
+  mapfile -t environment < <(tr '\0' '\n' <"/proc/$updater/environ" | grep -E '^(LD_PRE|UMOCK)')
+  timeout 1 env "${environment[@]}" "$bin/qm5-updater" || fail "a second start ended with $?"
+}
+
+# question SIGNAL: sends it in the middle of a run, which has to go on under the question.
+question() {
+  kill "-$1" "$updater"
+  # The alert has the title of its window.
+  within 10 shown "Updating the QM5" 2 || fail "$1 led to no question"
+  within 10 wrote_more_than "$(wrote)" || fail "$1 stopped the update"
+}
+
+start_screen
+start "$work/other"
+readonly other=$updater other_simulator=$simulator
+start "$work/lines" --version 4201 --image "$image"
+kill -TERM "$other" # nothing runs there
+wait "$other_simulator" || true
+grep -q "the program ended with 0" "$work/other" || fail "no end by a signal: $(cat "$work/other")"
+
+xdotool windowminimize --sync "$(window "QM5 Updater")"
+start_again
+within 10 active "QM5 Updater" || fail "a second start did not bring the window back"
+xdotool key Return # Next
+within 30 wrote_more_than 5 || fail "the update did not start"
+kill -STOP "$updater"
+start_again
+kill -CONT "$updater"
+
+question TERM
+start_again # brings the question to the front, not the windows below it
+xdotool key Escape # "Don't quit"
+within 10 shown "Updating the QM5" 1 || fail "the question stayed"
+question HUP # and nobody answers
+within 300 window "Firmware update successful!" || fail "the update did not end"
+on_screen "Firmware update successful!"
+xdotool key Return
+wait "$simulator" || fail "the update went wrong"
+[ "$(grep -c "may fall asleep" "$work/lines")" = 1 ] || fail "not one try to stay awake"
+
+start "$work/lines" --version 4201 --latency-ms 20
+xdotool key Return
+within 30 wrote_more_than 5 || fail "the second update did not start"
+question HUP # a script's background ignores SIGINT
+kill -TERM "$updater"
+wait "$simulator" || true
+grep -q "the program ended with 0" "$work/lines" || fail "two signals did not end the program"
