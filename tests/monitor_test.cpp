@@ -4,8 +4,9 @@
 
 #include <thread>
 
-#include "support/linked_device.h"
+#include "platform/notification_center.h"
 #include "support/named_cases.h"
+#include "support/scripted_usb_registry.h"
 
 namespace qm5::test {
 namespace {
@@ -55,9 +56,6 @@ TEST_F(Monitor, ArmsBothWatchesOfEachEntryAndThenServesEvents) {
                    "watch 5 for 1105/44257", "drained 4", "drained 5",  //
                    "port", "queue", "matching IOUSBDevice", "watch 4 for 1/2", "watch 5 for 1/2",
                    "drained 4", "drained 5", "run loop"}));
-}
-
-TEST_F(Monitor, GoesStraightToEventsWithoutEntries) {
   USBDeviceMonitor({}).start();
   EXPECT_EQ(registry.takeSteps(), Lines{"run loop"});
 }
@@ -70,12 +68,6 @@ TEST_F(Monitor, AnnouncesWhatIsThereFromTheArmingThreadAndWhatComesFromTheQueue)
   registry.arrive({{.plug_in_result = -1}, {.id = 8, .device = &qm5}, {.id = 9, .device = &qm5}});
   EXPECT_EQ(transcript.take(), (Lines{"connected 7 QM5 [arming thread]", "disconnected 7 [queue]",
                                       "connected 8 QM5 [queue]", "connected 9 QM5 [queue]"}));
-}
-
-TEST_F(Monitor, EndsANameAtItsFirstZeroByte) {
-  registry.attach({.name = std::string("Q\0M5", 4), .device = &qm5});
-  USBDeviceMonitor(kQM5).start();
-  EXPECT_EQ(transcript.take(), Lines{"connected 7 Q [arming thread]"});
 }
 
 using MonitorDeathTest = Monitor;
@@ -114,6 +106,9 @@ INSTANTIATE_TEST_SUITE_P(
         ArrivalFault{"no name",
                      [](auto& service, auto&) { service.name = {}; },
                      {"out: Error getting device name", "connected 7  [arming thread]"}},
+        ArrivalFault{"name with a zero byte",
+                     [](auto& service, auto&) { service.name = std::string("Q\0M5", 4); },
+                     {"connected 7 Q [arming thread]"}},
         ArrivalFault{
             "no plug-in result", [](auto& service, auto&) { service.plug_in_result = -1; }, {}},
         ArrivalFault{"null plug-in",
@@ -127,7 +122,7 @@ INSTANTIATE_TEST_SUITE_P(
                      {"out: Unable to get Device Interface"}},
         ArrivalFault{"query refused", [](auto&, auto& device) { device.query_result = -1; }, {}},
         ArrivalFault{"null device table",
-                     [](auto&, auto& device) { device.has_device_table = false; },
+                     [](auto&, auto& device) { device.loseDeviceTable(); },
                      {"out: Unable to get Device Interface"}},
         ArrivalFault{"open refused",
                      [](auto&, auto& device) { device.open_result = -3; },

@@ -21,9 +21,9 @@
 #include "device_monitor/libusb/libusb_registry.h"
 #include "simulator/emulated_bus.h"
 #include "support/effort.h"
-#include "support/expected_requests.h"
 #include "support/named_cases.h"
 #include "support/transcript.h"
+#include "support/update_requests.h"
 #include "support/virtual_clock.h"
 #include "tools/firmware_image.h"
 
@@ -180,13 +180,12 @@ TEST_F(Program, SendsExactlyTheRequestsOfAnUpdateAndNothingElse) {
     press("Confirm  Exit");
   });
   EXPECT_EQ(qm5.breaches(), std::vector<std::string>{});
-  Lines seen;
-  for (const RequestRecord& request : qm5.requests()) {
-    seen.push_back(requestText(request.setup.bmRequestType, request.setup.bRequest,
-                               request.setup.wValue, request.setup.wIndex, request.setup.wLength,
-                               isRead(request.setup) ? Bytes{} : request.data));
-  }
-  EXPECT_EQ(seen, ExpectedRequests(toolkit->image).lines);
+  Lines seen, expected;
+  for (const RequestRecord& request : qm5.requests())
+    seen.push_back(describe({request.setup, isRead(request.setup) ? Bytes{} : request.data}));
+  for (const WireRequest& request : updateRequests(toolkit->image))
+    expected.push_back(describe(request));
+  EXPECT_EQ(seen, expected);
   qm5.powerCycle();
   EXPECT_EQ(qm5.version(), 0x4208);
 }
@@ -309,7 +308,7 @@ TEST_F(Program, SaysThatNothingIsConnectedUntilSomethingIsThatMayBeOpened) {
 TEST_F(Program, SurvivesAnUnplugAtAnyMomentAndTheNextRunSucceeds) {
   EmulatedBus bus(qm5);
   // By the last two, the device has taken the image and comes back with its new version.
-  const std::size_t requests = ExpectedRequests(toolkit->image).lines.size() - 2;
+  const std::size_t requests = updateRequests(toolkit->image).size() - 2;
   std::mt19937 random(20'260'101);
   const std::size_t rounds = effort<std::size_t>(25, 300);
   run([&] {

@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -18,62 +17,48 @@
 #include "simulator/trace.h"
 #include "simulator/verdict.h"
 #include "support/named_cases.h"
-#include "tools/firmware_image.h"
+#include "support/update_requests.h"
 
 namespace qm5::test {
 namespace {
 
 // --- a host that knows the protocol by itself ---
 
-Bytes slice(ByteView bytes, std::size_t at, std::size_t size) {
-  const ByteView part = bytes.subspan(at, std::min(size, bytes.size() - at));
-  return {part.begin(), part.end()};
+// The last request's result. A poll is repeated until the task has ended or is busy for long.
+ControlResult send(FaultyQm5& device, const WireRequests& requests) {
+  ControlResult result;
+  for (const auto& [setup, sent] : requests) {
+    const bool polls = isRead(setup) && setup.wValue == 0x1E;
+    for (int tries = polls ? 20 : 1; tries > 0; --tries) {
+      result = device.control(setup, sent);
+      if (result.data == Bytes{4, 0, 0, 0, 0}) break;
+    }
+  }
+  return result;
 }
 
 ControlResult read(FaultyQm5& device, std::uint16_t address, std::uint16_t length) {
-  return device.control({0xC0, 0xFE, address, 0, length}, {});
-}
-
-void write(FaultyQm5& device, std::uint16_t address, const Bytes& data) {
-  for (std::size_t at = 0; at < data.size(); at += 8) {
-    const Bytes chunk = slice(data, at, 8);
-    const auto total = static_cast<std::uint16_t>(at == 0 ? data.size() : 0);
-    device.control({0x40, 0xFD, address, total, static_cast<std::uint16_t>(chunk.size())}, chunk);
-  }
+  const auto [setup, sent] = registerRead(address, length);
+  return device.control(setup, sent);
 }
 
 void start(FaultyQm5& device, std::string_view task) {
-  write(device, 0x1E, Bytes(task.begin(), task.end()));
+  send(device, registerWrite(0x1E, Bytes(task.begin(), task.end())));
 }
 
-// The task's reply, when it has ended or been busy for long.
+// The task's reply.
 Bytes runTask(FaultyQm5& device, std::string_view task, const Bytes& data) {
-  write(device, 0x1F, data);
-  start(device, task);
-  for (int poll = 0; poll < 20; ++poll) {
-    if (read(device, 0x1E, 5).data == Bytes{4, 0, 0, 0, 0}) break;
-  }
-  return read(device, 0x1F, 11).data;
+  return send(device, taskRequests(task, data, 11)).data;
 }
 
 // The result code of the first task that fails, or 0.
 int update(FaultyQm5& device, ByteView image) {
-  int failure = 0;
-  const auto run = [&](std::string_view task, const Bytes& data) {
-    if (failure == 0) failure = runTask(device, task, data).at(1) & 0x0F;
-  };
-  run("SFWi", {});
-  Bytes previous(64, 0xFF);
-  const Bytes flash = flashContents(image.subspan(kImagePayloadStart));
-  for (std::size_t at = 0; at < flash.size(); at += 64) {
-    const Bytes block = slice(flash, at, 64);
-    run("SFWd", slice(block, 0, block == previous ? 4 : 64));
-    previous = block;
+  for (const WireRequest& request : updateRequests(image)) {
+    const Bytes reply = send(device, {request}).data;
+    const bool ends_task = isRead(request.setup) && request.setup.wValue == 0x1F;
+    if (ends_task && (reply.at(1) & 0x0F) != 0) return reply[1] & 0x0F;
   }
-  for (const std::size_t region : {kImageSignatureStart, kImagePublicKeyStart}) {
-    for (std::size_t at = 0; at < 384; at += 64) run("SFWs", slice(image, region + at, 64));
-  }
-  return failure;
+  return 0;
 }
 
 // A first block of 0xFF, a whole one, a repeated one, and a last one to be filled up.
@@ -121,7 +106,7 @@ TEST(Task, IsBusyForTheChosenPollsAndItsInputStaysInTheRegister) {
   FaultyQm5 device{Qm5Model(kSlowEnd)};
   runTask(device, "SFWi", {});
   for (std::uint8_t number = 0; number < 11; ++number) {
-    write(device, 0x1F, Bytes(64, 0xAB));
+    send(device, registerWrite(0x1F, Bytes(64, 0xAB)));
     start(device, "SFWs");
     EXPECT_EQ(read(device, 0x1E, 5).data, (Bytes{4, 'S', 'F', 'W', 's'}));
     EXPECT_EQ(read(device, 0x1F, 3).data, (Bytes{0x40, 0xAB, 0xAB}));
@@ -248,7 +233,7 @@ class OneFault : public testing::TestWithParam<Faulty> {};
 TEST_P(OneFault, HitsItsPointAndGoesWithAPowerCycle) {
   FaultyQm5 device;
   act(device, {fault(GetParam().name), kOpen, task("SFWd", 64)});
-  write(device, 0x1F, Bytes(64, 0x21));
+  send(device, registerWrite(0x1F, Bytes(64, 0x21)));
   start(device, "SFWd");
   for (int poll = 0; poll < 3; ++poll) read(device, 0x1E, 5);
   const ControlResult reply = read(device, 0x1F, 2);

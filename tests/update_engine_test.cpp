@@ -4,7 +4,6 @@
 #include "support/linked_device.h"
 #include "support/named_cases.h"
 #include "update_engine/byte_groups.h"
-#include "update_engine/image_layout.h"
 #include "update_engine/result_codes.h"
 #include "update_engine/secure_flow.h"
 #include "update_engine/tasks.h"
@@ -49,25 +48,6 @@ TEST(Groups, AreConsecutiveAndTheLastIsFilledUp) {
   EXPECT_DEATH(grouper({}, 0, 0), "a group size of 0");
 }
 
-TEST(HexEncodedString, HasTwoLowerCaseDigitsAByte) {
-  EXPECT_EQ(hexEncodedString(Bytes{0x00, 0xAB, 0x0F}), "00ab0f");
-  EXPECT_EQ(hexEncodedString({}), "");
-}
-
-TEST(ReturnCode, HasACaseForExactlyTheCodesWithAName) {
-  Lines names;
-  for (std::size_t value = 0; value <= 0x10; ++value) {
-    const auto code = SFWdReturnCodeFromRawValue(value);
-    names.emplace_back(code ? textForm(*code) : "-");
-    EXPECT_EQ(rawValue(code.value_or(SFWdReturnCode{value})), value);
-  }
-  EXPECT_EQ(names,
-            (Lines{"SUCCESS", "-", "-", "-", "FAIL_FLASH_ERASE_WRITE_ERROR", "-",
-                   "FAIL_SFWI_NOT_RUN_FIRST", "FAIL_TOO_MUCH_DATA", "FAIL_ACE_ID_NOT_IN_HEADER",
-                   "FAIL_BINARY_TOO_LARGE", "FAIL_DEVICE_ID_MISMATCH", "-", "-",
-                   "FAIL_FLASH_ERROR_READ_ONLY", "-", "FAIL_UNKNOWN_ERROR", "-"}));
-}
-
 TEST_F(Engine, DecodesRepliesEachTaskInItsOwnWay) {
   expectSFWi(Bytes{0x44, 1, 2, 0xFD, 3, 4, 5});
   EXPECT_EQ(sfwi(), (ReplyDictionary{{"result", 4},
@@ -76,14 +56,15 @@ TEST_F(Engine, DecodesRepliesEachTaskInItsOwnWay) {
                                      {"engr_key_present", 1},
                                      {"new_flash_region", 1}}));
   EXPECT_EQ(transcript.take(), Lines{"out: sfwi: result=440102fd030405"});
-  expectSFWd({9}, Bytes{0x4F, 0x80});
-  EXPECT_EQ(sfwd(Bytes{9}), (ReplyDictionary{{"result", 0}, {"more_data_expected", 1}}));
-  expectSFWd({9}, Bytes{1, 0});
-  EXPECT_EQ(sfwd(Bytes{9}), (ReplyDictionary{{"result", 0}, {"more_data_expected", 0}}));
-  expectSFWd({9}, Bytes{1, 6});
-  EXPECT_EQ(sfwd(Bytes{9}), (ReplyDictionary{{"result", 6}, {"more_data_expected", 1}}));
+  const auto block_reply = [&](std::uint8_t length, std::uint8_t result) {
+    expectSFWd({9}, Bytes{length, result});
+    return sfwd(Bytes{9});
+  };
+  EXPECT_EQ(block_reply(0x4F, 0x80), (ReplyDictionary{{"result", 0}, {"more_data_expected", 1}}));
+  EXPECT_EQ(block_reply(1, 0), (ReplyDictionary{{"result", 0}, {"more_data_expected", 0}}));
+  EXPECT_EQ(block_reply(1, 6), (ReplyDictionary{{"result", 6}, {"more_data_expected", 1}}));
   EXPECT_EQ(transcript.take(), Lines{});
-  expectSFWs({9}, padded({0x0A, 0x85, 0x12, 0x06}, 11));
+  expectSFWs({9}, padded({0x0A, 0x85, 0x12, 0x0E}, 11));
   EXPECT_EQ(sfws(Bytes{9}), (ReplyDictionary{{"result", 5},
                                              {"more_data_expected", 1},
                                              {"signature_data_block", 18},
@@ -93,7 +74,7 @@ TEST_F(Engine, DecodesRepliesEachTaskInItsOwnWay) {
                                              {"new_flash_region", 2},
                                              {"hash_match", 6}}));
   EXPECT_EQ(transcript.take(),
-            Lines{"out: SFWs: read_back: [10, 133, 18, 6, 0, 0, 0, 0, 0, 0, 0]"});
+            Lines{"out: SFWs: read_back: [10, 133, 18, 14, 0, 0, 0, 0, 0, 0, 0]"});
   expectSFWs({9}, padded({0x0A, 0x05}, 11));
   EXPECT_EQ(sfws(Bytes{9})->at("more_data_expected"), 0U) << "bit 7 alone";
 }
@@ -118,31 +99,6 @@ TEST_F(Engine, WaitsForEachTaskAsLongAsItMayTake) {
   }
 }
 
-TEST_F(Engine, JudgesTheOpeningTaskByGroupsOfItsOwn) {
-  const std::string unknown = "FAIL_UNKNOWN_ERROR";
-  const Lines reasons = {"",    unknown, unknown, unknown, "0x4",   "0x5",   "0x6",   "0x7",
-                         "0x8", unknown, unknown, unknown, unknown, unknown, unknown, "0xF"};
-  for (std::size_t code = 0; code < reasons.size(); ++code) {
-    // The host takes the result from the length byte.
-    const Bytes reply = padded({static_cast<std::uint8_t>(0x40 | code), 0xFF}, 7);
-    expectSFWi(reply);
-    EXPECT_EQ(common_update(*global_driver, {}, progress), code == 0);
-    Lines lines = {"log: Sending SFWi for unsecure_update flow",
-                   "out: sfwi: result=" + hexEncodedString(reply),
-                   "progress: Sending SFWi data 1.000000",
-                   std::string("out: SFWi returned: 0x") + "0123456789ABCDEF"[code]};
-    if (code != 0) lines.push_back("out: SFWi Failed with task_result: " + reasons[code]);
-    EXPECT_EQ(transcript.take(), lines);
-  }
-}
-
-TEST_F(Engine, EndsWhenTheOpeningTaskHasNoReply) {
-  expectSFWi(std::nullopt);
-  EXPECT_FALSE(common_update(*global_driver, Bytes(64), progress));
-  EXPECT_EQ(transcript.take(), (Lines{"log: Sending SFWi for unsecure_update flow",
-                                      "out: SFWi failed. Returned None"}));
-}
-
 const Lines kOpened = {"log: Sending SFWi for unsecure_update flow",
                        "out: sfwi: result=40000000000000", "out: SFWi returned: 0x0"};
 
@@ -155,14 +111,11 @@ TEST_F(Engine, SendsARepeatedChunkAsItsFirstFourBytes) {
   // 0xFF first, as if it followed a chunk of 0xFF; then A, A, A again, B, A, and 8 bytes of A.
   const Bytes a(64, 0xAA), b(64, 0xBB);
   Bytes payload(64, 0xFF);
-  for (const Bytes& chunk : {a, a, a, b, a})
+  for (const Bytes& chunk : {a, a, a, b, a, Bytes(8, 0xAA)})
     payload.insert(payload.end(), chunk.begin(), chunk.end());
-  payload.insert(payload.end(), a.begin(), a.begin() + 8);
-  Bytes last(a.begin(), a.begin() + 8);
-  last.resize(64, 0xFF);
-
   expectSFWi();
-  for (const Bytes& block : {Bytes(4, 0xFF), a, Bytes(4, 0xAA), Bytes(4, 0xAA), b, a, last})
+  for (const Bytes& block : {Bytes(4, 0xFF), a, Bytes(4, 0xAA), Bytes(4, 0xAA), b, a,
+                             grouper(Bytes(8, 0xAA), 0xFF, 64)[0]})
     expectSFWd(block);
   EXPECT_TRUE(common_update(*global_driver, payload, {}));
   const std::string same = "out: Not sending this chunk, same as last";
@@ -174,29 +127,19 @@ TEST_F(Engine, SendsARepeatedChunkAsItsFirstFourBytes) {
   EXPECT_EQ(clock.takeSleeps(), std::vector<double>{});
 }
 
-struct Percentages {
-  std::size_t size;
-  std::vector<double> values;
-};
-
 TEST_F(Engine, ReportsWholePercentagesBeforeEachChunk) {
   std::vector<double> hundred(100);
   std::iota(hundred.begin(), hundred.end(), 0.0);
-  for (const auto& [size, values] : {Percentages{100, {0, 100}}, Percentages{130, {0, 50, 100}},
-                                     Percentages{192, {0, 33, 66}}, Percentages{6400, hundred}}) {
+  using Run = std::pair<std::size_t, std::vector<double>>;
+  for (const auto& [size, values] :
+       {Run{100, {0, 100}}, Run{130, {0, 50, 100}}, Run{192, {0, 33, 66}}, Run{6400, hundred}}) {
     Bytes payload(size);
     for (std::size_t i = 0; i < size; ++i) payload[i] = static_cast<std::uint8_t>(i / 64);
     expectSFWi();
     for (const Bytes& chunk : grouper(payload, 0xFF, 64)) expectSFWd(chunk);
     std::vector<double> seen;
-    Lines titles;
-    EXPECT_TRUE(common_update(*global_driver, payload, [&](std::string_view title, double value) {
-      titles.emplace_back(title);
-      seen.push_back(value);
-    }));
-    EXPECT_EQ(titles[0], "Sending SFWi data");
-    EXPECT_EQ(titles[1], "Writing SFWd chunk:0");
-    EXPECT_EQ(seen[0], 1.0);
+    const auto note = [&](std::string_view, double value) { seen.push_back(value); };
+    EXPECT_TRUE(common_update(*global_driver, payload, note));
     EXPECT_EQ(std::vector<double>(seen.begin() + 1, seen.end()), values) << size;
   }
 }
@@ -212,52 +155,43 @@ TEST_F(EngineDeathTest, HasNoPercentageForLessThanOneChunkButWritesIt) {
   EXPECT_TRUE(common_update(*global_driver, Bytes(63), {}));
 }
 
-struct Retried {
-  std::string_view name;
-  Reply first;
-  Reply second;
-  std::string_view failure;  // empty: the chunk was taken
-};
-QM5_PRINTS_NAME(Retried)
-
-class Retry : public Engine, public testing::WithParamInterface<Retried> {};
-
-TEST_P(Retry, ComesOnceAfterAPauseAndDecides) {
-  expectSFWi();
+TEST_F(Engine, RetriesABlockOnceAfterAPauseAndTellsTheSecondFailure) {
+  // By the second attempt's result.
+  const Lines failures = {"",
+                          "0x1",
+                          "0x2",
+                          "0x3",
+                          "FAIL_FLASH_ERASE_WRITE_ERROR",
+                          "0x5",
+                          "FAIL_SFWI_NOT_RUN_FIRST",
+                          "FAIL_TOO_MUCH_DATA",
+                          "FAIL_ACE_ID_NOT_IN_HEADER",
+                          "FAIL_BINARY_TOO_LARGE",
+                          "FAIL_DEVICE_ID_MISMATCH",
+                          "0xB",
+                          "0xC",
+                          "FAIL_FLASH_ERROR_READ_ONLY",
+                          "0xE",
+                          "FAIL_UNKNOWN_ERROR"};
   const Bytes block(64, 1);
-  expectSFWd(block, GetParam().first);
-  expectSFWd(block, GetParam().second);
-  const bool taken = GetParam().failure.empty();
-  if (taken) expectSFWd(Bytes(64, 2));
-  Bytes payload = block;
-  payload.insert(payload.end(), 64, 2);
-  EXPECT_EQ(common_update(*global_driver, payload, {}), taken);
-  EXPECT_EQ(clock.takeSleeps(), std::vector<double>{0.1});
-
-  Lines lines = {"out: Writing SFWd chunk 0"};
-  if (!GetParam().first) lines.emplace_back("out: No sfwd return");
-  lines.emplace_back("out: retry sfwd again");
-  lines.push_back(taken ? "out: Writing SFWd chunk 1"
-                        : "out: SFWd Failed with task_result: " + std::string(GetParam().failure));
-  EXPECT_EQ(transcript.take(), afterOpening(lines));
+  const auto expect_retry = [&](const Reply& first, const Reply& second, const std::string& why) {
+    expectSFWi();
+    expectSFWd(block, first);
+    expectSFWd(block, second);
+    EXPECT_EQ(common_update(*global_driver, block, {}), why.empty());
+    EXPECT_EQ(clock.takeSleeps(), std::vector<double>{0.1});
+    Lines lines = {"out: Writing SFWd chunk 0"};
+    if (!first) lines.emplace_back("out: No sfwd return");
+    lines.emplace_back("out: retry sfwd again");
+    if (!why.empty()) lines.push_back("out: SFWd Failed with task_result: " + why);
+    EXPECT_EQ(transcript.take(), afterOpening(lines));
+  };
+  for (std::uint8_t code = 0; code < 16; ++code)
+    expect_retry(Bytes{0x40, 6}, Bytes{0x40, code}, failures[code]);
+  expect_retry(Bytes{0x40, 6}, std::nullopt, "no result");
+  expect_retry(std::nullopt, Bytes{0x40, 0}, "");
+  EXPECT_EQ(rawValue(SFWdReturnCodeFromRawValue(13).value()), 13U);
 }
-
-Bytes result(std::uint8_t code) {
-  return {0x40, code};
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Outcomes, Retry,
-    testing::Values(Retried{"refused then taken", result(4), result(0), ""},
-                    Retried{"silent then taken", std::nullopt, result(0), ""},
-                    Retried{"silent twice", std::nullopt, std::nullopt, "no result"},
-                    Retried{"refused then silent", result(4), std::nullopt, "no result"},
-                    Retried{"4", result(6), result(4), "FAIL_FLASH_ERASE_WRITE_ERROR"},
-                    Retried{"13", std::nullopt, result(0xD), "FAIL_FLASH_ERROR_READ_ONLY"},
-                    Retried{"15", result(4), result(0xF), "FAIL_UNKNOWN_ERROR"},
-                    Retried{"5", result(4), result(5), "0x5"},
-                    Retried{"14", result(4), result(0xE), "0xE"}),
-    named);
 
 // An image with a payload of one chunk.
 Bytes makeImage() {
@@ -268,16 +202,16 @@ Bytes makeImage() {
 }
 
 TEST_F(Engine, RefusesAnImageByLengthFirstAndThenByItsMagic) {
-  const auto refusal = [this](const Bytes& image) {
+  const auto expect_refusal = [this](const Bytes& image, const std::string& line) {
     EXPECT_FALSE(secure_update_binary(*global_driver, image, progress, "pss", false));
-    return transcript.take();
+    EXPECT_EQ(transcript.take(), Lines{"out: " + line});
   };
-  EXPECT_EQ(refusal({}), Lines{"out: Invalid binary file. Binary file length:0"});
-  EXPECT_EQ(refusal(Bytes(771)), Lines{"out: Invalid binary file. Binary file length:771"});
+  expect_refusal({}, "Invalid binary file. Binary file length:0");
+  expect_refusal(Bytes(771), "Invalid binary file. Binary file length:771");
   for (std::size_t i = 0; i < 4; ++i) {
     Bytes image = makeImage();
     image[i] ^= 1;
-    EXPECT_EQ(refusal(image), Lines{"out: Invalid binary header."}) << i;
+    expect_refusal(image, "Invalid binary header.");
   }
 }
 
@@ -298,55 +232,49 @@ struct SecureRun {
 };
 QM5_PRINTS_NAME(SecureRun)
 
-class SecureFlow : public Engine, public testing::WithParamInterface<SecureRun> {
- protected:
-  // Scripts the tasks of the run and returns its lines, from the opening on.
-  Lines expected() {
-    const auto& [name, padding, stops_at, reply, failure] = GetParam();
-    const int tasks = padding == "pss" ? 12 : 6;
-    Lines lines = {"log: Sending SFWi for unsecure_update flow", "out: sfwi: result=40000000000000",
-                   "progress: Sending SFWi data 1.000000",       "out: SFWi returned: 0x0",
-                   "progress: Writing SFWd chunk:0 0.000000",    "out: Writing SFWd chunk 0"};
-    expectSFWi();
-    expectSFWd(Bytes(64, 0x77));
-    for (int i = 0; i < tasks; ++i) {
-      const bool is_key = i >= 6;
-      const std::string number = std::to_string(i % 6);
-      const Reply task_reply = i == stops_at ? reply : padded({0x40, 0x80, 7}, 11);
-      expectSFWs(Bytes(64, static_cast<std::uint8_t>(is_key ? i - 5 : i + 7)), task_reply);
-      if (i == 6) lines.emplace_back("out: Initiating SFWs completion, sending signature");
-      lines.push_back(
-          (is_key ? "progress: Update PSS secure data:" : "progress: Update SFWs secure data:") +
-          number + " 99.000000");
-      lines.push_back(
-          (is_key ? "out: Sending SFWs chunk_number:" : "out: Sending SFWs chunk_number=") +
-          number);
-      if (task_reply) {
-        std::string list = "out: SFWs: read_back: [";
-        for (const auto byte : *task_reply) list += std::to_string(byte) + ", ";
-        lines.push_back(list.substr(0, list.size() - 2) + "]");
-      }
-      if (is_key) lines.push_back("out: SFWs public key chunk " + number);
-      if (i == stops_at) {
-        lines.push_back("out: " + std::string(failure));
-        return lines;
-      }
-    }
-    lines.emplace_back("progress: secure_update complete SUCCESS 100.000000");
-    lines.emplace_back("log: SWFs completed SUCCESSFULLY");
-    return lines;
-  }
-};
+class SecureFlow : public Engine, public testing::WithParamInterface<SecureRun> {};
 
 TEST_P(SecureFlow, SendsSignatureThenKeyAndStopsAtTheFirstFailure) {
-  const Bytes image = makeImage();
-  Lines lines = expected();
+  const auto& [name, padding, stops_at, reply, failure] = GetParam();
   std::string signature = "out: RSA signature: ";
   for (const char* digits : {"07", "08", "09", "0a", "0b", "0c"})
     for (int i = 0; i < 64; ++i) signature += digits;
-  lines.insert(lines.begin(), signature);
-  EXPECT_EQ(secure_update_binary(*global_driver, image, progress, GetParam().padding, true),
-            GetParam().failure.empty());
+  Lines lines = {signature,
+                 "log: Sending SFWi for unsecure_update flow",
+                 "out: sfwi: result=40000000000000",
+                 "progress: Sending SFWi data 1.000000",
+                 "out: SFWi returned: 0x0",
+                 "progress: Writing SFWd chunk:0 0.000000",
+                 "out: Writing SFWd chunk 0"};
+  expectSFWi();
+  expectSFWd(Bytes(64, 0x77));
+  const int last = std::min(stops_at, padding == "pss" ? 11 : 5);
+  for (int i = 0; i <= last; ++i) {
+    const bool is_key = i >= 6;
+    const std::string number = std::to_string(i % 6);
+    const Reply task_reply = i == stops_at ? reply : padded({0x40, 0x80, 7}, 11);
+    expectSFWs(Bytes(64, static_cast<std::uint8_t>(is_key ? i - 5 : i + 7)), task_reply);
+    if (i == 6) lines.emplace_back("out: Initiating SFWs completion, sending signature");
+    lines.push_back(
+        (is_key ? "progress: Update PSS secure data:" : "progress: Update SFWs secure data:") +
+        number + " 99.000000");
+    lines.push_back(
+        (is_key ? "out: Sending SFWs chunk_number:" : "out: Sending SFWs chunk_number=") + number);
+    if (task_reply) {
+      std::string list = "out: SFWs: read_back: [";
+      for (const auto byte : *task_reply) list += std::to_string(byte) + ", ";
+      lines.push_back(list.substr(0, list.size() - 2) + "]");
+    }
+    if (is_key) lines.push_back("out: SFWs public key chunk " + number);
+  }
+  if (failure.empty()) {
+    lines.insert(lines.end(), {"progress: secure_update complete SUCCESS 100.000000",
+                               "log: SWFs completed SUCCESSFULLY"});
+  } else {
+    lines.push_back("out: " + std::string(failure));
+  }
+  EXPECT_EQ(secure_update_binary(*global_driver, makeImage(), progress, padding, true),
+            failure.empty());
   EXPECT_EQ(transcript.take(), lines);
 }
 
@@ -363,12 +291,21 @@ INSTANTIATE_TEST_SUITE_P(
                               "SFWs signature sending failed: 0xF"}),
     named);
 
-TEST_F(Engine, SendsNoSecureDataWhenThePayloadFailed) {
-  expectSFWi(padded({0x44}, 7));
-  EXPECT_FALSE(secure_update_binary(*global_driver, makeImage(), {}, "pss", false));
-  const Lines lines = transcript.take();
-  EXPECT_EQ(Lines(lines.end() - 2, lines.end()),
-            (Lines{"out: SFWi Failed with task_result: 0x4", "out: Flash failed."}));
+TEST_F(Engine, SendsNothingMoreWhenTheOpeningTaskFailed) {
+  const std::string opens = "log: Sending SFWi for unsecure_update flow";
+  const auto lines_after = [this](const Reply& reply) {
+    expectSFWi(reply);
+    EXPECT_FALSE(secure_update_binary(*global_driver, makeImage(), progress, "pss", false));
+    Lines lines = transcript.take();
+    lines.erase(lines.begin());  // the signature
+    return lines;
+  };
+  EXPECT_EQ(lines_after(padded({0x4A, 0xFF}, 7)),
+            (Lines{opens, "out: sfwi: result=4aff0000000000",
+                   "progress: Sending SFWi data 1.000000", "out: SFWi returned: 0xA",
+                   "out: SFWi Failed with task_result: FAIL_UNKNOWN_ERROR", "out: Flash failed."}));
+  EXPECT_EQ(lines_after(std::nullopt),
+            (Lines{opens, "out: SFWi failed. Returned None", "out: Flash failed."}));
 }
 
 }  // namespace

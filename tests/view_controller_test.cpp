@@ -4,11 +4,11 @@
 #include <algorithm>
 #include <latch>
 
-#include "app_shell/main_storyboard.h"
 #include "app_shell/progress_window.h"
-#include "support/linked_device.h"
+#include "simulator/faulty_qm5.h"
 #include "support/named_cases.h"
-#include "support/scripted_toolkit.h"
+#include "support/update_requests.h"
+#include "support/whole_app.h"
 
 namespace qm5::test {
 namespace {
@@ -17,43 +17,33 @@ constexpr int kOK = kAlertFirstButtonReturn;
 
 class Shell : public testing::Test {
  protected:
-  ~Shell() override {
-    toolkit.drain();
-    controller.reset();
-    waitForJob();
-    global_driver.reset();
-  }
-
-  // Starts the application's classes as the toolkit does.
+  // Starts the application's classes anew as the toolkit does.
   void start() {
-    EXPECT_EQ(toolkit.applicationMain(0, nullptr, mainStoryboard()), 3);
+    app_.start();
     controller = std::static_pointer_cast<ViewController>(toolkit.controller);
-    toolkit.controller.reset();
-    registry.waitForRunLoop();
-    // A job's first second is enough for the progress window to come up.
-    clock.during_sleep = [this](double seconds) {
-      if (seconds == 1.0) toolkit.waitUntilModal();
-    };
-    watch_ = controller;
   }
-  void attach() { postConnected(Dictionary{{"device", device.record()}}); }
-  // The job holds the controller until its end.
-  void waitForJob() {
-    while (!watch_.expired()) std::this_thread::yield();
+  void attach(std::uint16_t version) {
+    device_.emplace(Qm5Model({.version = version}));
+    app_.bus.plug(*device_);
   }
-  void expectVersion(std::uint8_t low, std::uint8_t high) {
-    device.expectRead(0x06, 9, Bytes{low, high});
+  void refuseEverything() { device_->addFault({.kind = FaultKind::stall_on, .number = 1}); }
+  // What the device was asked.
+  Lines requests() const {
+    Lines lines;
+    for (const RequestRecord& request : device_->requests())
+      lines.push_back(describe({request.setup, {}}));
+    return lines;
   }
-
-  Transcript transcript;
-  VirtualClock clock;
-  ScriptedUSBRegistry registry;
-  ScriptedUsbDevice device;
-  ScriptedToolkit toolkit{transcript};
-  std::shared_ptr<ViewController> controller;
 
  private:
-  std::weak_ptr<ViewController> watch_;
+  std::optional<FaultyQm5> device_;
+  WholeApp app_{smallImage()};
+
+ protected:
+  Transcript& transcript = app_.transcript;
+  VirtualClock& clock = app_.clock;
+  ScriptedToolkit& toolkit = app_.toolkit;
+  std::shared_ptr<ViewController> controller;
 };
 
 const Lines kNext = {"log: Next Click",
@@ -80,61 +70,34 @@ Lines byThread(Lines lines) {
   return lines;
 }
 
-struct Package {
+struct Ending {
   std::string_view name;
-  std::optional<std::string> path;
-  FileContents contents;
-  std::string_view line;
-};
-QM5_PRINTS_NAME(Package)
-
-class Packaged : public Shell, public testing::WithParamInterface<Package> {};
-
-TEST_P(Packaged, ImageIsReadAtStartUpAndItsLineSaysSo) {
-  toolkit.image_path = GetParam().path;
-  toolkit.image = GetParam().contents;
-  start();
-  EXPECT_EQ(transcript.take(), Lines{"out: " + std::string(GetParam().line)});
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Images, Packaged,
-    testing::Values(Package{"missing", std::nullopt, Bytes{}, "No embedded file."},
-                    Package{"unreadable", "/p", FileError{"no permission"},
-                            "Can not access file: no permission"},
-                    Package{"empty", "/p", Bytes{}, "Got data size:0"},
-                    Package{"present", "/p", Bytes(1234), "Got data size:1234"}),
-    named);
-
-struct Outcome {
-  std::string_view name;
-  std::optional<Bytes> version;  // absent: no device is attached
-  bool version_refused;
+  std::optional<std::uint16_t> version;  // absent: no device is attached
+  bool refused;                          // the device answers nothing
   FileContents image;
   Lines lines;  // between the presence check and the alert
   std::string_view alert;
   bool from_job;  // the alert is asked for on the job's own thread
 };
-QM5_PRINTS_NAME(Outcome)
+QM5_PRINTS_NAME(Ending)
 
-class Run : public Shell, public testing::WithParamInterface<Outcome> {};
+class Run : public Shell, public testing::WithParamInterface<Ending> {};
 
 // Each twice in a row: "OK" leads back to where the next run can start.
 TEST_P(Run, EndsInItsAlertAndCanBeRepeated) {
-  const Outcome& outcome = GetParam();
-  toolkit.image = outcome.image;
+  const auto& [name, version, refused, image, lines, alert, from_job] = GetParam();
+  toolkit.image = image;
   start();
-  if (outcome.version) attach();
+  if (version) attach(*version);
+  if (refused) refuseEverything();
   Lines expected = kNext;
-  if (outcome.version) expected.emplace_back("out: Found TI SOC on IOKit");
-  expected = expected + outcome.lines;
-  const std::string alert = "alert on main: " + std::string(outcome.alert) + " [OK]";
-  expected = expected + (outcome.from_job ? Lines{"stopModal [job]", "progress closed [job]",
-                                                  alert + " [job]", "may sleep", "stopModal"}
-                                          : kDown + Lines{alert, "may sleep"});
-  for (int round = 0; round < 2; ++round) {
-    if (outcome.version)
-      device.expectRead(0x06, 9, outcome.version_refused ? std::nullopt : outcome.version);
+  if (version) expected.emplace_back("out: Found TI SOC on IOKit");
+  expected = expected + lines;
+  const std::string shown = "alert on main: " + std::string(alert) + " [OK]";
+  expected = expected + (from_job ? Lines{"stopModal [job]", "progress closed [job]",
+                                          shown + " [job]", "may sleep", "stopModal"}
+                                  : kDown + Lines{shown, "may sleep"});
+  for (std::size_t round = 1; round <= 2; ++round) {
     transcript.take();
     toolkit.main->press("btnNext");
     toolkit.runUntilAlert();
@@ -142,83 +105,64 @@ TEST_P(Run, EndsInItsAlertAndCanBeRepeated) {
     EXPECT_EQ(clock.takeSleeps(), std::vector<double>{1.0});
     toolkit.answer(kOK);
     EXPECT_EQ(transcript.take(), (Lines{"log: OK pressed", "btnExit enabled", "btnNext enabled"}));
+    if (version) {
+      EXPECT_EQ(requests(), Lines(round, describe(registerRead(0x06, 9))));
+    }
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Outcomes, Run,
+    Endings, Run,
     testing::Values(
-        Outcome{"no device",
-                {},
-                false,
-                Bytes{},
-                {"log: str_NO_DMC"},
-                "No QM5 device ! | There is no QM5 connected!\nCheck your QM5 connection then try "
-                "again.",
-                false},
-        Outcome{"version refused",
-                Bytes{},
-                true,
-                Bytes{},
-                {"log: Get customer version error."},
-                "Get customer version error ! | There is no QM5 connected!\nCheck your QM5 "
-                "connection then try again.",
-                false},
-        Outcome{"same version",
-                Bytes{0x08, 0x42},
-                false,
-                FileError{"gone"},
-                {"log: Device found. Out customer version: 4208"},
-                "QM5 no need to update ! | Current QM5 version: 4208\nNo need to update.",
-                false},
-        Outcome{"no image",
-                Bytes{0x0A, 0x42},
-                false,
-                FileError{"gone"},
-                {"log: Device found. Out customer version: 420A"},
-                "QM5 firmware update data error! | Attached binary file data error.\nPlease "
-                "download this program and try again.",
-                true},
-        Outcome{"bad image",
-                Bytes{0x09, 0x42},
-                false,
-                Bytes(3),
-                {"log: Device found. Out customer version: 4209",
-                 "out: Invalid binary file. Binary file length:3"},
-                "Flash firmware error | Flash ti dmc firmware error, please try again.",
-                false}),
+        Ending{"no device",
+               {},
+               false,
+               Bytes{},
+               {"log: str_NO_DMC"},
+               "No QM5 device ! | There is no QM5 connected!\nCheck your QM5 connection then try "
+               "again.",
+               false},
+        Ending{"version refused",
+               0x4201,
+               true,
+               Bytes{},
+               {"log: Get customer version error."},
+               "Get customer version error ! | There is no QM5 connected!\nCheck your QM5 "
+               "connection then try again.",
+               false},
+        Ending{"same version",
+               0x4208,
+               false,
+               FileError{"gone"},
+               {"log: Device found. Out customer version: 4208"},
+               "QM5 no need to update ! | Current QM5 version: 4208\nNo need to update.",
+               false},
+        Ending{"no image",
+               0x420A,
+               false,
+               FileError{"gone"},
+               {"log: Device found. Out customer version: 420A"},
+               "QM5 firmware update data error! | Attached binary file data error.\nPlease "
+               "download this program and try again.",
+               true},
+        Ending{"bad image",
+               0x4209,
+               false,
+               Bytes(3),
+               {"log: Device found. Out customer version: 4209",
+                "out: Invalid binary file. Binary file length:3"},
+               "Flash firmware error | Flash ti dmc firmware error, please try again.",
+               false}),
     named);
 
-// An image without a payload: the shortest update there is.
-Bytes shortestImage() {
-  Bytes image(772, 5);
-  const Bytes magic = {0x01, 0x00, 0xEF, 0xAC};
-  std::copy(magic.begin(), magic.end(), image.begin());
-  return image;
+Lines without(Lines lines, std::string_view prefix) {
+  std::erase_if(lines, [&](const std::string& line) { return line.starts_with(prefix); });
+  return lines;
 }
 
-class Update : public Shell {
- protected:
-  Update() { toolkit.image = shortestImage(); }
-
-  void update() {
-    expectVersion(0x0A, 0x42);
-    Bytes reply(7);
-    reply[0] = 0x40;
-    device.expectTask("SFWi", {}, 7, reply);
-    for (int i = 0; i < 12; ++i) device.expectTask("SFWs", Bytes(64, 5), 11, Bytes{0x40});
-    transcript.take();
-    toolkit.main->press("btnNext");
-  }
-  Lines without(Lines lines, std::string_view prefix) {
-    std::erase_if(lines, [&](const std::string& line) { return line.starts_with(prefix); });
-    return lines;
-  }
-};
-
-TEST_F(Update, ShowsEachStepAndEndsInTheFinishDialog) {
+TEST_F(Shell, ShowsEachStepAndEndsInTheFinishDialog) {
   start();
-  attach();
+  attach(0x420A);
   Lines expected = without(kNext, "out: ");
   expected.emplace_back("log: Device found. Out customer version: 420A");
   const auto step = [&](const std::string& value, const std::string& shown) {
@@ -226,6 +170,7 @@ TEST_F(Update, ShowsEachStepAndEndsInTheFinishDialog) {
     expected.push_back("txtTitle2: Updating firmware version from 420A -> 4208, (" + shown + " %)");
   };
   step("1.000000", "1.0");
+  for (const std::string whole : {"0", "33", "66", "100"}) step(whole + ".000000", whole + ".0");
   for (int i = 0; i < 12; ++i) step("99.000000", "99.0");
   step("100.000000", "100.0");
   expected = expected + kDown +
@@ -246,14 +191,15 @@ TEST_F(Update, ShowsEachStepAndEndsInTheFinishDialog) {
     toolkit.finish->press("Confirm & Exit");
     EXPECT_EQ(transcript.take(), Lines{"terminate"});
   };
-  update();
+  transcript.take();
+  toolkit.main->press("btnNext");
   // The job's own lines come when they come; those of the main thread keep their order.
   EXPECT_EQ(without(without(seen, "out: "), "log: S"), expected);
   controller->confirmButtonClicked(nullptr);
   EXPECT_EQ(transcript.take(), (Lines{"log: confirm button clicked", "finish closed"}));
 }
 
-TEST_F(Update, PlacesTheFinishDialogByItsWholeHalfWidth) {
+TEST_F(Shell, PlacesTheFinishDialogByItsWholeHalfWidth) {
   start();
   for (const auto& [content, image_x] :
        {std::pair<std::optional<Size>, int>{std::nullopt, 107}, {Size{341.9, 280}, 117}}) {
@@ -359,7 +305,6 @@ TEST_F(Shell, DropsAnAlertThatHasNoWindow) {
 }
 
 TEST_F(Shell, AnswersTheToolkitAsItsDelegate) {
-  start();
   EXPECT_TRUE(toolkit.delegate->applicationSupportsSecureRestorableState());
   EXPECT_TRUE(toolkit.delegate->applicationShouldTerminateAfterLastWindowClosed());
 }
@@ -375,7 +320,7 @@ TEST_F(Shell, SharesOneDriverAmongControllers) {
 
 TEST_F(Shell, HasNoVersionWithoutTheProcesssDriver) {
   start();
-  attach();
+  attach(0x420A);
   const auto driver = std::exchange(global_driver, nullptr);
   toolkit.main->press("btnNext");
   toolkit.runUntilAlert();

@@ -1,4 +1,4 @@
-// A test's world below the update engine: a scripted bus, a virtual clock, and the one
+// A test's world below the update engine: a scripted device, a virtual clock, and the one
 // Driver on top of both.
 #pragma once
 
@@ -8,7 +8,7 @@
 
 #include "device_link/driver.h"
 #include "scripted_usb_device.h"
-#include "scripted_usb_registry.h"
+#include "simulator/direct_bus.h"
 #include "transcript.h"
 #include "virtual_clock.h"
 
@@ -25,8 +25,9 @@ inline void postDisconnected(const std::any& object) {
 class LinkedDevice : public testing::Test {
  protected:
   LinkedDevice() {
+    setUSBRegistry(&bus_);
     global_driver = std::make_shared<Driver>(std::uint16_t{0x0451}, std::uint16_t{0xACE1});
-    registry.waitForRunLoop();
+    bus_.waitUntilWatched();
   }
   ~LinkedDevice() override { global_driver.reset(); }
 
@@ -34,8 +35,10 @@ class LinkedDevice : public testing::Test {
 
   Transcript transcript;
   VirtualClock clock;
-  ScriptedUSBRegistry registry;
   ScriptedUsbDevice device;
+
+ private:
+  DirectBus bus_;  // nothing is on it: the device is announced by the test itself
 };
 
 }  // namespace qm5::test

@@ -6,12 +6,9 @@
 
 #include <deque>
 #include <optional>
-#include <sstream>
-#include <string>
-#include <string_view>
 
 #include "device_monitor/usb_device_monitor.h"
-#include "platform/bytes.h"
+#include "update_requests.h"
 
 namespace qm5::test {
 
@@ -20,54 +17,36 @@ inline constexpr IOReturn kRefused = -9;  // LIBUSB_ERROR_PIPE
 class ScriptedUsbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInInterfaceStruct {
  public:
   ~ScriptedUsbDevice() {
-    EXPECT_TRUE(expected_.empty()) << "never came: " << expected_.front().setup;
+    EXPECT_TRUE(expected_.empty()) << "never came: " << describe(expected_.front().request);
   }
 
-  // Script it. No reply is a refused request.
-  void expect(const IOUSBDevRequest& request, const Bytes& sent,
-              const std::optional<Bytes>& reply) {
-    expected_.push_back(
-        {text(request, sent), reply.value_or(Bytes{}), reply ? kIOReturnSuccess : kRefused});
+  // Script it. No reply is a refused request; one may be shorter than asked for.
+  void expect(const WireRequest& request, const std::optional<Bytes>& reply = Bytes()) {
+    expected_.push_back({request, reply});
   }
-  void expectWrite(unsigned address, unsigned index, const Bytes& data, bool taken = true) {
-    expect({0x40, 0xFD, static_cast<std::uint16_t>(address), static_cast<std::uint16_t>(index),
-            static_cast<std::uint16_t>(data.size()), nullptr, 0xFF},
-           data, taken ? std::optional(Bytes{}) : std::nullopt);
-  }
-  /// `reply` may be shorter than `length`.
-  void expectRead(unsigned address, unsigned length, const std::optional<Bytes>& reply) {
-    expect({0xC0, 0xFE, static_cast<std::uint16_t>(address), 0, static_cast<std::uint16_t>(length),
-            nullptr, 0xFF},
-           {}, reply);
-  }
-  /// A register write as it goes over the wire: at most 8 bytes a request, the total first.
-  void expectRegisterWrite(unsigned address, const Bytes& data) {
-    for (std::size_t at = 0; at < data.size(); at += 8) {
-      const auto end = std::min(at + 8, data.size());
-      expectWrite(address, at == 0 ? static_cast<unsigned>(data.size()) : 0,
-                  Bytes(data.begin() + static_cast<std::ptrdiff_t>(at),
-                        data.begin() + static_cast<std::ptrdiff_t>(end)));
-    }
+  void expectRead(std::uint16_t address, std::uint16_t length, const std::optional<Bytes>& reply) {
+    expect(registerRead(address, length), reply);
   }
   /// A task that is ready at the first poll.
-  void expectTask(std::string_view command, const Bytes& data, unsigned reply_length,
+  void expectTask(std::string_view command, const Bytes& data, std::uint16_t reply_length,
                   const std::optional<Bytes>& reply) {
-    expectRegisterWrite(0x1F, data);
-    expectRegisterWrite(0x1E, Bytes(command.begin(), command.end()));
-    expectRead(0x1E, 5, Bytes{4, 0, 0, 0, 0});
-    expectRead(0x1F, reply_length, reply);
+    for (const WireRequest& request : taskRequests(command, data, reply_length)) {
+      const bool polls = isRead(request.setup) && request.setup.wValue == 0x1E;
+      expect(request, polls ? Bytes{4, 0, 0, 0, 0} : Bytes());
+    }
+    expected_.back().reply = reply;
   }
   IOReturn open_result = kIOReturnSuccess;
   IOReturn vendor_result = kIOReturnSuccess;
   IOReturn product_result = kIOReturnSuccess;
   IOReturn query_result = kIOReturnSuccess;
   bool has_device = true;
-  bool has_device_table = true;
+  void losePlugInTable() { plug_in_ = nullptr; }
+  void loseDeviceTable() { device_ = nullptr; }
 
   // Hand it out.
   IOUSBDeviceStruct942** interface() { return &device_; }
   IOCFPlugInInterfaceStruct** plugIn() { return &plug_in_; }
-  void losePlugInTable() { plug_in_ = nullptr; }
   USBDevice record(std::uint64_t id = 7) {
     return {id, 0x0451, 0xACE1, "QM5", &device_, &plug_in_};
   }
@@ -75,7 +54,6 @@ class ScriptedUsbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInIn
   // The port.
   IOReturn QueryInterface(const UUIDBytes& identifier, IOUSBDeviceStruct942**& device) override {
     EXPECT_EQ(identifier, kIOUSBDeviceInterfaceID);
-    if (!has_device_table) device_ = nullptr;
     if (has_device) device = &device_;
     return query_result;
   }
@@ -89,36 +67,29 @@ class ScriptedUsbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInIn
     return product_result;
   }
   IOReturn DeviceRequest(IOUSBDevRequest& request) override {
-    const bool is_read = (request.bmRequestType & 0x80) != 0;
-    const std::string setup =
-        text(request, is_read ? Bytes{} : Bytes(request.pData, request.pData + request.wLength));
+    const ControlSetup setup = {request.bmRequestType, request.bRequest, request.wValue,
+                                request.wIndex, request.wLength};
+    const ByteView sent(request.pData, isRead(setup) ? 0U : setup.wLength);
+    const WireRequest made = {setup, Bytes(sent.begin(), sent.end())};
+    EXPECT_EQ(request.wLenDone, 0xFFU) << "the preset";
     if (expected_.empty()) {
-      ADD_FAILURE() << "not expected: " << setup;
+      ADD_FAILURE() << "not expected: " << describe(made);
       return kRefused;
     }
-    const Step step = expected_.front();
+    const auto [expected, reply] = expected_.front();
     expected_.pop_front();
-    EXPECT_EQ(setup, step.setup);
-    std::copy(step.reply.begin(), step.reply.end(), request.pData);
-    request.wLenDone = static_cast<std::uint32_t>(step.reply.size());
-    return step.result;
+    EXPECT_EQ(describe(made), describe(expected));
+    if (!reply) return kRefused;
+    std::copy(reply->begin(), reply->end(), request.pData);
+    request.wLenDone = static_cast<std::uint32_t>(reply->size());
+    return kIOReturnSuccess;
   }
 
  private:
   struct Step {
-    std::string setup;
-    Bytes reply;
-    IOReturn result;
+    WireRequest request;
+    std::optional<Bytes> reply;
   };
-
-  static std::string text(const IOUSBDevRequest& request, const Bytes& data) {
-    std::ostringstream line;
-    line << std::hex << "type " << +request.bmRequestType << " request " << +request.bRequest
-         << " value " << request.wValue << " index " << request.wIndex << " length "
-         << request.wLength << " preset " << request.wLenDone << " data";
-    for (const auto byte : data) line << ' ' << +byte;
-    return line.str();
-  }
 
   std::deque<Step> expected_;
   IOUSBDeviceStruct942* device_ = this;

@@ -4,10 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <deque>
+#include <future>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,6 +27,7 @@ struct ScriptedService {
   ScriptedUsbDevice* device = nullptr;
 };
 
+/// Used by one thread at a time: a call back is waited for.
 class ScriptedUSBRegistry final : public USBRegistry {
  public:
   ScriptedUSBRegistry() { setUSBRegistry(this); }
@@ -46,11 +46,6 @@ class ScriptedUSBRegistry final : public USBRegistry {
 
   // Read it back.
   Lines takeSteps() { return steps_.take(); }
-  /// Returns once a monitor has come to its run loop, after which its thread does nothing more.
-  void waitForRunLoop() {
-    std::unique_lock lock(mutex_);
-    changed_.wait(lock, [this] { return run_loops_ > 0; });
-  }
 
   // The port.
   io_port_t notificationPortCreate() override {
@@ -80,7 +75,6 @@ class ScriptedUSBRegistry final : public USBRegistry {
     return kRefused;  // the result of a registration is ignored
   }
   io_service_t iteratorNext(io_iterator_t iterator) override {
-    const std::lock_guard lock(mutex_);
     auto& waiting = waiting_.at(iterator);
     if (waiting.empty()) {
       steps_.note("drained " + std::to_string(iterator));
@@ -91,14 +85,11 @@ class ScriptedUSBRegistry final : public USBRegistry {
     return last_service_;
   }
   IOReturn registryEntryGetRegistryEntryID(io_service_t service, std::uint64_t& id) override {
-    const std::lock_guard lock(mutex_);
     const ScriptedService& found = services_.at(service);
-    if (!found.id) return kRefused;
-    id = *found.id;
-    return kIOReturnSuccess;
+    id = found.id.value_or(id);
+    return found.id ? kIOReturnSuccess : kRefused;
   }
   IOReturn registryEntryGetName(io_service_t service, io_name_t& name) override {
-    const std::lock_guard lock(mutex_);
     const ScriptedService& found = services_.at(service);
     if (!found.name) return kRefused;
     std::copy(found.name->begin(), found.name->end(), name.begin());
@@ -109,23 +100,16 @@ class ScriptedUSBRegistry final : public USBRegistry {
                                            IOCFPlugInInterfaceStruct**& plug_in) override {
     EXPECT_EQ(plug_in_type, kIOUSBDeviceUserClientTypeID);
     EXPECT_EQ(interface_type, kIOCFPlugInInterfaceID);
-    const std::lock_guard lock(mutex_);
     const ScriptedService& found = services_.at(service);
     if (found.has_plug_in && found.device != nullptr) plug_in = found.device->plugIn();
     return found.plug_in_result;
   }
   IOReturn objectRelease(io_service_t service) override {
-    const std::lock_guard lock(mutex_);
     const IOReturn result = services_.at(service).release_result;
     services_.erase(service);
     return result;
   }
-  void runLoop() override {
-    steps_.note("run loop");
-    const std::lock_guard lock(mutex_);
-    ++run_loops_;
-    changed_.notify_all();
-  }
+  void runLoop() override { steps_.note("run loop"); }
 
  private:
   static constexpr io_port_t kPort = 3;
@@ -133,25 +117,16 @@ class ScriptedUSBRegistry final : public USBRegistry {
   static constexpr io_iterator_t kRemovals = 5;
 
   void callBack(io_iterator_t iterator, const std::vector<ScriptedService>& services) {
-    {
-      const std::lock_guard lock(mutex_);
-      waiting_[iterator].insert(waiting_[iterator].end(), services.begin(), services.end());
-    }
-    bool served = false;
+    waiting_[iterator].insert(waiting_[iterator].end(), services.begin(), services.end());
+    std::promise<void> served;
     queue_->async([&, this] {
       callbacks_.at(iterator)(iterator);
-      const std::lock_guard lock(mutex_);
-      served = true;
-      changed_.notify_all();
+      served.set_value();
     });
-    std::unique_lock lock(mutex_);
-    changed_.wait(lock, [&] { return served; });
+    served.get_future().wait();
   }
 
   Notes steps_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  int run_loops_ = 0;
   io_service_t last_service_ = 100;
   std::shared_ptr<DispatchQueue> queue_;
   std::map<io_iterator_t, MatchingCallback> callbacks_;

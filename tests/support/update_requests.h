@@ -1,0 +1,83 @@
+// Control requests as they go over the wire: register writes, tasks, and those of a whole
+// update, made from the image alone.
+#pragma once
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "simulator/control_request.h"
+#include "tools/firmware_image.h"
+
+namespace qm5::test {
+
+struct WireRequest {
+  ControlSetup setup;
+  Bytes sent;
+};
+using WireRequests = std::vector<WireRequest>;
+
+/// For comparison.
+inline std::string describe(const WireRequest& request) {
+  const auto& [type, code, value, index, length] = request.setup;
+  std::string text;
+  for (const int number : {+type, +code, +value, +index, +length})
+    text.append(std::to_string(number)).append(" ");
+  for (const auto byte : request.sent) text.append(std::to_string(byte)).append(",");
+  return text;
+}
+
+inline Bytes slice(ByteView bytes, std::size_t at, std::size_t size) {
+  const ByteView part = bytes.subspan(at, std::min(size, bytes.size() - at));
+  return {part.begin(), part.end()};
+}
+
+inline WireRequest registerRead(std::uint16_t address, std::uint16_t length) {
+  return {{0xC0, 0xFE, address, 0, length}, {}};
+}
+
+/// At most 8 bytes a request, the total with the first.
+inline WireRequests registerWrite(std::uint16_t address, ByteView data) {
+  WireRequests requests;
+  for (std::size_t at = 0; at < data.size(); at += 8) {
+    const Bytes chunk = slice(data, at, 8);
+    const auto total = static_cast<std::uint16_t>(at == 0 ? data.size() : 0);
+    const auto length = static_cast<std::uint16_t>(chunk.size());
+    requests.push_back({{0x40, 0xFD, address, total, length}, chunk});
+  }
+  return requests;
+}
+
+/// A task that is ready at the first poll.
+inline WireRequests taskRequests(std::string_view command, ByteView data,
+                                 std::uint16_t reply_length) {
+  WireRequests requests = registerWrite(0x1F, data);
+  const WireRequests start = registerWrite(0x1E, Bytes(command.begin(), command.end()));
+  requests.insert(requests.end(), start.begin(), start.end());
+  requests.push_back(registerRead(0x1E, 5));
+  requests.push_back(registerRead(0x1F, reply_length));
+  return requests;
+}
+
+/// The whole update, from the version read to the last key block's reply.
+inline WireRequests updateRequests(ByteView image) {
+  WireRequests requests = {registerRead(0x06, 9)};
+  const auto task = [&](std::string_view command, ByteView data, std::uint16_t reply_length) {
+    const WireRequests more = taskRequests(command, data, reply_length);
+    requests.insert(requests.end(), more.begin(), more.end());
+  };
+  task("SFWi", {}, 7);
+  const Bytes flash = flashContents(image.subspan(kImagePayloadStart));
+  Bytes previous(64, 0xFF);
+  for (std::size_t at = 0; at < flash.size(); at += 64) {
+    const Bytes block = slice(flash, at, 64);
+    task("SFWd", slice(block, 0, block == previous ? 4 : 64), 2);
+    previous = block;
+  }
+  for (const std::size_t region : {kImageSignatureStart, kImagePublicKeyStart})
+    for (std::size_t at = 0; at < 384; at += 64) task("SFWs", slice(image, region + at, 64), 11);
+  return requests;
+}
+
+}  // namespace qm5::test
