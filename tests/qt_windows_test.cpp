@@ -1,8 +1,6 @@
 // The Qt adapter on Qt's offscreen platform: modal runs and the main queue, alerts, what a
 // person's keys and closing requests do, and the geometry of the windows.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <QAbstractButton>
 #include <QApplication>
@@ -254,20 +252,6 @@ TEST_F(QtWindows, FramesCountFromTheLowerLeftOfTheScreen) {
   EXPECT_EQ(frame.bottomLeft(),
             QGuiApplication::primaryScreen()->geometry().bottomLeft() + QPoint(30, 0));
   EXPECT_EQ(window->frame().origin.y, 0);
-}
-
-// --- files ---
-
-TEST_F(QtWindows, OnlyRegularFilesAreReadAndNothingIsWaitedFor) {
-  const std::string fifo = testing::TempDir() + "qm5-fifo-" + std::to_string(getpid());
-  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  const auto message = [](int code) { return std::generic_category().message(code); };
-  for (const auto& [path, description] : {std::pair{fifo, std::string("Not a regular file")},
-                                          {testing::TempDir(), message(EISDIR)},
-                                          {fifo + "/missing", message(ENOTDIR)}}) {
-    EXPECT_EQ(std::get<FileError>(toolkit_.readFile(path)).description, description);
-  }
-  unlink(fifo.c_str());
 }
 
 // --- the application's own end ---

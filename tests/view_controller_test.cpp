@@ -111,47 +111,35 @@ TEST_P(Run, EndsInItsAlertAndCanBeRepeated) {
   }
 }
 
+constexpr std::string_view kNoDevice =
+    "No QM5 device ! | There is no QM5 connected!\nCheck your QM5 connection then try again.";
+constexpr std::string_view kNoVersion =
+    "Get customer version error ! | There is no QM5 connected!\n"
+    "Check your QM5 connection then try again.";
+constexpr std::string_view kNoNeed =
+    "QM5 no need to update ! | Current QM5 version: 4208\nNo need to update.";
+constexpr std::string_view kDataError =
+    "QM5 firmware update data error! | Attached binary file data error.\n"
+    "Please download this program and try again.";
+constexpr std::string_view kFlashError =
+    "Flash firmware error | Flash ti dmc firmware error, please try again.";
+const std::string kFound = "log: Device found. Out customer version: ";
+const FileError kGone = {"gone"};
+
 INSTANTIATE_TEST_SUITE_P(
     Endings, Run,
     testing::Values(
-        Ending{"no device",
-               {},
-               false,
-               Bytes{},
-               {"log: str_NO_DMC"},
-               "No QM5 device ! | There is no QM5 connected!\nCheck your QM5 connection then try "
-               "again.",
-               false},
-        Ending{"version refused",
-               0x4201,
-               true,
-               Bytes{},
-               {"log: Get customer version error."},
-               "Get customer version error ! | There is no QM5 connected!\nCheck your QM5 "
-               "connection then try again.",
-               false},
-        Ending{"same version",
-               0x4208,
-               false,
-               FileError{"gone"},
-               {"log: Device found. Out customer version: 4208"},
-               "QM5 no need to update ! | Current QM5 version: 4208\nNo need to update.",
-               false},
-        Ending{"no image",
-               0x420A,
-               false,
-               FileError{"gone"},
-               {"log: Device found. Out customer version: 420A"},
-               "QM5 firmware update data error! | Attached binary file data error.\nPlease "
-               "download this program and try again.",
-               true},
+        Ending{"no device", {}, false, Bytes{}, {"log: str_NO_DMC"}, kNoDevice, false},
+        Ending{
+            "no version", 1, true, kGone, {"log: Get customer version error."}, kNoVersion, false},
+        Ending{"same version", 0x4208, false, kGone, {kFound + "4208"}, kNoNeed, false},
+        Ending{"no image", 0x420A, false, kGone, {kFound + "420A"}, kDataError, true},
         Ending{"bad image",
                0x4209,
                false,
                Bytes(3),
-               {"log: Device found. Out customer version: 4209",
-                "out: Invalid binary file. Binary file length:3"},
-               "Flash firmware error | Flash ti dmc firmware error, please try again.",
+               {kFound + "4209", "out: Invalid binary file. Binary file length:3"},
+               kFlashError,
                false}),
     named);
 
