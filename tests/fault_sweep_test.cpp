@@ -11,6 +11,7 @@
 #include "support/effort.h"
 #include "support/whole_app.h"
 #include "tools/firmware_image.h"
+#include "update_engine/result_codes.h"
 
 namespace qm5::test {
 namespace {
@@ -71,14 +72,11 @@ Expected failure(const std::string& lines) {
   return {{kFlashError, lines}};
 }
 Expected refused(char task, unsigned int code) {
-  static const std::map<unsigned int, std::string> kNames = {
-      {4, "FLASH_ERASE_WRITE_ERROR"}, {6, "SFWI_NOT_RUN_FIRST"}, {7, "TOO_MUCH_DATA"},
-      {8, "ACE_ID_NOT_IN_HEADER"},    {9, "BINARY_TOO_LARGE"},   {10, "DEVICE_ID_MISMATCH"},
-      {13, "FLASH_ERROR_READ_ONLY"},  {15, "UNKNOWN_ERROR"}};
   const std::string number = std::string("0x") + "0123456789ABCDEF"[code];
   if (task == 's') return failure("SFWs signature sending failed: " + number + ";");
-  const bool named = task == 'd' ? kNames.contains(code) : code < 4 || (code > 8 && code < 15);
-  const std::string name = "FAIL_" + (task == 'd' && named ? kNames.at(code) : "UNKNOWN_ERROR");
+  const auto code_name = SFWdReturnCodeFromRawValue(code);
+  const bool named = task == 'd' ? code_name.has_value() : code < 4 || (code > 8 && code < 15);
+  const std::string name(task == 'd' && named ? textForm(*code_name) : "FAIL_UNKNOWN_ERROR");
   return failure(std::string("SFW") + task +
                  " Failed with task_result: " + (named ? name : number) + ";Flash failed.;");
 }

@@ -82,7 +82,8 @@ TEST_F(MonitorDeathTest, StopsWithoutAPortOrAMatchingDictionary) {
 
 struct ArrivalFault {
   std::string_view name;
-  void (*provoke)(ScriptedService&, ScriptedUsbDevice&);
+  ScriptedService service;
+  ScriptedOpening opening;
   Lines lines;
 };
 QM5_PRINTS_NAME(ArrivalFault)
@@ -90,49 +91,40 @@ QM5_PRINTS_NAME(ArrivalFault)
 class Arrival : public Monitor, public testing::WithParamInterface<ArrivalFault> {};
 
 TEST_P(Arrival, IsAnnouncedOrSkippedWithItsLine) {
-  ScriptedService service{.device = &qm5};
-  GetParam().provoke(service, qm5);
+  ScriptedService service = GetParam().service;
+  service.device = &qm5;
+  qm5.opening = GetParam().opening;
   registry.attach(service);
   USBDeviceMonitor(kQM5).start();
   EXPECT_EQ(transcript.take(), GetParam().lines);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Faults, Arrival,
-    testing::Values(
-        ArrivalFault{"no id",
-                     [](auto& service, auto&) { service.id = {}; },
-                     {"out: Error getting device id", "connected 0 QM5 [arming thread]"}},
-        ArrivalFault{"no name",
-                     [](auto& service, auto&) { service.name = {}; },
-                     {"out: Error getting device name", "connected 7  [arming thread]"}},
-        ArrivalFault{"name with a zero byte",
-                     [](auto& service, auto&) { service.name = std::string("Q\0M5", 4); },
-                     {"connected 7 Q [arming thread]"}},
-        ArrivalFault{
-            "no plug-in result", [](auto& service, auto&) { service.plug_in_result = -1; }, {}},
-        ArrivalFault{"null plug-in",
-                     [](auto& service, auto&) { service.has_plug_in = false; },
-                     {"out: Unable to get Plug-In Interface"}},
-        ArrivalFault{"null plug-in table",
-                     [](auto&, auto& device) { device.losePlugInTable(); },
-                     {"out: Unable to get Plug-In Interface"}},
-        ArrivalFault{"null device",
-                     [](auto&, auto& device) { device.has_device = false; },
-                     {"out: Unable to get Device Interface"}},
-        ArrivalFault{"query refused", [](auto&, auto& device) { device.query_result = -1; }, {}},
-        ArrivalFault{"null device table",
-                     [](auto&, auto& device) { device.loseDeviceTable(); },
-                     {"out: Unable to get Device Interface"}},
-        ArrivalFault{"open refused",
-                     [](auto&, auto& device) { device.open_result = -3; },
-                     {"out: Could not open device (error: -3)"}},
-        ArrivalFault{"held by someone else",
-                     [](auto&, auto& device) { device.open_result = kIOReturnExclusiveAccess; },
-                     {"connected 7 QM5 [arming thread]"}},
-        ArrivalFault{"no vendor", [](auto&, auto& device) { device.vendor_result = -1; }, {}},
-        ArrivalFault{"no product", [](auto&, auto& device) { device.product_result = -1; }, {}}),
-    named);
+const std::string kNoPlugIn = "out: Unable to get Plug-In Interface";
+const std::string kNoDevice = "out: Unable to get Device Interface";
+const std::vector<ArrivalFault> kFaults = {
+    {"no id", {.id = {}}, {}, {"out: Error getting device id", "connected 0 QM5 [arming thread]"}},
+    {"no name",
+     {.name = {}},
+     {},
+     {"out: Error getting device name", "connected 7  [arming thread]"}},
+    {"zero in the name",
+     {.name = std::string_view("Q\0M5", 4)},
+     {},
+     {"connected 7 Q [arming thread]"}},
+    {"no plug-in result", {.plug_in_result = -1}, {}, {}},
+    {"null plug-in", {.has_plug_in = false}, {}, {kNoPlugIn}},
+    {"null plug-in table", {}, {.has_plug_in_table = false}, {kNoPlugIn}},
+    {"query refused", {}, {.query_result = -1}, {}},
+    {"null device", {}, {.has_device = false}, {kNoDevice}},
+    {"null device table", {}, {.has_device_table = false}, {kNoDevice}},
+    {"open refused", {}, {.open_result = -3}, {"out: Could not open device (error: -3)"}},
+    {"held by someone else",
+     {},
+     {.open_result = kIOReturnExclusiveAccess},
+     {"connected 7 QM5 [arming thread]"}},
+    {"no vendor", {}, {.vendor_result = -1}, {}},
+    {"no product", {}, {.product_result = -1}, {}}};
+INSTANTIATE_TEST_SUITE_P(Faults, Arrival, testing::ValuesIn(kFaults), named);
 
 TEST_F(Monitor, ReportsARemovalByIdAndSaysWhenTheServiceCanNotBeReleased) {
   USBDeviceMonitor monitor(kQM5);

@@ -14,6 +14,17 @@ namespace qm5::test {
 
 inline constexpr IOReturn kRefused = -9;  // LIBUSB_ERROR_PIPE
 
+/// What the steps to an opened device answer.
+struct ScriptedOpening {
+  bool has_plug_in_table = true;
+  IOReturn query_result = kIOReturnSuccess;
+  bool has_device = true;
+  bool has_device_table = true;
+  IOReturn open_result = kIOReturnSuccess;
+  IOReturn vendor_result = kIOReturnSuccess;
+  IOReturn product_result = kIOReturnSuccess;
+};
+
 class ScriptedUsbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInInterfaceStruct {
  public:
   ~ScriptedUsbDevice() {
@@ -36,17 +47,14 @@ class ScriptedUsbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInIn
     }
     expected_.back().reply = reply;
   }
-  IOReturn open_result = kIOReturnSuccess;
-  IOReturn vendor_result = kIOReturnSuccess;
-  IOReturn product_result = kIOReturnSuccess;
-  IOReturn query_result = kIOReturnSuccess;
-  bool has_device = true;
-  void losePlugInTable() { plug_in_ = nullptr; }
-  void loseDeviceTable() { device_ = nullptr; }
+  ScriptedOpening opening;
 
   // Hand it out.
   IOUSBDeviceStruct942** interface() { return &device_; }
-  IOCFPlugInInterfaceStruct** plugIn() { return &plug_in_; }
+  IOCFPlugInInterfaceStruct** plugIn() {
+    if (!opening.has_plug_in_table) plug_in_ = nullptr;
+    return &plug_in_;
+  }
   USBDevice record(std::uint64_t id = 7) {
     return {id, 0x0451, 0xACE1, "QM5", &device_, &plug_in_};
   }
@@ -54,17 +62,18 @@ class ScriptedUsbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInIn
   // The port.
   IOReturn QueryInterface(const UUIDBytes& identifier, IOUSBDeviceStruct942**& device) override {
     EXPECT_EQ(identifier, kIOUSBDeviceInterfaceID);
-    if (has_device) device = &device_;
-    return query_result;
+    if (!opening.has_device_table) device_ = nullptr;
+    if (opening.has_device) device = &device_;
+    return opening.query_result;
   }
-  IOReturn USBDeviceOpen() override { return open_result; }
+  IOReturn USBDeviceOpen() override { return opening.open_result; }
   IOReturn GetDeviceVendor(std::uint16_t& vendor) override {
     vendor = 0x0451;
-    return vendor_result;
+    return opening.vendor_result;
   }
   IOReturn GetDeviceProduct(std::uint16_t& product) override {
     product = 0xACE1;
-    return product_result;
+    return opening.product_result;
   }
   IOReturn DeviceRequest(IOUSBDevRequest& request) override {
     const ControlSetup setup = {request.bmRequestType, request.bRequest, request.wValue,

@@ -19,8 +19,8 @@ namespace qm5::test {
 
 /// One device as the registry knows it, with what each step on it answers.
 struct ScriptedService {
-  std::optional<std::uint64_t> id = 7;      // none: the id can't be read
-  std::optional<std::string> name = "QM5";  // none: the name can't be read
+  std::optional<std::uint64_t> id = 7;           // none: the id can't be read
+  std::optional<std::string_view> name = "QM5";  // none: the name can't be read
   IOReturn plug_in_result = kIOReturnSuccess;
   bool has_plug_in = true;
   IOReturn release_result = kIOReturnSuccess;
