@@ -381,28 +381,16 @@ TEST_P(ProgramDeathTest, EndsAtOnceWithStatusZero) {
               testing::Not(testing::HasSubstr("Sanitizer")));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Quit, ProgramDeathTest,
-    testing::Values(Quitting{"idle", {}, 0, {"Exit", "Quit"}},
-                    Quitting{"before the first look", {}, 0, {"Next", "Abort", "Quit"}},
-                    Quitting{"in a transfer",
-                             Fault{.kind = FaultKind::silent, .number = 40},
-                             40,
-                             {"Next", "Abort", "Quit"}},
-                    Quitting{"in short polls",
-                             Fault{.kind = FaultKind::busy_for_ever, .task = "SFWd"},
-                             5,
-                             {"Next", "Abort", "Quit"}},
-                    Quitting{"in long sleeps",
-                             Fault{.kind = FaultKind::busy_for_ever, .task = "SFWs"},
-                             60,
-                             {"Next", "Abort", "Quit"}},
-                    Quitting{"after an error",
-                             Fault{.kind = FaultKind::stall, .number = 1},
-                             0,
-                             {"Next", "OK", "Exit", "Quit"}},
-                    Quitting{"finished", {}, 0, {"Next", "Confirm  Exit"}}),
-    named);
+const std::vector<QString> kAbort = {"Next", "Abort", "Quit"};
+const std::vector<Quitting> kQuittings = {
+    {"idle", {}, 0, {"Exit", "Quit"}},
+    {"before the first look", {}, 0, kAbort},
+    {"in a transfer", Fault{FaultKind::silent, "", 40}, 40, kAbort},
+    {"in short polls", Fault{FaultKind::busy_for_ever, "SFWd"}, 5, kAbort},
+    {"in long sleeps", Fault{FaultKind::busy_for_ever, "SFWs"}, 60, kAbort},
+    {"after an error", Fault{FaultKind::stall, "", 1}, 0, {"Next", "OK", "Exit", "Quit"}},
+    {"finished", {}, 0, {"Next", "Confirm  Exit"}}};
+INSTANTIATE_TEST_SUITE_P(Quit, ProgramDeathTest, testing::ValuesIn(kQuittings), named);
 
 }  // namespace
 }  // namespace qm5::test

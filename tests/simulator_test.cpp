@@ -101,19 +101,6 @@ TEST(Update, WithADamagedImageIsRefusedAndAGoodOneTakenNext) {
   }
 }
 
-TEST(Task, IsBusyForTheChosenPollsAndItsInputStaysInTheRegister) {
-  FaultyQm5 device{Qm5Model(kSlowEnd)};
-  runTask(device, "SFWi", {});
-  for (std::uint8_t number = 0; number < 11; ++number) {
-    send(device, registerWrite(0x1F, Bytes(64, 0xAB)));
-    start(device, "SFWs");
-    EXPECT_EQ(read(device, 0x1E, 5).data, (Bytes{4, 'S', 'F', 'W', 's'}));
-    EXPECT_EQ(read(device, 0x1F, 3).data, (Bytes{0x40, 0xAB, 0xAB}));
-    EXPECT_EQ(read(device, 0x1E, 5).data, (Bytes{4, 0, 0, 0, 0}));
-    EXPECT_EQ(read(device, 0x1F, 3).data, (Bytes{0x40, 0x80, number}));
-  }
-}
-
 // --- what a host does, step by step, and what it gets ---
 
 constexpr int kStall = -1;
@@ -249,18 +236,8 @@ INSTANTIATE_TEST_SUITE_P(
                     Faulty{"SFWd:2=short:1", ControlStatus::ok, {0x40}},
                     Faulty{"SFWd:2=silent", ControlStatus::pending, {}},
                     Faulty{"SFWd:2=busy", ControlStatus::ok, {0x40, 0x21}},  // still the input
-                    Faulty{"SFWd:2=replug", ControlStatus::gone, {}},
-                    Faulty{"request:23=stall", ControlStatus::ok, {0x40, 0x21}},  // the command
-                    Faulty{"request:18=stall", ControlStatus::ok, {0x40, 0x0F}},  // a chunk
-                    Faulty{"request:24=stall-on", ControlStatus::stall, {}}),
+                    Faulty{"SFWd:2=replug", ControlStatus::gone, {}}),
     named);
-
-// The host takes the outcome of this task from the length byte.
-TEST(Fault, OfAnOpeningTaskChangesTheLengthByte) {
-  FaultyQm5 device;
-  fault("SFWi:1=result:9")(device);
-  EXPECT_EQ(runTask(device, "SFWi", {}).at(0), 0x49);
-}
 
 // --- the simulator around the device ---
 
