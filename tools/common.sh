@@ -1,4 +1,4 @@
-# What ./run, ./test and .ci/run share: installing what is missing, building, a virtual
+# What ./run, ./test, ./package and .ci/run share: installing what is missing, building, a virtual
 # screen. Sourced by bash from the project's folder.
 
 say() { printf '== %s\n' "$*"; }
@@ -8,6 +8,20 @@ readonly packages_build="g++ cmake ninja-build pkg-config qt6-base-dev libusb-1.
   libumockdev-dev umockdev libgtest-dev libgmock-dev locales dbus-daemon"
 readonly packages_screen="xvfb openbox xdotool imagemagick fonts-dejavu-core"
 readonly packages_check="clang clang-format clang-tidy libclang-rt-dev"
+readonly packages_package="dpkg-dev file"
+readonly packages_package_check="debootstrap desktop-file-utils appstream lintian man-db udev"
+
+# as_root COMMAND...: runs it as root, or with sudo.
+as_root() {
+  if [ "$(id -u)" -eq 0 ]; then
+    "$@"
+  elif command -v sudo >/dev/null; then
+    sudo "$@"
+  else
+    say "Neither root nor sudo, for: $*"
+    exit 1
+  fi
+}
 
 # install_missing PACKAGE...: installs those that are not installed, as root or with sudo.
 install_missing() {
@@ -17,14 +31,9 @@ install_missing() {
       missing+=("$package")
   done
   [ ${#missing[@]} -eq 0 ] && return
-  local as_root=()
-  if [ "$(id -u)" -ne 0 ]; then
-    command -v sudo >/dev/null || { say "Neither root nor sudo: install ${missing[*]}"; exit 1; }
-    as_root=(sudo)
-  fi
   say "Installing ${missing[*]}"
-  "${as_root[@]}" apt-get update -qq
-  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+  as_root apt-get update -qq
+  as_root env DEBIAN_FRONTEND=noninteractive \
     apt-get install -qq -y --no-install-recommends "${missing[@]}" >/dev/null
 }
 
