@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Updates a software QM5 on a virtual screen, by the keyboard, as a person would.
-# usage: tools/drive_windows.sh BIN_FOLDER IMAGE SCREENS_FOLDER
+# usage: tools/drive_windows.sh BIN_FOLDER IMAGE SCREENS_FOLDER [ROOT USER]
 # Saves a PNG of each window there; exits 0 only when every step went well.
+# With ROOT the programs run in that other system as its USER, and are to be found there with
+# their image; the screen stays out here.
 set -euo pipefail
-readonly bin=$1 image=$2 screens=$3
+readonly bin=$1 image=$2 screens=$3 root=${4-} user=${5-}
 mkdir -p "$screens"
 rm -f "$screens"/*.png
 . "$(dirname "$0")/virtual_screen.sh"
@@ -14,8 +16,14 @@ save() {
     fail "no picture of the window \"$1\""
 }
 
+in_system=()
+if [ -n "$root" ]; then
+  in_system=(chroot --userspec="$user" "$root" env -u XDG_RUNTIME_DIR HOME="/home/$user")
+fi
+
 start_screen
-"$bin/qm5-simulator" --version 4201 --image "$image" -- "$bin/qm5-updater" >"$work/lines" 2>&1 &
+"${in_system[@]}" "$bin/qm5-simulator" --version 4201 --image "$image" -- "$bin/qm5-updater" \
+  >"$work/lines" 2>&1 &
 readonly simulator=$!
 
 on_screen "QM5 Updater"
@@ -23,7 +31,7 @@ save "QM5 Updater" main
 xdotool key Return # Next is the default button
 
 within 30 grep -q "Writing SFWd chunk 0" "$work/lines" || fail "the update did not start"
-readonly blocks=$((($(stat -c %s "$image") - 772 + 63) / 64))
+readonly blocks=$((($(stat -c %s "$root$image") - 772 + 63) / 64))
 within 300 grep -q "Writing SFWd chunk $((blocks / 2))\$" "$work/lines" || fail "no half way"
 # A fast machine would be done before the picture is.
 updater=$(cat "/proc/$simulator/task/$simulator/children")
