@@ -23,7 +23,7 @@ within() {
 start_screen() {
   exec 3> >(cat >"$work/display")
   Xvfb -displayfd 3 -screen 0 1280x900x24 -nolisten tcp >/dev/null 2>&1 &
-  within 10 test -s "$work/display" || fail "the virtual screen did not start"
+  within 60 test -s "$work/display" || fail "the virtual screen did not start"
   DISPLAY=:$(cat "$work/display")
   export DISPLAY QT_QPA_PLATFORM=xcb XDG_RUNTIME_DIR=$work
   # A window manager gives the windows their frames and the keyboard its focus. Its frames
@@ -34,7 +34,7 @@ start_screen() {
 </openbox_config>
 XML
   openbox --config-file "$work/openbox.xml" >/dev/null 2>&1 &
-  within 10 xdotool get_desktop || fail "the window manager did not start"
+  within 60 xdotool get_desktop || fail "the window manager did not start"
 }
 
 window() { xdotool search --onlyvisible --name "^$1$"; }
