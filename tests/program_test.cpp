@@ -73,6 +73,17 @@ Bytes smallPayload() {
   return payload;
 }
 
+// The longest time between two beats.
+struct Pulse {
+  void beat() {
+    const auto now = std::chrono::steady_clock::now();
+    longest = std::max(longest, std::chrono::duration_cast<std::chrono::milliseconds>(now - last));
+    last = now;
+  }
+  std::chrono::steady_clock::time_point last = std::chrono::steady_clock::now();
+  std::chrono::milliseconds longest{0};
+};
+
 class Program : public testing::Test {
  protected:
   Program() {
@@ -96,6 +107,10 @@ class Program : public testing::Test {
     setToolkit(toolkit);
     static std::string name = "qm5-updater";
     static char* arguments[] = {name.data(), nullptr};
+    std::jthread idle([this](const std::stop_token& ended) {
+      for (scheduled = {}; !ended.stop_requested(); std::this_thread::sleep_for(2ms))
+        scheduled.beat();
+    });
     std::thread acts([&] {
       onMain([this] { return startHeartbeat(), 0; });
       person();
@@ -104,18 +119,16 @@ class Program : public testing::Test {
     EXPECT_EQ(toolkit->applicationMain(1, arguments, mainStoryboard()), 0);
     acts.join();
     heartbeat.reset();
-    EXPECT_LE(kMeasurable ? longest_silence : 0ms, 100ms) << "without the event loop";
+    idle = {};  // stops and joins
+    // A machine that is busy with other things lets any thread wait.
+    EXPECT_LE(kMeasurable ? served.longest - scheduled.longest : 0ms, 100ms)
+        << "without the event loop";
   }
   // Beats as long as the main thread serves its events, in modal runs too.
   void startHeartbeat() {
     heartbeat.emplace();
-    QObject::connect(
-        &*heartbeat, &QTimer::timeout, [this, last = std::chrono::steady_clock::now()]() mutable {
-          const auto now = std::chrono::steady_clock::now();
-          longest_silence = std::max(
-              longest_silence, std::chrono::duration_cast<std::chrono::milliseconds>(now - last));
-          last = now;
-        });
+    served = {};
+    QObject::connect(&*heartbeat, &QTimer::timeout, [this] { served.beat(); });
     heartbeat->start(2ms);
   }
 
@@ -167,7 +180,8 @@ class Program : public testing::Test {
   PackagedToolkit* toolkit = new PackagedToolkit(buildImage(smallPayload()));
   FaultyQm5 qm5;
   std::optional<QTimer> heartbeat;
-  std::chrono::milliseconds longest_silence{0};
+  Pulse served;     // of the event loop
+  Pulse scheduled;  // of a thread that has nothing to do
 };
 
 TEST_F(Program, SendsExactlyTheRequestsOfAnUpdateAndNothingElse) {
@@ -308,7 +322,7 @@ TEST_F(Program, SurvivesAnUnplugAtAnyMomentAndTheNextRunSucceeds) {
   report(std::to_string(rounds) +
          " unplugs in the middle of a run: each its alert, the next run right; "
          "longest time without the event loop " +
-         std::to_string(longest_silence.count()) + " ms");
+         std::to_string(served.longest.count()) + " ms");
 }
 
 // The question whether to quit leaves the update alone, answered or not.
