@@ -74,3 +74,11 @@ question HUP # a script's background ignores SIGINT
 kill -TERM "$updater"
 wait "$simulator" || true
 grep -q "the program ended with 0" "$work/lines" || fail "two signals did not end the program"
+
+# The screen goes last. There is nobody to tell, and no thread may trip over the end.
+start "$work/lines" --version 4201 --latency-ms 20
+xdotool key Return
+within 30 wrote_more_than 5 || fail "the third update did not start"
+kill "$screen"
+wait "$simulator" || true
+grep -q "the program ended with 1" "$work/lines" || fail "no end with the screen's"

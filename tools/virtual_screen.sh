@@ -23,6 +23,7 @@ within() {
 start_screen() {
   exec 3> >(cat >"$work/display")
   Xvfb -displayfd 3 -screen 0 1280x900x24 -nolisten tcp >/dev/null 2>&1 &
+  screen=$!
   within 60 test -s "$work/display" || fail "the virtual screen did not start"
   DISPLAY=:$(cat "$work/display")
   export DISPLAY QT_QPA_PLATFORM=xcb XDG_RUNTIME_DIR=$work

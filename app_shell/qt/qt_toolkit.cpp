@@ -47,6 +47,8 @@ int QtToolkit::applicationMain(int argc, char** argv, const MainStoryboard& stor
   QApplication::setApplicationName("QM5 Updater");
   QApplication::setDesktopFileName("qm5-updater");
   QApplication application(argc, argv);
+  // Qt leaves by exit() when its display has gone, and jobs may be at work then too.
+  std::atexit([] { std::_Exit(EXIT_FAILURE); });
   keepTextsOutOfTheLocale();
   QApplication::setWindowIcon(applicationIcon());
   QApplication::setQuitOnLastWindowClosed(false);
