@@ -1,11 +1,8 @@
 // The Qt adapter on Qt's offscreen platform: modal runs and the main queue, alerts, what a
-// person's keys and closing requests do, and the geometry of the windows.
+// person's keys and closing requests do, and where the windows are.
 #include <gtest/gtest.h>
 
-#include <QAbstractButton>
 #include <QApplication>
-#include <QLabel>
-#include <QProgressBar>
 #include <QScreen>
 #include <QSessionManager>
 #include <QTest>
@@ -168,80 +165,7 @@ TEST_F(QtWindows, OnlyTheProgramClosesProgressAndFinishAndTheirAlertsGoUnanswere
   }
 }
 
-// --- what a layout gives, and how it shows it ---
-
-TEST_F(QtWindows, TheProgressWindowShowsWhatItIsToldAndBlocksTheOthers) {
-  const auto window = progressWindow();
-  QWidget* shown = show(*window);
-  EXPECT_EQ(shown->windowModality(), Qt::ApplicationModal);
-  const auto* advice = shown->findChild<QLabel*>("txtTitle1");
-  EXPECT_TRUE(advice->text().contains("Do not unplug the QM5")) << advice->text().toStdString();
-  const QSize size = shown->size();
-  window->textField("txtTitle2")
-      ->setStringValue("Updating firmware version from DDDD -> 4208, (100.0 %)");
-  window->progressIndicator("progressBar")->setDoubleValue(37.5);
-  QTest::qWait(1);
-  EXPECT_EQ(shown->size(), size) << "the window jumps with its text";
-  const auto* bar = shown->findChild<QProgressBar*>("progressBar");
-  EXPECT_DOUBLE_EQ(bar->value() * 100.0 / bar->maximum(), 37.5);
-}
-
 // --- geometry ---
-
-void expectNoTextCut(const QWidget& window) {
-  for (const auto* label : window.findChildren<QLabel*>()) {
-    const int wrapped_height = label->heightForWidth(label->width());
-    const QSize needed = label->wordWrap() ? QSize(0, wrapped_height) : label->minimumSizeHint();
-    EXPECT_EQ(label->size(), label->size().expandedTo(needed)) << label->text().toStdString();
-  }
-  for (const auto* button : window.findChildren<QAbstractButton*>()) {
-    EXPECT_EQ(button->size(), button->size().expandedTo(button->sizeHint()));
-  }
-}
-
-// Fonts of the usual size times the parameter.
-class Fonts : public QtWindows, public testing::WithParamInterface<int> {
- protected:
-  Fonts() {
-    QFont font = QApplication::font();
-    font.setPointSizeF(font.pointSizeF() * GetParam());
-    QApplication::setFont(font);
-  }
-};
-INSTANTIATE_TEST_SUITE_P(Times, Fonts, testing::Values(1, 2), testing::PrintToStringParamName());
-
-TEST_P(Fonts, NoTextIsCut) {
-  for (const auto& window : {mainWindow(), progressWindow(), finishDialog()}) {
-    expectNoTextCut(*show(*window));
-    ask(*window, kQuestion);
-    expectNoTextCut(*QApplication::activeModalWidget());
-    window->close();
-  }
-}
-
-TEST_P(Fonts, TheFinishDialogGrowsInStepAboutItsCentre) {
-  const auto window = finishDialog();
-  EXPECT_EQ(window->contentViewSize()->width, 320);
-  EXPECT_NEAR(window->frame().origin.y + window->frame().size.height / 2, 200 + 140, 1);
-
-  QWidget* shown = show(*window);
-  const double scale = shown->width() / 320.0;
-  EXPECT_TRUE(GetParam() > 1 ? scale > 1.5 : scale == 1) << scale;
-  EXPECT_NEAR(shown->height(), 280 * scale, 1);
-  const auto labels = shown->findChildren<QLabel*>();
-  const auto* confirm = shown->findChild<QAbstractButton*>();
-  EXPECT_EQ(confirm->text(), "Confirm && Exit");
-  // Upper edges: the height of 280 less the frame's y and its height.
-  for (const auto& [placed, top] :
-       {std::pair<const QWidget*, int>{labels.at(0), 140}, {labels.at(1), 175}, {confirm, 230}}) {
-    EXPECT_LE((placed->pos() - QPointF(10, top) * scale).manhattanLength(), 2) << top;
-  }
-  const QRectF picture(107 * scale, 20 * scale, 106 * scale, 100 * scale);
-  const QImage drawn = shown->grab(picture.toRect()).toImage();
-  QImage blank = drawn;
-  blank.fill(drawn.pixelColor(0, 0));
-  EXPECT_NE(drawn, blank) << "no picture";
-}
 
 TEST_F(QtWindows, FramesCountFromTheLowerLeftOfTheScreen) {
   const auto window = progressWindow();

@@ -4,8 +4,9 @@
 say() { printf '== %s\n' "$*"; }
 
 # The packages by what they are needed for.
-readonly packages_build="g++ cmake ninja-build pkg-config qt6-base-dev libusb-1.0-0-dev libssl-dev
-  libumockdev-dev umockdev libgtest-dev libgmock-dev locales dbus-daemon"
+readonly packages_build="g++ cmake ninja-build pkg-config qt6-base-dev qt6-base-private-dev
+  libusb-1.0-0-dev libssl-dev libumockdev-dev umockdev libgtest-dev libgmock-dev locales
+  dbus-daemon"
 readonly packages_screen="xvfb openbox xdotool imagemagick fonts-dejavu-core"
 readonly packages_check="clang clang-format clang-tidy libclang-rt-dev"
 readonly packages_package="dpkg-dev file"

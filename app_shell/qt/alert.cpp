@@ -24,6 +24,12 @@ void keepLinesWhole(QMessageBox& box) {
   if (label) label->setMinimumWidth(label->fontMetrics().size(0, label->text()).width());
 }
 
+// To assistive technology, a picture without a text is nothing.
+void nameIcon(QMessageBox& box) {
+  auto* icon = box.findChild<QLabel*>("qt_msgboxex_icon_label");
+  if (icon) icon->setAccessibleName("Warning");
+}
+
 }  // namespace
 
 void openAlert(QWidget& window, const Alert& alert, AlertCompletion completion) {
@@ -34,6 +40,7 @@ void openAlert(QWidget& window, const Alert& alert, AlertCompletion completion) 
   box->setText("<b>" + QString::fromStdString(alert.messageText).toHtmlEscaped() + "</b>");
   box->setInformativeText(QString::fromStdString(alert.informativeText));
   keepLinesWhole(*box);
+  nameIcon(*box);
 
   std::vector<QAbstractButton*> buttons;
   for (const std::string& title : alert.buttons) buttons.push_back(addButton(*box, title));

@@ -1,5 +1,7 @@
 #include "app_shell/qt/image_widget.h"
 
+#include <QAccessible>
+#include <QAccessibleWidget>
 #include <QPainter>
 #include <array>
 
@@ -12,9 +14,18 @@ namespace {
 // The sizes that an image is shipped in, the smallest first.
 constexpr std::array kVariants = {"", "@2x", "@3x"};
 
+// Left to Qt, it would be a widget of no kind to assistive technology.
+QAccessibleInterface* pictureFor(const QString&, QObject* object) {
+  auto* image = dynamic_cast<ImageWidget*>(object);
+  return image == nullptr ? nullptr : new QAccessibleWidget(image, QAccessible::Graphic);
+}
+
 }  // namespace
 
-ImageWidget::ImageWidget(QWidget* parent) : QWidget(parent) {}
+ImageWidget::ImageWidget(QWidget* parent) : QWidget(parent) {
+  QAccessible::installFactory(pictureFor);
+  setAccessibleName("QM5");  // which all images show
+}
 
 ImageWidget::~ImageWidget() = default;
 

@@ -9,16 +9,21 @@ namespace qm5 {
 
 namespace {
 
-QStyle::StandardPixmap signFor(Status status) {
+struct Sign {
+  QStyle::StandardPixmap picture;
+  const char* name;
+};
+
+Sign signFor(Status status) {
   switch (status) {
     case Status::good:
-      return QStyle::SP_DialogApplyButton;
+      return {QStyle::SP_DialogApplyButton, "Good"};
     case Status::caution:
-      return QStyle::SP_MessageBoxWarning;
+      return {QStyle::SP_MessageBoxWarning, "Caution"};
     case Status::information:
       break;
   }
-  return QStyle::SP_MessageBoxInformation;
+  return {QStyle::SP_MessageBoxInformation, "Information"};
 }
 
 }  // namespace
@@ -29,6 +34,7 @@ StatusBox::StatusBox(QWidget* parent)
   auto* layout = new QHBoxLayout(this);
   layout->setSpacing(12);
   layout->addWidget(sign_);
+  sign_->setAlignment(Qt::AlignCenter);
   layout->addWidget(text_, 1);
   text_->setObjectName("txtStatus");
   text_->setTextFormat(Qt::PlainText);
@@ -49,12 +55,15 @@ void StatusBox::changeEvent(QEvent* event) {
   if (event->type() == QEvent::StyleChange || event->type() == QEvent::FontChange) drawSign();
 }
 
-// Two lines of text high, so that it grows with the font.
+// Two lines of text high, so that it grows with the font. Its room is the same for all signs,
+// those that the desktop has smaller too: the text does not move, and the window does not grow.
 void StatusBox::drawSign() {
-  const int size = 2 * fontMetrics().height();
-  sign_->setPixmap(style()
-                       ->standardIcon(signFor(status_), nullptr, this)
-                       .pixmap(QSize(size, size), devicePixelRatioF()));
+  const int line = fontMetrics().height();
+  const QSize size(2 * line, 2 * line);
+  const auto [picture, name] = signFor(status_);
+  sign_->setFixedSize(size);
+  sign_->setPixmap(style()->standardIcon(picture, nullptr, this).pixmap(size, devicePixelRatioF()));
+  sign_->setAccessibleName(name);
 }
 
 }  // namespace qm5

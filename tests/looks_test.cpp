@@ -1,0 +1,304 @@
+// All windows and alerts in all their states, filled by the program itself: what they look
+// like in the colours, fonts and scales of desktops, and what a screen reader makes of them.
+#include <gtest/gtest.h>
+#include <private/qguiapplication_p.h>
+#include <qpa/qplatformaccessibility.h>
+#include <qpa/qplatformintegration.h>
+
+#include <QAbstractButton>
+#include <QAccessible>
+#include <QApplication>
+#include <QLabel>
+#include <QTest>
+#include <cmath>
+#include <set>
+
+#include "app_shell/main_storyboard.h"
+#include "app_shell/progress_window.h"
+#include "app_shell/qt/image_widget.h"
+#include "app_shell/qt/layouts.h"
+#include "app_shell/qt/qt_toolkit.h"
+#include "app_shell/qt/qt_window.h"
+#include "app_shell/view_controller.h"
+#include "support/linked_device.h"
+
+namespace qm5::test {
+namespace {
+
+using Desktop = std::tuple<int, bool, int>;  // scale, whether it is dark, times the usual font
+constexpr QSize kScreen(1280, 800);          // the smallest one
+
+const std::string kCheck = "There is no QM5 connected!\nCheck your QM5 connection then try again.";
+const std::vector<std::pair<std::string, std::string>> kAlerts = {
+    {"No QM5 device !", kCheck},
+    {"Get customer version error !", kCheck},
+    {"QM5 no need to update !", "Current QM5 version: 4208\nNo need to update."},
+    {"QM5 firmware update data error!",
+     "Attached binary file data error.\nPlease download this program and try again."},
+    {"Flash firmware error", "Flash ti dmc firmware error, please try again."}};
+
+// The production toolkit, but for modal runs: what runs modally is looked at instead.
+struct LookedAt final : QtToolkit {
+  std::shared_ptr<Window> mainWindow() override { return main; }
+  void runModalForWindow(const std::shared_ptr<Window>&) override { look("finish"); }
+  std::shared_ptr<Window> main;
+  std::function<void(const std::string& state)> look;
+};
+
+class Windows : public LinkedDevice {
+ protected:
+  // One process a test: the application is made for this desktop and never taken apart.
+  static void startOn(const Desktop& desktop) {
+    const auto [scale, is_dark, font_times] = desktop;
+    qputenv("QT_SCALE_FACTOR", QByteArray::number(scale));
+    static int count = 1;
+    static std::string name = "looks_test";
+    static char* arguments[] = {name.data(), nullptr};
+    [[maybe_unused]] static const auto* const kept = new QApplication(count, arguments);
+    if (is_dark) QApplication::setPalette({QColor(53, 53, 53), QColor(53, 53, 53)});
+    QFont font = QApplication::font();
+    font.setPointSizeF(font.pointSizeF() * font_times);
+    QApplication::setFont(font);
+  }
+
+  void lookAtAll(const std::function<void(const std::string& state, QWidget& top)>& look) {
+    toolkit_.look = [&look](const std::string& state) {
+      QTest::qWait(1);
+      SCOPED_TRACE(state);
+      QWidget* modal = QApplication::activeModalWidget();
+      look(state, modal ? *modal : *QApplication::activeWindow());
+    };
+    setToolkit(&toolkit_);
+    MainQueue queue;
+    toolkit_.main = std::make_shared<QtWindow>(queue, makeMainLayout(), nullptr);
+    const auto kept = mainStoryboard().makeMainController(toolkit_.main);
+    auto& controller = *std::static_pointer_cast<ViewController>(kept);
+    toolkit_.main->show();
+    lookAtBusStates();
+    for (const auto& [title, message] : kAlerts) {
+      for (const char* button : {"btnExit", "btnNext"}) {
+        toolkit_.main->button(button)->setEnabled(false);  // as Next does
+      }
+      controller.dialogErrorStop(title, message);
+      toolkit_.look(title);
+      QTest::keyClick(QApplication::activeModalWidget(), Qt::Key_Return);
+    }
+    toolkit_.main->makeKeyAndOrderFront();  // as a window manager would
+    toolkit_.look("main, after alerts");
+    controller.showExitConfirmation();
+    toolkit_.look("exit");
+    QTest::keyClick(QApplication::activeModalWidget(), Qt::Key_Escape);
+    lookAtProgress();
+    controller.showCustomDialog();
+  }
+
+ private:
+  void lookAtBusStates() {
+    toolkit_.look("main, absent");
+    for (const std::string state : {"not permitted", "unusable", "connected"}) {
+      const IOReturn result = state == "not permitted" ? kIOReturnNotPermitted : kIOReturnSuccess;
+      if (state == "connected") attach();
+      NotificationCenter::defaultCenter().post(
+          {USBDeviceExamined, Dictionary{{"id", std::uint64_t{7}}, {"result", result}}});
+      toolkit_.look("main, " + state);
+    }
+  }
+
+  void lookAtProgress() {
+    ProgressWindowController progress(toolkit_.instantiateWindow("Main", "ProgressWindow"));
+    auto& content = dynamic_cast<ProgressViewController&>(*progress.contentViewController);
+    content.updateBegan();
+    progress.showWindow();
+    toolkit_.look("progress, looking");
+    content.progressed(0);
+    const std::string longest = "Updating firmware version from DDDD -> 4208, (100.0 %)";
+    content.txtTitle2.lock()->setStringValue(longest);
+    content.progressBar.lock()->setDoubleValue(37.5);
+    for (const auto& [state, seconds, percent] :
+         {std::tuple("writing", 30.0, 50.0), {"waiting", 6000.0, 0.0}, {"checking", 0.0, 99.0}}) {
+      clock.sleep(seconds);
+      if (percent > 0) content.progressed(percent);
+      content.showPace();
+      toolkit_.look(std::string("progress, ") + state);
+    }
+    progress.close();
+  }
+
+  LookedAt toolkit_;
+};
+
+// --- to the eye ---
+
+// Of the brightest pixel to the darkest one.
+double contrast(const QImage& drawn) {
+  std::set<QRgb> colors;
+  for (int i = 0; i < drawn.width() * drawn.height(); ++i)
+    colors.insert(drawn.pixel(i % drawn.width(), i / drawn.width()));
+  std::set<double> luminances;
+  for (const QColor color : colors) {
+    const auto part = [](double value) { return std::pow(value, 2.2); };
+    luminances.insert(0.2126 * part(color.redF()) + 0.7152 * part(color.greenF()) +
+                      0.0722 * part(color.blueF()));
+  }
+  return (*luminances.rbegin() + 0.05) / (*luminances.begin() + 0.05);
+}
+
+void expectReadable(QWidget& widget) {
+  const auto* label = qobject_cast<QLabel*>(&widget);
+  if (label ? label->text().isEmpty() : widget.layout() || !widget.children().isEmpty()) return;
+  // A text is in the lines that it was written in.
+  const bool wraps = label && label->wordWrap();
+  const int height = wraps ? label->heightForWidth(kScreen.width()) : -1;
+  EXPECT_EQ(wraps ? label->heightForWidth(label->width()) : height, height);
+  const QSize needed = wraps ? QSize(0, height) : widget.sizeHint();
+  EXPECT_EQ(widget.size(), widget.size().expandedTo(needed));
+  const int frame = label ? 0 : 6;  // it is no part of a button's text
+  const QRect text = widget.rect().adjusted(frame, frame, -frame, -frame);
+  const QRect drawn(widget.mapTo(widget.window(), text.topLeft()), text.size());
+  if (!widget.isEnabled() || widget.inherits("QProgressBar")) return;
+  EXPECT_GE(contrast(widget.window()->grab(drawn).toImage()), 4.5);
+}
+
+// Of a label what its text takes up.
+QRect occupied(const QWidget& widget) {
+  const int height = widget.heightForWidth(widget.width());
+  return height < 0 ? widget.geometry() : QRect(widget.pos(), QSize(widget.width(), height));
+}
+
+void expectTidy(QWidget& parent) {
+  auto children = parent.findChildren<QWidget*>(QString(), Qt::FindDirectChildrenOnly);
+  children.removeIf([](QWidget* child) { return !child->isVisible() || child->isWindow(); });
+  for (auto* child : children) {
+    SCOPED_TRACE(child->metaObject()->className() + (" " + child->objectName()).toStdString());
+    EXPECT_TRUE(parent.rect().contains(child->geometry()));
+    for (auto* other : children) {
+      EXPECT_TRUE(other == child || !occupied(*other).intersects(occupied(*child)));
+    }
+    expectReadable(*child);
+    expectTidy(*child);
+  }
+}
+
+// The subviews of its 320 by 280 points are where they belong, as much larger as it is.
+void expectInStep(const QWidget& finish, const QWidget& main) {
+  const double scale = finish.width() / 320.0;
+  EXPECT_EQ(scale > 1, finish.fontInfo().pixelSize() > 20);
+  EXPECT_NEAR(finish.height(), 280 * scale, 1);
+  EXPECT_LE((finish.geometry().center() - main.geometry().center()).manhattanLength(), 4);
+  std::vector<QPointF> places = {{107, 20}, {10, 140}, {10, 175}, {10, 230}};
+  for (const QObject* child : finish.findChild<QWidget*>()->children()) {
+    const QPointF place = qobject_cast<const QWidget*>(child)->pos();
+    EXPECT_LE((place - places.front() * scale).manhattanLength(), 2) << places.front().y();
+    places.erase(places.begin());
+  }
+}
+
+class Looks : public Windows, public testing::WithParamInterface<Desktop> {};
+
+TEST_P(Looks, AreWholeTidyAndReadable) {
+  startOn(GetParam());
+  std::map<std::string, QSize> sizes;
+  const QWidget* main = nullptr;
+  lookAtAll([&](const std::string& state, QWidget& top) {
+    if (!main) main = &top;
+    expectTidy(top);
+    if (state == "finish") expectInStep(top, *main);
+    EXPECT_EQ(top.isModal(), !state.starts_with("main")) << "it blocks the others";
+    EXPECT_EQ(top.size(), top.size().boundedTo(kScreen - QSize(0, 60))) << "frame and panel";
+    const auto window = state.substr(0, state.find(','));
+    EXPECT_EQ(sizes.try_emplace(window, top.size()).first->second, top.size()) << "it jumps";
+  });
+}
+
+std::string nameOfDesktop(const testing::TestParamInfo<Desktop>& desktop) {
+  const auto [scale, is_dark, font_times] = desktop.param;
+  return std::to_string(scale).append(is_dark ? "x_dark" : "x_light") +
+         (font_times > 1 ? "_large_font" : "");
+}
+INSTANTIATE_TEST_SUITE_P(On, Looks,
+                         testing::Combine(testing::Values(1, 2, 3), testing::Bool(),
+                                          testing::Values(1, 2)),
+                         nameOfDesktop);
+
+// --- to a screen reader ---
+
+std::string nameOf(QObject* object) {
+  return QAccessible::queryAccessibleInterface(object)->text(QAccessible::Name).toStdString();
+}
+
+// The names of all but plain text, and what Tab leads to from where the focus is at first.
+std::string readAloud(QWidget& top) {
+  const std::map<QAccessible::Role, std::string> kinds = {
+      {QAccessible::Dialog, "window "},    {QAccessible::AlertMessage, "alert "},
+      {QAccessible::StaticText, "title "}, {QAccessible::Graphic, "picture "},
+      {QAccessible::Button, "button "},    {QAccessible::ProgressBar, "bar "}};
+  std::string told;
+  const std::function<void(QAccessibleInterface&)> read = [&](QAccessibleInterface& node) {
+    const auto* label = qobject_cast<QLabel*>(node.object());
+    const bool is_picture = label && !label->pixmap().isNull();
+    if (node.state().invisible || (label && !is_picture && label->text().isEmpty())) return;
+    const auto kind = kinds.find(node.role());
+    const std::string name = nameOf(node.object());
+    EXPECT_EQ(name.empty(), kind == kinds.end() && node.childCount() > 0) << node.role();
+    EXPECT_EQ(name.find_first_of("<_"), name.npos) << name << ": not as a person would say it";
+    if (kind != kinds.end() && (!label || is_picture || Qt::mightBeRichText(label->text())))
+      told += kind->second + name + ", ";
+    if (auto* value = node.valueInterface())
+      told += "at " + value->currentValue().toString().toStdString() + ", ";
+    for (int i = 0; i < node.childCount(); ++i) read(*node.child(i));
+  };
+  read(*QAccessible::queryAccessibleInterface(&top));
+  const QWidget* first = top.focusWidget();
+  do {
+    told += "Tab " + nameOf(top.focusWidget()) + " ";
+    QTest::keyClick(&top, Qt::Key_Tab);
+  } while (top.focusWidget() != first && told.size() < 1000);
+  return told;
+}
+
+const std::string kMain =
+    "window QM5 Updater, picture QM5, title Update the firmware of your QM5, title Until it is "
+    "done, do not unplug the QM5 and\ndo not let the computer sleep., picture Good, button Next, "
+    "button Exit, Tab Next Tab Exit ";
+std::map<std::string, std::string> expected_aloud = {
+    {"main, connected", kMain},
+    {"main, after alerts", kMain},
+    {"Flash firmware error",
+     "alert QM5 Updater, picture Warning, title Flash firmware error, button OK, Tab OK "},
+    {"exit",
+     "alert QM5 Updater, picture Warning, title Exit confirmation, button Quit, button Don't quit, "
+     "Tab Quit Tab Don't quit "},
+    {"progress, writing",
+     "window Updating the QM5, title Do not unplug the QM5, bar Progress of the update, at 375, "
+     "button Abort, Tab Abort "},
+    {"finish",
+     "window Firmware update successful!, picture QM5, button Confirm & Exit, Tab Confirm & "
+     "Exit "}};
+
+std::map<std::string, int> announcements;  // by the name of the widget
+
+TEST_F(Windows, AreNamedReachedByTabAndTellWhatChanges) {
+  startOn({1, false, 1});
+  // As when a screen reader runs, which only a platform can tell.
+  QGuiApplicationPrivate::platformIntegration()->accessibility()->setActive(true);
+  QAccessible::installUpdateHandler([](QAccessibleEvent* event) {
+    const std::set<int> telling = {QAccessible::Alert, QAccessible::NameChanged,
+                                   QAccessible::ValueChanged};
+    const auto* widget = qobject_cast<QWidget*>(event->object());
+    if (widget && widget->isVisible() && telling.contains(event->type()))
+      ++announcements[widget->objectName().toStdString()];
+  });
+  lookAtAll([](const std::string& state, QWidget& top) {
+    const std::string told = readAloud(top);
+    const auto expected = expected_aloud.extract(state);
+    EXPECT_EQ(told, expected ? expected.mapped() : told);
+  });
+  EXPECT_TRUE(expected_aloud.empty());
+  EXPECT_EQ(announcements["txtStatus"], 2 * 3) << "the new name, and an alert that it has changed";
+  EXPECT_EQ(announcements["progressBar"], 1);
+  EXPECT_EQ(announcements["txtTitle2"], 1);
+  EXPECT_EQ(announcements["txtPhase"], 3);
+}
+
+}  // namespace
+}  // namespace qm5::test
