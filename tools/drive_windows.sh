@@ -10,12 +10,6 @@ mkdir -p "$screens"
 rm -f "$screens"/*.png
 . "$(dirname "$0")/virtual_screen.sh"
 
-save() {
-  sleep 0.3 # a frame or two, so that it is painted
-  import -frame -window "$(window "$1" | tail -n 1)" "$screens/$2.png" ||
-    fail "no picture of the window \"$1\""
-}
-
 in_system=()
 if [ -n "$root" ]; then
   in_system=(chroot --userspec="$user" "$root" env -u XDG_RUNTIME_DIR HOME="/home/$user")
@@ -27,22 +21,19 @@ start_screen
 readonly simulator=$!
 
 on_screen "QM5 Updater"
-save "QM5 Updater" main
+save "QM5 Updater" "$screens/main.png"
 xdotool key Return # Next is the default button
 
 within 30 grep -q "Writing SFWd chunk 0" "$work/lines" || fail "the update did not start"
 readonly blocks=$((($(stat -c %s "$root$image") - 772 + 63) / 64))
 within 300 grep -q "Writing SFWd chunk $((blocks / 2))\$" "$work/lines" || fail "no half way"
 # A fast machine would be done before the picture is.
-updater=$(cat "/proc/$simulator/task/$simulator/children")
-kill -STOP $updater
-save "Updating the QM5" progress
-kill -CONT $updater
+hold $simulator save "Updating the QM5" "$screens/progress.png"
 
 ended() { window "Firmware update successful!" || ! window "Updating the QM5"; }
 within 300 ended || fail "the update did not end"
 on_screen "Firmware update successful!"
-save "Firmware update successful!" finish
+save "Firmware update successful!" "$screens/finish.png"
 xdotool key Return # "Confirm & Exit"
 
 status=0

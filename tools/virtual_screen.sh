@@ -20,9 +20,10 @@ within() {
   done
 }
 
+# start_screen [WIDTHxHEIGHT]
 start_screen() {
   exec 3> >(cat >"$work/display")
-  Xvfb -displayfd 3 -screen 0 1280x900x24 -nolisten tcp >/dev/null 2>&1 &
+  Xvfb -displayfd 3 -screen 0 "${1-1280x900}x24" -nolisten tcp >/dev/null 2>&1 &
   screen=$!
   within 60 test -s "$work/display" || fail "the virtual screen did not start"
   DISPLAY=:$(cat "$work/display")
@@ -44,4 +45,19 @@ window() { xdotool search --onlyvisible --name "^$1$"; }
 on_screen() {
   within 30 window "$1" || fail "no window \"$1\" came"
   xdotool windowfocus --sync "$(window "$1" | tail -n 1)"
+}
+
+# save TITLE FILE: a picture of that window with its frame.
+save() {
+  sleep 0.3 # a frame or two, so that it is painted
+  import -frame -window "$(window "$1" | tail -n 1)" "$2" || fail "no picture of the window \"$1\""
+}
+
+# hold SIMULATOR COMMAND...: runs the command while the updater stands still.
+hold() {
+  local updater
+  updater=$(cat "/proc/$1/task/$1/children")
+  kill -STOP $updater
+  "${@:2}"
+  kill -CONT $updater
 }
