@@ -3,9 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <QApplication>
+#include <QElapsedTimer>
+#include <QLabel>
+#include <QProgressBar>
 #include <QScreen>
 #include <QSessionManager>
 #include <QTest>
+#include <QTimer>
 #include <clocale>
 #include <thread>
 
@@ -163,6 +167,54 @@ TEST_F(QtWindows, OnlyTheProgramClosesProgressAndFinishAndTheirAlertsGoUnanswere
     EXPECT_FALSE(shown->isVisible());
     EXPECT_EQ(std::exchange(heard_, {}), (Trace{std::to_string(kModalResponseAbort), "gone"}));
   }
+}
+
+// --- progress ---
+
+// Counts how often widgets are painted.
+class PaintCount : public QObject {
+ public:
+  int paints = 0;
+
+ protected:
+  bool eventFilter(QObject*, QEvent* event) override {
+    paints += event->type() == QEvent::Paint ? 1 : 0;
+    return false;
+  }
+};
+
+TEST_F(QtWindows, ProgressIsDrawnOnceAFrameToItsLastValueAndHoldsNothingUp) {
+  constexpr int kSteps = 100'000;
+  const auto window = progressWindow();
+  const QWidget* shown = show(*window);
+  auto* title = shown->findChild<QLabel*>("txtTitle2");
+  auto* bar = shown->findChild<QProgressBar*>("progressBar");
+  PaintCount title_paints;
+  PaintCount bar_paints;
+  title->installEventFilter(&title_paints);
+  bar->installEventFilter(&bar_paints);
+  int done = 0;
+  int done_before_timer = kSteps;
+  QElapsedTimer time;
+  time.start();
+  for (int i = 1; i <= kSteps; ++i) {
+    toolkit_.mainQueueAsync([&, i] {
+      window->textField("txtTitle2")->setStringValue(std::to_string(i));
+      window->progressIndicator("progressBar")->setDoubleValue(i * 100.0 / kSteps);
+      done = i;
+    });
+  }
+  QTimer::singleShot(1, [&] { done_before_timer = done; });
+  EXPECT_TRUE(QTest::qWaitFor([&] { return title->text() == QString::number(kSteps); }));
+  QTest::qWait(2 * 16);
+  const auto frames = static_cast<int>(time.elapsed() / 16 + 1);
+  EXPECT_LT(done_before_timer, kSteps) << "the steps ran before all else";
+  for (const int paints : {title_paints.paints, bar_paints.paints}) {
+    EXPECT_GE(paints, 2);
+    EXPECT_LE(paints, frames);
+  }
+  EXPECT_EQ(title->text(), QString::number(kSteps));
+  EXPECT_EQ(bar->value(), bar->maximum());
 }
 
 // --- geometry ---

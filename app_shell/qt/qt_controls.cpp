@@ -29,24 +29,28 @@ void QtButton::setEnabled(bool enabled) {
   widget_.setEnabled(enabled);
 }
 
-QtTextField::QtTextField(QLabel& widget) : widget_(widget) {}
+QtTextField::QtTextField(QLabel& widget)
+    : text_(widget.text()), frames_(widget, [this, &widget] { widget.setText(text_); }) {}
 
 void QtTextField::setStringValue(std::string_view text) {
-  widget_.setText(qtText(text));
+  text_ = qtText(text);
+  frames_.changed();
 }
 
 void QtStatusLine::setStatus(Status status, std::string_view text) {
   widget_.setStatus(status, qtText(text));
 }
 
-QtProgressIndicator::QtProgressIndicator(QProgressBar& widget) : widget_(widget) {
+QtProgressIndicator::QtProgressIndicator(QProgressBar& widget)
+    : frames_(widget, [this, &widget] { widget.setValue(steps_); }) {
   widget.setRange(0, 100 * kStepsAPercent);
   widget.setValue(0);
 }
 
 void QtProgressIndicator::setDoubleValue(double value) {
   const double percent = std::clamp(value, 0.0, 100.0);
-  widget_.setValue(static_cast<int>(std::lround(percent * kStepsAPercent)));
+  steps_ = static_cast<int>(std::lround(percent * kStepsAPercent));
+  frames_.changed();
 }
 
 }  // namespace qm5

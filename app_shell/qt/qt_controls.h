@@ -1,10 +1,12 @@
-// The controls of a window, as the port has them. Each lasts as long as its window.
+// The controls of a window, as the port has them. Each lasts as long as its window. What
+// changes all the time in an update, the texts and the bar, is shown once a frame.
 #pragma once
 
 #include <QLabel>
 #include <QProgressBar>
 #include <QPushButton>
 
+#include "app_shell/qt/frame_pacer.h"
 #include "app_shell/qt/status_box.h"
 #include "app_shell/toolkit.h"
 
@@ -27,7 +29,8 @@ class QtTextField : public TextField {
   void setStringValue(std::string_view text) override;
 
  private:
-  QLabel& widget_;
+  QString text_;
+  FramePacer frames_;
 };
 
 class QtStatusLine : public StatusLine {
@@ -46,7 +49,8 @@ class QtProgressIndicator : public ProgressIndicator {
   void setDoubleValue(double value) override;
 
  private:
-  QProgressBar& widget_;
+  int steps_ = 0;
+  FramePacer frames_;
 };
 
 }  // namespace qm5
