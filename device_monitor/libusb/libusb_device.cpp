@@ -40,8 +40,11 @@ bool readProduct(libusb_device*, std::string&) {
 
 }  // namespace
 
-LibusbDevice::LibusbDevice(libusb_device* device, std::uint64_t id)
-    : id_(id), key_(device), reference_(libusb_ref_device(device), libusb_unref_device) {
+LibusbDevice::LibusbDevice(libusb_device* device, std::uint64_t id, EventTurns& turns)
+    : id_(id),
+      key_(device),
+      turns_(turns),
+      reference_(libusb_ref_device(device), libusb_unref_device) {
   // The descriptor is cached by libusb; since 1.0.16 this can't fail.
   libusb_get_device_descriptor(device, &descriptor_);
 }
@@ -107,6 +110,7 @@ IOReturn LibusbDevice::DeviceRequest(IOUSBDevRequest& request) {
     handle = handle_;
   }
   if (!handle) return LIBUSB_ERROR_NO_DEVICE;
+  const EventTurns::Request turn(turns_);
   constexpr unsigned kNoTimeout = 0;
   const int moved =
       libusb_control_transfer(handle.get(), request.bmRequestType, request.bRequest, request.wValue,

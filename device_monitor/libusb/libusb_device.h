@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 
+#include "device_monitor/libusb/event_turns.h"
 #include "device_monitor/usb_registry.h"
 
 namespace qm5 {
@@ -13,7 +14,8 @@ namespace qm5 {
 class LibusbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInInterfaceStruct {
  public:
   /// Takes a reference to `device`. Sends nothing. Any thread, hot-plug callbacks included.
-  LibusbDevice(libusb_device* device, std::uint64_t id);
+  /// `turns` outlives it.
+  LibusbDevice(libusb_device* device, std::uint64_t id, EventTurns& turns);
   LibusbDevice(const LibusbDevice&) = delete;
   LibusbDevice& operator=(const LibusbDevice&) = delete;
 
@@ -37,6 +39,7 @@ class LibusbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInInterfa
  private:
   const std::uint64_t id_;
   const libusb_device* const key_;  // compared only
+  EventTurns& turns_;
   libusb_device_descriptor descriptor_{};
   // Interfaces are handed out as pointers to pointers; these are what they point to.
   IOUSBDeviceStruct942* device_ = this;

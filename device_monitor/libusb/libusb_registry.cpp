@@ -86,22 +86,22 @@ void LibusbRegistry::runLoop() {
   // An error is no reason to stop listening, but a lasting one must not take a whole core.
   constexpr double kPauseAfterError = 1.0;  // seconds
   while (true) {
-    if (libusb_handle_events(context_) != LIBUSB_SUCCESS) processClock().sleep(kPauseAfterError);
+    if (turns_.handleEvents() != LIBUSB_SUCCESS) processClock().sleep(kPauseAfterError);
   }
 }
 
 // Without a hot-plug callback there is nothing to follow, so that counts as unreachable.
 bool LibusbRegistry::connect() {
-  if (context_ != nullptr) return true;
+  if (connected_) return true;
   libusb_context* context = nullptr;
   if (libusb_init(&context) != LIBUSB_SUCCESS) return false;
+  turns_.setContext(context);
   if (libusb_hotplug_register_callback(
           context, LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED | LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT,
           LIBUSB_HOTPLUG_ENUMERATE, LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY,
           LIBUSB_HOTPLUG_MATCH_ANY, hotplug, this, nullptr) != LIBUSB_SUCCESS)
     return false;
-  context_ = context;
-  return true;
+  return connected_ = true;
 }
 
 int LIBUSB_CALL LibusbRegistry::hotplug(libusb_context*, libusb_device* device,
@@ -125,7 +125,7 @@ LibusbRegistry::Devices::iterator LibusbRegistry::findPresent(const libusb_devic
 
 void LibusbRegistry::arrived(libusb_device* device) {
   if (findPresent(device) != present_.end()) return;
-  present_.push_back(std::make_shared<LibusbDevice>(device, ++last_entry_id_));
+  present_.push_back(std::make_shared<LibusbDevice>(device, ++last_entry_id_, turns_));
   for (auto& [iterator, watch] : watches_) {
     if (watch.type == IONotificationType::firstMatch) offer(iterator, watch, present_.back());
   }

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <vector>
 
+#include "device_monitor/libusb/event_turns.h"
 #include "device_monitor/libusb/libusb_device.h"
 #include "device_monitor/usb_registry.h"
 
@@ -59,7 +60,8 @@ class LibusbRegistry final : public USBRegistry {
   void offer(io_iterator_t iterator, Watch& watch, const std::shared_ptr<LibusbDevice>& device);
   std::shared_ptr<LibusbDevice> find(io_service_t service);
 
-  libusb_context* context_ = nullptr;  // used by the thread that arms the watches, then serves
+  bool connected_ = false;  // used by the thread that arms the watches, then serves
+  EventTurns turns_;
 
   std::mutex mutex_;  // guards all that follows
   std::uint64_t last_entry_id_ = 0;

@@ -1,0 +1,36 @@
+#include "device_monitor/libusb/event_turns.h"
+
+#include <chrono>
+#include <thread>
+
+namespace qm5 {
+namespace {
+
+// Longer than the host takes from one request to the next; much shorter than it takes a person
+// to miss what nobody has handled meanwhile.
+constexpr std::chrono::milliseconds kRest{20};
+
+}  // namespace
+
+EventTurns::Request::Request(EventTurns& turns) : turns_(turns) {
+  ++turns_.begun_;
+  if (turns_.monitor_handles_) libusb_interrupt_event_handler(turns_.context_);
+}
+
+EventTurns::Request::~Request() {
+  ++turns_.ended_;
+}
+
+int EventTurns::handleEvents() {
+  // Looked at from time to time only: to be woken would cost every request.
+  for (std::uint64_t begun = begun_; begun != begun_before_ || begun != ended_; begun = begun_) {
+    begun_before_ = begun;
+    std::this_thread::sleep_for(kRest);
+  }
+  monitor_handles_ = true;
+  const int result = libusb_handle_events(context_);
+  monitor_handles_ = false;
+  return result;
+}
+
+}  // namespace qm5
