@@ -1,8 +1,9 @@
 #include "update_engine/unsecure_flow.h"
 
+#include <algorithm>
 #include <optional>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "platform/clock.h"
 #include "platform/console.h"
@@ -76,6 +77,12 @@ bool writeBlock(ByteView block) {
   return false;
 }
 
+// Grouped by itself, so that an update needs no second copy of the image.
+Bytes chunkAt(ByteView data, std::size_t i) {
+  const ByteView rest = data.subspan(i * kChunkSize);
+  return std::move(grouper(rest.first(std::min(kChunkSize, rest.size())), kErased, kChunkSize)[0]);
+}
+
 }  // namespace
 
 bool common_update(Driver&, ByteView update_data, const ProgressCallback& progress) {
@@ -83,19 +90,19 @@ bool common_update(Driver&, ByteView update_data, const ProgressCallback& progre
   if (!openUpdate(progress)) return false;
 
   Bytes previous(kChunkSize, kErased);
-  const std::vector<Bytes> chunks = grouper(update_data, kErased, kChunkSize);
-  for (std::size_t i = 0; i < chunks.size(); ++i) {
+  for (std::size_t i = 0; i * kChunkSize < update_data.size(); ++i) {
     const std::string number = std::to_string(i);
     if (progress) progress("Writing SFWd chunk:" + number, percentage(i, update_data.size()));
     print("Writing SFWd chunk " + number);
-    ByteView block = chunks[i];
-    if (chunks[i] == previous) {
+    Bytes chunk = chunkAt(update_data, i);
+    ByteView block = chunk;
+    if (chunk == previous) {
       // Sent all the same, despite the line: the device takes four bytes for a repetition.
       print("Not sending this chunk, same as last");
       block = block.first(kRepeatedBlockSize);
     }
     if (!writeBlock(block)) return false;
-    previous = chunks[i];
+    previous = std::move(chunk);
   }
   return true;
 }
