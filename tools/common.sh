@@ -8,6 +8,9 @@ readonly packages_build="g++ cmake ninja-build pkg-config qt6-base-dev qt6-base-
   libusb-1.0-0-dev libssl-dev libumockdev-dev umockdev libgtest-dev libgmock-dev locales
   dbus-daemon"
 readonly packages_screen="xvfb openbox xdotool imagemagick fonts-dejavu-core"
+# qflipper and gnome-firmware are peers: only their start is looked at.
+readonly packages_bench="libbenchmark-dev libxcb1-dev libxcb-damage0-dev valgrind binutils python3
+  qflipper gnome-firmware"
 readonly packages_check="clang clang-format clang-tidy libclang-rt-dev"
 readonly packages_package="dpkg-dev file"
 readonly packages_package_check="debootstrap desktop-file-utils appstream lintian man-db udev"
