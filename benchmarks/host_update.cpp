@@ -1,0 +1,49 @@
+// host_update BLOCKS [ROUNDS]: updates by the update engine, in process, with a device that is
+// ready at once. Writes one line of JSON on standard error: blocks, requests, nanoseconds of
+// processor time a block, and the peak of the resident set in kilobytes. The program's own lines go
+// to standard output, as ever.
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+
+#include "benchmarks/peak_memory.h"
+#include "benchmarks/ready_qm5.h"
+#include "benchmarks/unsigned_image.h"
+#include "platform/system_log.h"
+#include "update_engine/secure_flow.h"
+
+namespace qm5 {
+namespace {
+
+// Of this thread, in nanoseconds: nothing here waits.
+double processorTime() {
+  timespec time{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+  return static_cast<double>(time.tv_sec) * 1e9 + static_cast<double>(time.tv_nsec);
+}
+
+void run(std::size_t image_blocks, std::size_t rounds) {
+  const auto* const link = new ReadyLink;
+  const Bytes image = unsignedImage(image_blocks);
+  double shown = 0;
+  const ProgressCallback progress = [&](std::string_view, double percent) { shown = percent; };
+  const double start = processorTime();
+  for (std::size_t i = 0; i < rounds; ++i) {
+    if (!secure_update_binary(*global_driver, image, progress, "pss", false)) std::abort();
+  }
+  const double time = processorTime() - start;
+  const std::size_t blocks = image_blocks * rounds;
+  std::fprintf(stderr, "{\"blocks\": %zu, \"requests\": %zu, \"ns\": %.1f, \"kilobytes\": %ld}\n",
+               blocks, link->device.requests().sum(), time / static_cast<double>(blocks),
+               peakMemory("self"));
+}
+
+}  // namespace
+}  // namespace qm5
+
+int main(int argc, char** argv) {
+  if (argc < 2) return 2;
+  qm5::setSystemLog([](std::string_view) {});
+  qm5::run(std::strtoul(argv[1], nullptr, 10), argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 1);
+  std::_Exit(0);  // the link's monitor may be anywhere
+}

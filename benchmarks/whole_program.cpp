@@ -1,0 +1,127 @@
+// whole_program BLOCKS: the whole program with its windows, but with a device in process that is
+// ready at once, so that progress arrives as fast as it can. Presses Next by itself. Writes one
+// line of JSON on standard error: seconds of the update, the gaps between two turns of the main
+// event loop in milliseconds, paints of the second title and of the bar, and the peak of the
+// resident set in kilobytes.
+//
+// A timer beats every millisecond, as often as the loop comes round to it. So no gap is shorter
+// than that, and no key and no drawing waits longer than the longest one.
+#include <QApplication>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QTimer>
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include "app_shell/main_storyboard.h"
+#include "app_shell/qt/qt_toolkit.h"
+#include "benchmarks/peak_memory.h"
+#include "benchmarks/ready_qm5.h"
+#include "benchmarks/unsigned_image.h"
+#include "platform/system_log.h"
+
+namespace qm5 {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Milliseconds = std::chrono::duration<double, std::milli>;
+
+QWidget* findWidget(const QString& name) {
+  for (QWidget* widget : QApplication::allWidgets())
+    if (widget->objectName() == name) return widget;
+  std::abort();
+}
+
+// Counts how often a widget is painted.
+class PaintCount : public QObject {
+ public:
+  explicit PaintCount(const QString& widget) { findWidget(widget)->installEventFilter(this); }
+  int count() const { return count_; }
+
+ protected:
+  bool eventFilter(QObject*, QEvent* event) override {
+    if (event->type() == QEvent::Paint) ++count_;
+    return false;
+  }
+
+ private:
+  int count_ = 0;
+};
+
+// What is seen from the first step that the job submits to the finish dialog.
+class Record : public QObject {
+ public:
+  Record() {
+    beat_.setTimerType(Qt::PreciseTimer);
+    beat_.callOnTimeout(this, [this] {
+      const auto now = Clock::now();
+      gaps_.push_back(Milliseconds(now - std::exchange(last_, now)).count());
+    });
+    beat_.start(1);
+  }
+  void write() {
+    gaps_.push_back(Milliseconds(Clock::now() - last_).count());
+    std::sort(gaps_.begin(), gaps_.end());
+    const auto at = [this](double share) {
+      return gaps_[static_cast<std::size_t>(share * static_cast<double>(gaps_.size() - 1))];
+    };
+    const std::chrono::duration<double> time = Clock::now() - start_;
+    std::fprintf(stderr,
+                 "{\"seconds\": %.4f, \"gaps\": %zu, \"median\": %.3f, \"p999\": %.3f, "
+                 "\"longest\": %.3f, \"title_paints\": %d, \"bar_paints\": %d, "
+                 "\"kilobytes\": %ld}\n",
+                 time.count(), gaps_.size(), at(0.5), at(0.999), at(1), title_.count(),
+                 bar_.count(), peakMemory("self"));
+  }
+
+ private:
+  const Clock::time_point start_ = Clock::now();
+  Clock::time_point last_ = start_;
+  QTimer beat_;
+  std::vector<double> gaps_;
+  PaintCount title_{"txtTitle2"};
+  PaintCount bar_{"progressBar"};
+};
+
+// The production toolkit, with an image of any size and an end at the finish dialog.
+class WatchedToolkit final : public QtToolkit {
+ public:
+  explicit WatchedToolkit(std::size_t blocks) : blocks_(blocks) {}
+
+  FileContents readFile(const std::string&) override { return unsignedImage(blocks_); }
+  void mainQueueAsync(std::function<void()> step) override {
+    if (!std::exchange(started_, true))
+      QtToolkit::mainQueueAsync([this] { record_ = std::make_unique<Record>(); });
+    QtToolkit::mainQueueAsync(std::move(step));
+  }
+  std::shared_ptr<Window> makeWindow(Rect, WindowStyle) override {
+    record_->write();
+    std::_Exit(0);
+  }
+
+ private:
+  const std::size_t blocks_;
+  bool started_ = false;  // used by the job alone
+  std::unique_ptr<Record> record_;
+};
+
+}  // namespace
+}  // namespace qm5
+
+int main(int argc, char** argv) {
+  if (argc != 2) return 2;
+  qm5::setSystemLog([](std::string_view) {});
+  new qm5::ReadyLink;
+  qm5::setToolkit(new qm5::WatchedToolkit(std::strtoul(argv[1], nullptr, 10)));
+  qm5::MainStoryboard storyboard = qm5::mainStoryboard();
+  storyboard.makeMainController = [make = storyboard.makeMainController](const auto& window) {
+    QTimer::singleShot(300,
+                       [] { qobject_cast<QPushButton*>(qm5::findWidget("btnNext"))->click(); });
+    return make(window);
+  };
+  return qm5::toolkit().applicationMain(argc, argv, storyboard);
+}
