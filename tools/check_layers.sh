@@ -24,6 +24,7 @@ may app_shell "app_shell app_shell/qt update_engine device_link device_monitor/l
 may app_shell/qt "app_shell/qt app_shell platform"
 may tools "tools platform"
 may simulator "simulator tools device_monitor platform"
+may benchmarks "benchmarks app_shell app_shell/qt update_engine device_link simulator tools platform"
 
 # only PATTERN FOLDERS: headers that match PATTERN are included in these folders alone.
 only() {

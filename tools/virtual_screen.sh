@@ -20,14 +20,19 @@ within() {
   done
 }
 
-# start_screen [WIDTHxHEIGHT]
-start_screen() {
+# start_display [WIDTHxHEIGHT]: a black one, which stays when its last program has gone.
+start_display() {
   exec 3> >(cat >"$work/display")
-  Xvfb -displayfd 3 -screen 0 "${1-1280x900}x24" -nolisten tcp >/dev/null 2>&1 &
+  Xvfb -displayfd 3 -screen 0 "${1-1280x900}x24" -br -noreset -nolisten tcp >/dev/null 2>&1 &
   screen=$!
   within 60 test -s "$work/display" || fail "the virtual screen did not start"
   DISPLAY=:$(cat "$work/display")
   export DISPLAY QT_QPA_PLATFORM=xcb XDG_RUNTIME_DIR=$work
+}
+
+# start_screen [WIDTHxHEIGHT]: a display with a window manager.
+start_screen() {
+  start_display "$@"
   # A window manager gives the windows their frames and the keyboard its focus. Its frames
   # show no controls: it would draw those too that a window does not offer.
   cat >"$work/openbox.xml" <<'XML'

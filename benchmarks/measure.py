@@ -1,0 +1,378 @@
+#!/usr/bin/env python3
+"""Measures the updater in build/release and writes the results to benchmarks/RESULTS.md.
+
+Whole processes are compared in turn and in pairs, at least five of them, and of these the median
+counts. Exits with 1 when a goal is missed that benchmarks/reasons.md gives no reason for.
+"""
+
+import collections
+import glob
+import json
+import os
+import re
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.dirname(HERE)
+BUILD = os.path.join(ROOT, "build/release")
+BIN = os.path.join(BUILD, "bin")
+UPDATER = os.path.join(BIN, "qm5-updater")
+SIMULATOR = os.path.join(BIN, "qm5-simulator")
+
+PAIRS = 5
+STARTS = 11
+BLOCK = 64
+FRAME = 0.016  # seconds
+
+work = tempfile.mkdtemp()
+rows = []  # (group, what, figure, goal or "", held: True, False or None)
+
+
+def say(text):
+    print("==", text, flush=True)
+
+
+def row(group, what, figure, goal="", held=None):
+    rows.append((group, what, figure, goal, held))
+
+
+def at_most(group, what, value, limit, form="{:.2f}"):
+    row(group, what, form.format(value), "at most " + form.format(limit), value <= limit)
+
+
+def program(name):
+    return os.path.join(BUILD, "benchmarks", name)
+
+
+def output(*command, **options):
+    return subprocess.run(command, check=True, text=True, stdout=subprocess.PIPE, **options).stdout
+
+
+def json_line(*command):
+    """The one line of JSON that a benchmark writes on standard error."""
+    done = subprocess.run(command, check=True, text=True, stdout=subprocess.DEVNULL,
+                          stderr=subprocess.PIPE)
+    return json.loads(done.stderr.splitlines()[-1])
+
+
+def on_screen(*command):
+    return (os.path.join(HERE, "on_screen.sh"),) + command
+
+
+# --- against the floor ---
+
+
+def read_trace(path):
+    with open(path) as lines:
+        return [json.loads(line) for line in lines]
+
+
+def span(trace):
+    return trace[-1]["t"] - trace[0]["t"]
+
+
+def drive_update(*options):
+    """The trace of one update by the program with its window."""
+    path = os.path.join(work, "update.trace")
+    subprocess.run([os.path.join(HERE, "drive_update.sh"), BIN, path, *options], check=True,
+                   stdout=subprocess.DEVNULL)
+    return read_trace(path)
+
+
+def drive_bare_loop(latency):
+    """The trace of the same requests by the bare loop."""
+    path = os.path.join(work, "bare.trace")
+    subprocess.run([SIMULATOR, "--latency-ms", str(latency), "--trace", path, "--",
+                    program("bare_loop"), os.path.join(work, "update.trace")],
+                   check=True, stdout=subprocess.DEVNULL)
+    return read_trace(path)
+
+
+def against_the_floor():
+    """Returns the trace of an update, and the seconds of one by the latency of a request."""
+    group = "1. Against the floor"
+    seconds = {}
+    for latency in (0, 1):
+        say(f"Updating in pairs with the bare loop, {latency} ms a request")
+        updates, floors = [], []
+        for _ in range(PAIRS):
+            update = drive_update("--latency-ms", str(latency))
+            floor = drive_bare_loop(latency)
+            if len(update) != len(floor):
+                sys.exit("the bare loop sent other requests than the updater")
+            updates.append(span(update))
+            floors.append(span(floor))
+        seconds[latency] = statistics.median(updates)
+        ratio = statistics.median(a / b for a, b in zip(updates, floors))
+        row(group, f"update of 64 KiB, {latency} ms a request", f"{seconds[latency]:.2f} s")
+        row(group, f"bare loop, {latency} ms a request", f"{statistics.median(floors):.2f} s")
+        at_most(group, f"update over bare loop, {latency} ms a request", ratio, 1.03, "{:.3f}")
+    return update, seconds
+
+
+# --- requests a block ---
+
+
+def requests_a_block(trace):
+    group = "3. Requests a block"
+    tasks = collections.Counter()
+    task, command = [0, 0, 0, 0], None
+    for request in trace[1:]:  # the first one reads the version
+        is_read = request["bmRequestType"] >= 0x80
+        is_data = request["wValue"] == 0x1F
+        task[(3 if is_data else 2) if is_read else (0 if is_data else 1)] += 1
+        if not is_read and not is_data:
+            command = bytes.fromhex(request["data"]).decode()
+        if is_read and is_data:
+            tasks[command, tuple(task)] += 1
+            task = [0, 0, 0, 0]
+    for kind, expected in (("new", (8, 1, 1, 1)), ("repeated", (1, 1, 1, 1))):
+        seen = [counts for (name, counts) in tasks
+                if name == "SFWd" and (counts[0] > 1) == (kind == "new")]
+        row(group, f"{kind} block: data, command, poll, read",
+            ", ".join("+".join(map(str, counts)) for counts in seen),
+            "+".join(map(str, expected)), seen == [expected])
+
+
+# --- the host's own cost ---
+
+
+def instructions(blocks):
+    with tempfile.NamedTemporaryFile() as profile:
+        done = subprocess.run(
+            ["valgrind", "--tool=callgrind", "--callgrind-out-file=" + profile.name,
+             program("host_update"), str(blocks)],
+            check=True, text=True, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+    return int(re.search(r"Collected : (\d+)", done.stderr).group(1))
+
+
+def host_cost():
+    say("Measuring the host's own cost")
+    group = "2. The host's own cost"
+    results = os.path.join(work, "host_cost.json")
+    subprocess.run([program("host_cost"), "--benchmark_repetitions=5", "--benchmark_out=" + results,
+                    "--benchmark_out_format=json"],
+                   check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    with open(results) as file:
+        medians = {entry["run_name"]: entry for entry in json.load(file)["benchmarks"]
+                   if entry.get("aggregate_name") == "median"}
+    for name, what, memory in (("writeRequest", "write request", 0),
+                               ("readRequest", "read request", 1)):
+        entry = medians[name]
+        at_most(group, f"{what} through the link", 1e9 / entry["items_per_second"], 2000,
+                "{:.0f} ns")
+        at_most(group, f"{what}: allocations (one is the reply handed out)",
+                round(entry["allocations"], 3), memory, "{:.0f}")
+    for name, what in (("newBlocks", "new block"), ("repeatedBlocks", "repeated block")):
+        entry = medians["update/" + name]
+        nanoseconds = 1e9 / entry["items_per_second"]
+        row(group, f"{what}, all above the USB port", f"{nanoseconds:.0f} ns")
+        at_most(group, f"{what}, for each of its requests", nanoseconds / entry["requests"], 2000,
+                "{:.0f} ns")
+        row(group, f"{what}: allocations", f"{entry['allocations']:.0f}")
+    more = (instructions(2048) - instructions(1024)) / 1024
+    row(group, "new block: instructions", f"{more:.0f}")
+    row(group, "new block: instructions for each of its requests", f"{more / 11:.0f}")
+
+
+# --- growth ---
+
+
+def growth():
+    say("Updating from images of 64 KiB, 1 MiB and 16 MiB")
+    group = "4. Growth"
+    sizes = {"64 KiB": 1024, "1 MiB": 16 * 1024, "16 MiB": 256 * 1024}
+    runs = {size: [] for size in sizes}
+    for _ in range(PAIRS):
+        for size, blocks in sizes.items():
+            rounds = max(sizes.values()) // blocks
+            runs[size].append(json_line(program("host_update"), str(blocks), str(rounds)))
+    empty = json_line(program("host_update"), "1")["kilobytes"]
+    times = {size: statistics.median(run["ns"] for run in runs[size]) for size in sizes}
+    for size in sizes:
+        row(group, f"a block of {size}", f"{times[size]:.0f} ns")
+    for size in list(sizes)[1:]:
+        change = abs(statistics.median(
+            one["ns"] / first["ns"] for one, first in zip(runs[size], runs["64 KiB"])) - 1)
+        at_most(group, f"a block of {size} against one of 64 KiB", 100 * change, 5, "{:.1f} %")
+    for size, blocks in sizes.items():
+        peak = statistics.median(run["kilobytes"] for run in runs[size])
+        at_most(group, f"peak memory for a byte of {size}", (peak - empty) * 1024 / (blocks * BLOCK), 3)
+
+
+# --- start ---
+
+
+def starts(programs, rounds):
+    """Milliseconds and kilobytes of each start, all in turn on one screen; None: no window."""
+    loop = 'for r in $(seq $1); do for p in "${@:3}"; do "$2" "$p" 2>/dev/null || echo -; done; done'
+    lines = output(*on_screen("bash", "-c", loop, "starts", str(rounds), program("first_window"),
+                              *programs), env=os.environ | {"HOME": work}).splitlines()
+    found = {name: [] for name in programs}
+    for i, line in enumerate(lines):
+        words = line.split()
+        found[programs[i % len(programs)]].append(
+            (float(words[0]), int(words[1])) if len(words) == 2 else None)
+    return found
+
+
+def start():
+    group = "5. Start"
+    say("Starting the program, an empty window and the peers in turn")
+    peers = {"qFlipper": "qflipper", "gnome-firmware": "gnome-firmware"}
+    present = [name for name in peers if shutil.which(name) and starts([name], 1)[name][0]]
+    floor = program("empty_window")
+    found = starts([floor, UPDATER, *present], STARTS)
+    for name in peers:
+        if name not in present:
+            row(group, f"{name} ({peers[name]})", "paints no window on this machine")
+    for name, what in {floor: "empty window", UPDATER: "main window", **{p: p for p in present}}.items():
+        row(group, f"{what}: painted after",
+            f"{statistics.median(one[0] for one in found[name]):.0f} ms")
+        row(group, f"{what}: peak memory by then",
+            f"{statistics.median(one[1] for one in found[name]) / 1024:.1f} MiB")
+    ratio = lambda index, other: statistics.median(
+        ours[index] / theirs[index] for ours, theirs in zip(found[UPDATER], found[other]))
+    at_most(group, "time against the empty window", ratio(0, floor), 1.5)
+    at_most(group, "memory against the empty window", ratio(1, floor), 1.3)
+    if present:
+        at_most(group, "time against the faster peer", max(ratio(0, one) for one in present), 0.4)
+        at_most(group, "memory against the smaller peer", max(ratio(1, one) for one in present), 0.4)
+
+
+# --- smoothness ---
+
+
+def smoothness():
+    say("Updating with windows from 16 MiB, as fast as progress can come")
+    group = "6. Smoothness"
+    runs = [json_line(*on_screen(program("whole_program"), str(256 * 1024))) for _ in range(PAIRS)]
+    median = lambda key: statistics.median(run[key] for run in runs)
+    row(group, "steps a second", f"{256 * 1024 / median('seconds'):.0f}")
+    at_most(group, "gap between two turns of the event loop, 99.9th percentile", median("p999"), 16,
+            "{:.1f} ms")
+    row(group, "longest gap", f"{max(run['longest'] for run in runs):.1f} ms")
+    for what in ("title", "bar"):
+        frames = [run[what + "_paints"] / (run["seconds"] / FRAME + 1) for run in runs]
+        at_most(group, f"paints of the {what} a frame", max(frames), 1)
+
+
+# --- size ---
+
+
+def size():
+    group = "7. Size"
+    stripped = os.path.join(work, "stripped")
+    subprocess.run(["strip", "-o", stripped, UPDATER], check=True)
+    row(group, "stripped program", f"{os.path.getsize(stripped) / 1024:.0f} KiB")
+    for package in glob.glob(os.path.join(ROOT, "build/package/*.deb")):
+        row(group, os.path.basename(package), f"{os.path.getsize(package) / 1024:.0f} KiB")
+    needed = re.findall(r"\(NEEDED\).*\[(.*)\]", output("readelf", "-d", UPDATER))
+    row(group, "shared libraries that it names", f"{len(needed)}: " + ", ".join(needed))
+    unused = output("sh", "-c", 'ldd -u "$1" || true', "sh", UPDATER).split()[3:]
+    row(group, "of these, not used", ", ".join(unused) or "none", "none", not unused)
+    row(group, "shared libraries loaded in all",
+        str(len([line for line in output("ldd", UPDATER).splitlines() if "/" in line])))
+
+
+# --- what the protocol takes ---
+
+DELAYS = {"SFWi": 0.1, "SFWd": 0.1, "SFWs": 1.0}  # seconds before a busy device is asked again
+
+
+def protocol(trace, seconds):
+    """Lines of a table: times of the update, measured and by the formula."""
+    say("Updating with slow requests and busy polls")
+    tasks = {"SFWi": 1, "SFWs": 12}
+    tasks["SFWd"] = sum(r["wValue"] == 0x1E and r["bmRequestType"] == 0x40 for r in trace) - 13
+    own = seconds[0] / len(trace)  # of each request
+    lines = ["| latency | busy polls a task | measured | by the formula |", "|---|---|---|---|"]
+
+    def compare(latency, busy, measured):
+        each = own + latency / 1000
+        expected = len(trace) * each + sum(
+            tasks[name] * polls * (DELAYS[name] + each) for name, polls in busy.items())
+        shown = ", ".join(f"{name} {polls}" for name, polls in busy.items()) or "none"
+        lines.append(f"| {latency} ms | {shown} | {measured:.1f} s | {expected:.1f} s |")
+
+    compare(0, {}, seconds[0])
+    compare(1, {}, seconds[1])
+    for latency, busy in ((4, {}), (0, {"SFWi": 1, "SFWs": 1}), (1, {"SFWd": 1})):
+        options = [word for name, polls in busy.items() for word in ("--busy", f"{name}={polls}")]
+        compare(latency, busy, span(drive_update("--latency-ms", str(latency), *options)))
+    return lines + [
+        "",
+        f"The formula: {len(trace)} requests × ({own * 1000:.2f} ms of the emulated bus + latency), and for"
+        " each busy poll its",
+        "delay (0.1 s after a poll of SFWi or SFWd, 1 s after one of SFWs) and one request more.",
+    ]
+
+
+# --- the report ---
+
+
+def machine():
+    def field(path, name):
+        with open(path) as lines:
+            return next((line.split(sep, 1)[1].strip().strip('"') for line in lines
+                         for sep in (":", "=") if line.startswith(name) and sep in line), "?")
+
+    version = lambda package: output("dpkg-query", "-W", "-f", "${Version}", package)
+    memory = int(field("/proc/meminfo", "MemTotal").split()[0]) / 1024 / 1024
+    return [
+        f"- {os.cpu_count()} cores of {field('/proc/cpuinfo', 'model name')}, {memory:.0f} GiB,"
+        f" {field('/etc/os-release', 'PRETTY_NAME')}",
+        f"- Qt {version('libqt6core6')}, libusb {version('libusb-1.0-0')}",
+        f"- load average when it began: {load}",
+    ]
+
+
+def reasons():
+    """What benchmarks/reasons.md says, by the name of the row."""
+    with open(os.path.join(HERE, "reasons.md")) as file:
+        parts = re.split(r"^## (.*)\n", file.read(), flags=re.MULTILINE)
+    return {name.strip(): text.strip() for name, text in zip(parts[1::2], parts[2::2])}
+
+
+def report(protocol_lines):
+    """Writes RESULTS.md; returns the names of the rows that are missed without a reason."""
+    table = ["| | | figure | goal | |", "|---|---|---|---|---|"]
+    previous = None
+    for group, what, figure, goal, held in rows:
+        verdict = {True: "held", False: "**missed**", None: ""}[held]
+        table.append(f"| {group if group != previous else ''} | {what} | {figure} | {goal} | {verdict} |")
+        previous = group
+    missed = [what for _, what, _, _, held in rows if held is False]
+    known = reasons()
+    lines = ["# What it costs", "", "Written by `./bench`, on this machine:", "", *machine(), "",
+             *table, ""]
+    if missed:
+        lines += ["## Why goals are missed", ""]
+        for what in missed:
+            lines += [f"**{what}**: {known.get(what, 'no reason is known yet.')}", ""]
+    lines += ["## What the protocol takes", "", *protocol_lines, ""]
+    lines += ["## Notes", "", known["Notes"], ""]
+    with open(os.path.join(HERE, "RESULTS.md"), "w") as file:
+        file.write("\n".join(lines))
+    print("\n".join(table))
+    return [what for what in missed if what not in known]
+
+
+load = os.getloadavg()[0]
+try:
+    trace, seconds = against_the_floor()
+    host_cost()
+    requests_a_block(trace)
+    growth()
+    start()
+    smoothness()
+    size()
+    unexplained = report(protocol(trace, seconds))
+finally:
+    shutil.rmtree(work)
+if unexplained:
+    sys.exit("missed without a reason in benchmarks/reasons.md: " + "; ".join(unexplained))
