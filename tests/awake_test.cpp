@@ -8,9 +8,10 @@
 #include <QDBusMessage>
 #include <QDBusUnixFileDescriptor>
 #include <QDBusVirtualObject>
-#include <QProcess>
 #include <QTest>
 #include <array>
+#include <csignal>
+#include <cstdio>
 #include <deque>
 
 #include "app_shell/qt/awake.h"
@@ -40,18 +41,17 @@ class Awake : public testing::Test {
  protected:
   // A session's bus stands in for the system's, which has other rules.
   Awake() {
-    daemon_.start("dbus-daemon", {"--session", "--nofork", "--print-address"});
-    daemon_.waitForReadyRead();
-    qputenv("DBUS_SYSTEM_BUS_ADDRESS", daemon_.readLine().trimmed());
+    FILE* const daemon = popen("dbus-daemon --session --fork --print-pid --print-address", "r");
+    std::array<char, 256> address{};
+    EXPECT_EQ(std::fscanf(daemon, "%255s %d", address.data(), &daemon_), 2);
+    pclose(daemon);
+    qputenv("DBUS_SYSTEM_BUS_ADDRESS", address.data());
     QDBusConnection bus = QDBusConnection::connectToBus(QDBusConnection::SystemBus, "logind");
     EXPECT_TRUE(bus.registerVirtualObject("/org/freedesktop/login1", &logind_));
     EXPECT_TRUE(bus.registerService("org.freedesktop.login1"));
   }
   ~Awake() override { endBus(); }
-  void endBus() {
-    daemon_.kill();
-    daemon_.waitForFinished();
-  }
+  void endBus() const { kill(daemon_, SIGKILL); }
   bool isAsked() {
     return QTest::qWaitFor([this] { return !logind_.asked.empty(); });
   }
@@ -79,7 +79,7 @@ class Awake : public testing::Test {
  private:
   int count_ = 0;
   QCoreApplication application_{count_, nullptr};
-  QProcess daemon_;
+  pid_t daemon_ = 0;
 };
 
 TEST_F(Awake, HoldsOneInhibitorForEachTokenWaitsForNoAnswerAndSaysThatThereIsNone) {
