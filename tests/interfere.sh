@@ -42,7 +42,7 @@ question() {
 start_screen
 start "$work/other"
 readonly other=$updater other_simulator=$simulator
-start "$work/lines" --version 4201 --image "$image"
+start "$work/lines" --version 4201 --image "$image" --latency-ms 1 # it takes some seconds
 kill -TERM "$other" # nothing runs there
 wait "$other_simulator" || true
 grep -q "the program ended with 0" "$work/other" || fail "no end by a signal: $(cat "$work/other")"
@@ -71,6 +71,7 @@ start "$work/lines" --version 4201 --latency-ms 20
 xdotool key Return
 within 30 wrote_more_than 5 || fail "the second update did not start"
 question HUP # a script's background ignores SIGINT
+sleep 0.2    # what comes together counts as one
 kill -TERM "$updater"
 wait "$simulator" || true
 grep -q "the program ended with 0" "$work/lines" || fail "two signals did not end the program"
