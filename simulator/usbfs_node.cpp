@@ -121,10 +121,12 @@ gboolean UsbfsNode::handle(UMockdevIoctlBase* /*handler*/, UMockdevIoctlClient* 
   const unsigned long request = umockdev_ioctl_client_get_request(client);
   UMockdevIoctlData* const outer = umockdev_ioctl_client_get_arg(client);  // not ours
   GObjectPointer<UMockdevIoctlData> argument;
+  int error = 0;
   if (argumentSize(request) > 0) {
     argument.reset(umockdev_ioctl_data_resolve(outer, 0, argumentSize(request), nullptr));
+    if (!argument) error = EFAULT;  // the program has ended while it was asking
   }
-  const int error = static_cast<UsbfsNode*>(node)->answer(client, request, argument.get());
+  if (error == 0) error = static_cast<UsbfsNode*>(node)->answer(client, request, argument.get());
   umockdev_ioctl_client_complete(client, error == 0 ? 0 : -1, error);
   return TRUE;
 }
