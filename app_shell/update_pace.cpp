@@ -44,10 +44,10 @@ std::string UpdatePace::remaining(double now) const {
 }
 
 std::string UpdatePace::phase(double now) const {
-  if (!hasStarted()) return "Looking for the QM5.";
+  const bool pauses = now - (hasStarted() ? last_.time : start_) > kLongPause;
   if (isChecking()) return "The QM5 is checking the new firmware. This can take minutes.";
-  if (now - last_.time > kLongPause) return "Waiting for the QM5 to respond.";
-  return "Writing the new firmware.";
+  if (pauses) return "Waiting for the QM5 to respond.";
+  return hasStarted() ? "Writing the new firmware." : "Looking for the QM5.";
 }
 
 }  // namespace qm5

@@ -1,6 +1,7 @@
 #include "device_link/bus_presence.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 #include "device_link/driver.h"
@@ -18,7 +19,9 @@ BusState BusPresence::state() const {
   const std::lock_guard lock(mutex_);
   if (present_.empty()) return BusState::absent;
   // Asked for by itself: the Driver misses what is announced before it listens.
-  if (global_driver && global_driver->deviceInfo()) return BusState::connected;
+  // Of a removal it may hear a moment later than this.
+  const auto held = global_driver ? global_driver->deviceInfo() : std::nullopt;
+  if (held && present_.contains(held->id)) return BusState::connected;
   const bool refused = std::any_of(present_.begin(), present_.end(), [](const auto& device) {
     return device.second == kIOReturnNotPermitted;
   });

@@ -36,6 +36,7 @@ INSTANTIATE_TEST_SUITE_P(
     Moments, Pace,
     testing::Values(
         Moment{"start", {}, 0.9, "Time: 0:00", "", "Looking for the QM5."},
+        Moment{"nothing for long", {}, 6, "Time: 0:06", "", "Waiting for the QM5 to respond."},
         Moment{"too early", {{1, 1}, {0, 2}, {4, 9}}, 9, "Time: 0:09", "", kWriting},
         Moment{"too short", {{1, 1}, {0, 2}, {50, 4.9}}, 4.9, "Time: 0:04", "", kWriting},
         Moment{"the opening does not count",
@@ -97,13 +98,13 @@ TEST_F(BusLine, TellsWhatTheDriverHasAndWhyItHasNone) {
         {USBDeviceExamined, Dictionary{{"id", id}, {"result", result}}});
   };
   EXPECT_EQ(told(), "No QM5 is connected.");
-  examine(7, kIOReturnNotPermitted);
+  examine(8, kIOReturnNotPermitted);
   EXPECT_TRUE(told().starts_with("A QM5 is connected, but you may not open it. ")) << told();
   attach();
-  examine(8, kIOReturnSuccess);
+  examine(7, kIOReturnSuccess);
   EXPECT_EQ(told(), "A QM5 is connected.") << "the second one";
   postDisconnected(Dictionary{{"id", std::uint64_t{7}}});
-  // As when the Driver was not listening yet.
+  examine(8, kIOReturnSuccess);  // as when the Driver was not listening yet
   EXPECT_EQ(told(),
             "A QM5 is connected, but it does not respond.\nUnplug it and plug it in again.");
 }

@@ -103,7 +103,7 @@ void QtToolkit::requestTermination(std::function<void()> declined) {
 }
 
 void QtToolkit::sessionEnds(QSessionManager& session) {
-  if (delegate_->applicationShouldTerminate([] {})) return;
+  if (delegate_->applicationShouldTerminate([] {})) return terminate();
   // A refusal counts only with the leave to ask. That it is granted is of no matter: where it
   // is not, the session ends whatever a program says.
   session.allowsInteraction();
@@ -113,11 +113,12 @@ void QtToolkit::sessionEnds(QSessionManager& session) {
 void QtToolkit::activate(const std::string& activation_token) {
   // Where Qt looks for it, under Wayland; elsewhere the window manager goes by itself.
   if (!activation_token.empty()) qputenv("XDG_ACTIVATION_TOKEN", activation_token.c_str());
+  // The token is good for one window: the one that the person can use now.
+  if (QWidget* const modal = QApplication::activeModalWidget()) {
+    modal->raise();
+    return modal->activateWindow();
+  }
   main_window_->makeKeyAndOrderFront();
-  QWidget* const modal = QApplication::activeModalWidget();
-  if (!modal) return;
-  modal->raise();
-  modal->activateWindow();
 }
 
 std::shared_ptr<void> QtToolkit::beginActivity(std::string_view reason) {
