@@ -9,8 +9,8 @@ readonly packages_build="g++ cmake ninja-build pkg-config qt6-base-dev qt6-base-
   dbus-daemon"
 readonly packages_screen="xvfb openbox xdotool imagemagick fonts-dejavu-core"
 # qflipper and gnome-firmware are peers: only their start is looked at.
-readonly packages_bench="libbenchmark-dev libxcb1-dev libxcb-damage0-dev valgrind binutils python3
-  qflipper gnome-firmware"
+readonly packages_bench_build="libbenchmark-dev libxcb1-dev libxcb-damage0-dev"
+readonly packages_bench="valgrind binutils python3 qflipper gnome-firmware"
 readonly packages_check="clang clang-format clang-tidy libclang-rt-dev"
 readonly packages_package="dpkg-dev file"
 readonly packages_package_check="debootstrap desktop-file-utils appstream lintian man-db udev"
