@@ -300,7 +300,7 @@ TEST(EmulatedBus, TakesADeviceThatIsPluggedInRightAfterItLeft) {
     bus.plug();
     const int node = open(("/dev/bus/usb/001/00" + std::to_string(round + 1)).c_str(), O_RDWR);
     std::array<std::uint8_t, 17> buffer = {0xC0, 0xFE, 6, 0, 0, 0, 9, 0};
-    usbdevfs_urb request{};
+    static usbdevfs_urb request;  // all zeros at first
     request.type = USBDEVFS_URB_TYPE_CONTROL;
     request.buffer = buffer.data();
     request.buffer_length = buffer.size();
