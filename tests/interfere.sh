@@ -47,7 +47,8 @@ question() {
 awake_until() {
   : >"$work/awake"
   xdotool key Return
-  within 10 grep -q "^taken: sleep:idle:handle-lid-switch$" "$work/awake" || fail "$1: not awake"
+  within 10 grep -q "^Inhibit:sleep:idle:handle-lid-switch:QM5 Updater:.*:block$" "$work/awake" ||
+    fail "$1: not awake"
   within 60 "${@:2}" || fail "$1 did not come"
   within 10 grep -q "^released$" "$work/awake" || fail "$1: still awake"
   [ "$(wc -l <"$work/awake")" = 2 ] || fail "$1: $(cat "$work/awake")"

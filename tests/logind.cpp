@@ -23,7 +23,10 @@ class Logind final : public QDBusVirtualObject {
     if (pipe2(ends.data(), O_CLOEXEC) != 0) return false;
     const QDBusUnixFileDescriptor inhibitor(ends[1]);
     close(ends[1]);
-    std::cout << "taken: " << message.arguments().at(0).toString().toStdString() << std::endl;
+    std::cout << message.member().toStdString();
+    for (const QVariant& argument : message.arguments())
+      std::cout << ":" << argument.toString().toStdString();
+    std::cout << std::endl;
     auto* const released = new QSocketNotifier(ends[0], QSocketNotifier::Read, this);
     connect(released, &QSocketNotifier::activated, released, [released] {
       std::cout << "released" << std::endl;

@@ -292,11 +292,6 @@ TEST_F(Shell, DropsAnAlertThatHasNoWindow) {
   EXPECT_EQ(transcript.take(), Lines{});
 }
 
-TEST_F(Shell, AnswersTheToolkitAsItsDelegate) {
-  EXPECT_TRUE(toolkit.delegate->applicationSupportsSecureRestorableState());
-  EXPECT_TRUE(toolkit.delegate->applicationShouldTerminateAfterLastWindowClosed());
-}
-
 TEST_F(Shell, SharesOneDriverAmongControllers) {
   start();
   const auto first = global_driver;
