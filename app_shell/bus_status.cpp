@@ -36,7 +36,7 @@ Shown shownFor(BusState state) {
 }  // namespace
 
 std::shared_ptr<BusStatus> BusStatus::follow() {
-  const std::shared_ptr<BusStatus> status(new BusStatus);
+  std::shared_ptr<BusStatus> status(new BusStatus);
   // The bus reports on threads of its own, and may outlast the window.
   status->presence_.emplace([weak = std::weak_ptr(status)] {
     toolkit().mainQueueAsync([weak] {

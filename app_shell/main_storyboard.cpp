@@ -8,7 +8,7 @@ namespace qm5 {
 MainStoryboard mainStoryboard() {
   const auto delegate = std::make_shared<AppDelegate>();
   return {
-      .makeDelegate = [delegate] { return delegate; },
+      .makeDelegate = [delegate]() -> std::shared_ptr<ApplicationDelegate> { return delegate; },
       .makeMainController =
           [delegate](const std::shared_ptr<Window>& main_window) {
             auto controller = std::make_shared<ViewController>();

@@ -53,7 +53,8 @@ class Screen {
     xcb_change_window_attributes(connection_, root_, XCB_CW_EVENT_MASK, &mask);
     const auto* extension = xcb_get_extension_data(connection_, &xcb_damage_id);
     if (extension == nullptr || extension->present == 0) fail("no DAMAGE extension");
-    Reply<xcb_damage_query_version_reply_t>(xcb_damage_query_version_reply(
+    // The extension serves only those who have asked for its version.
+    const Reply<xcb_damage_query_version_reply_t> version(xcb_damage_query_version_reply(
         connection_, xcb_damage_query_version(connection_, 1, 1), nullptr));
     damage_ = xcb_generate_id(connection_);
     xcb_damage_create(connection_, damage_, root_, XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY);

@@ -119,8 +119,10 @@ int main(int argc, char** argv) {
   qm5::setToolkit(new qm5::WatchedToolkit(std::strtoul(argv[1], nullptr, 10)));
   qm5::MainStoryboard storyboard = qm5::mainStoryboard();
   storyboard.makeMainController = [make = storyboard.makeMainController](const auto& window) {
-    QTimer::singleShot(300,
-                       [] { qobject_cast<QPushButton*>(qm5::findWidget("btnNext"))->click(); });
+    static QTimer press;
+    press.setSingleShot(true);
+    press.callOnTimeout([] { qobject_cast<QPushButton*>(qm5::findWidget("btnNext"))->click(); });
+    press.start(300);
     return make(window);
   };
   return qm5::toolkit().applicationMain(argc, argv, storyboard);

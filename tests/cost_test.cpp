@@ -70,7 +70,7 @@ TEST_P(BlockCost, IsWhatTheProtocolTakesAndNeverMore) {
 INSTANTIATE_TEST_SUITE_P(
     Payloads, BlockCost,
     testing::Values(Blocks{"new blocks", newBlocks(256), {8, 1, 1, 1, 0}},
-                    Blocks{"repeated blocks", Bytes(256 * 64, 0xFF), {1, 1, 1, 1, 0}}),
+                    Blocks{"repeated blocks", Bytes(newBlocks(256).size(), 0xFF), {1, 1, 1, 1, 0}}),
     named);
 
 }  // namespace

@@ -204,7 +204,10 @@ TEST_F(QtWindows, ProgressIsDrawnOnceAFrameToItsLastValueAndHoldsNothingUp) {
       done = i;
     });
   }
-  QTimer::singleShot(1, [&] { done_before_timer = done; });
+  QTimer timer;
+  timer.setSingleShot(true);
+  timer.callOnTimeout([&] { done_before_timer = done; });
+  timer.start(1);
   EXPECT_TRUE(QTest::qWaitFor([&] { return title->text() == QString::number(kSteps); }));
   QTest::qWait(2 * 16);
   const auto frames = static_cast<int>(time.elapsed() / 16 + 1);

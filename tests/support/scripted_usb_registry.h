@@ -39,7 +39,7 @@ class ScriptedUSBRegistry final : public USBRegistry {
   // Script it.
   bool has_port = true;
   bool has_matching = true;
-  void attach(ScriptedService service) { waiting_[kArrivals].push_back(std::move(service)); }
+  void attach(ScriptedService service) { waiting_[kArrivals].push_back(service); }
   /// Has the watch call back on its queue and waits until that has been served.
   void arrive(const std::vector<ScriptedService>& services) { callBack(kArrivals, services); }
   void leave(const std::vector<ScriptedService>& services) { callBack(kRemovals, services); }
@@ -80,7 +80,7 @@ class ScriptedUSBRegistry final : public USBRegistry {
       steps_.note("drained " + std::to_string(iterator));
       return 0;
     }
-    services_[++last_service_] = std::move(waiting.front());
+    services_[++last_service_] = waiting.front();
     waiting.pop_front();
     return last_service_;
   }
