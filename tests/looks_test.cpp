@@ -256,13 +256,18 @@ std::string readAloud(QWidget& top) {
   return told;
 }
 
-const std::string kMain =
-    "window QM5 Updater, picture QM5, title Update the firmware of your QM5, title Until it is "
-    "done, do not unplug the QM5 and\ndo not let the computer sleep., picture Good, button Next, "
-    "button Exit, Tab Next Tab Exit ";
+std::string mainWith(const std::string& sign) {
+  return "window QM5 Updater, picture QM5, title Update the firmware of your QM5, title Until it "
+         "is "
+         "done, do not unplug the QM5 and\ndo not let the computer sleep., picture " +
+         sign + ", button Next, button Exit, Tab Next Tab Exit ";
+}
 std::map<std::string, std::string> expected_aloud = {
-    {"main, connected", kMain},
-    {"main, after alerts", kMain},
+    {"main, absent", mainWith("Information")},
+    {"main, connected", mainWith("Good")},
+    {"main, not permitted", mainWith("Caution")},
+    {"main, unusable", mainWith("Caution")},
+    {"main, after alerts", mainWith("Good")},
     {"Flash firmware error",
      "alert QM5 Updater, picture Warning, title Flash firmware error, button OK, Tab OK "},
     {"exit",
