@@ -5,7 +5,7 @@
 int main(int argc, char** argv) {
   QApplication application(argc, argv);
   QWidget window;
-  window.resize(420, 320);
+  window.resize(542, 297);
   window.show();
   return QApplication::exec();
 }

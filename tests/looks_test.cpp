@@ -241,7 +241,9 @@ std::string readAloud(QWidget& top) {
     const std::string name = nameOf(node.object());
     EXPECT_EQ(name.empty(), kind == kinds.end() && node.childCount() > 0) << node.role();
     EXPECT_EQ(name.find_first_of("<_"), name.npos) << name << ": not as a person would say it";
-    if (kind != kinds.end() && (!label || is_picture || Qt::mightBeRichText(label->text())))
+    const bool is_title =
+        label && (label->font().weight() > QFont::Normal || Qt::mightBeRichText(label->text()));
+    if (kind != kinds.end() && (!label || is_picture || is_title))
       told += kind->second + name + ", ";
     if (auto* value = node.valueInterface())
       told += "at " + value->currentValue().toString().toStdString() + ", ";

@@ -37,6 +37,10 @@ void NativeWindow::setTimer(double interval, std::function<void()> tick) {
   timer_.callOnTimeout(this, std::move(tick));
 }
 
+void NativeWindow::setPainted(std::function<void()> callback) {
+  painted_ = std::move(callback);
+}
+
 void NativeWindow::setVisible(bool visible) {
   if (visible && timer_.interval() > 0) timer_.start();
   if (!visible && isVisible()) {
@@ -49,6 +53,12 @@ void NativeWindow::setVisible(bool visible) {
 
 void NativeWindow::closeEvent(QCloseEvent* event) {
   event->setAccepted(closing_ == Closing::byPerson);
+}
+
+// What is painted reaches the screen only at the end of the turn.
+void NativeWindow::paintEvent(QPaintEvent* event) {
+  QDialog::paintEvent(event);
+  if (painted_) QMetaObject::invokeMethod(this, std::exchange(painted_, {}), Qt::QueuedConnection);
 }
 
 }  // namespace qm5

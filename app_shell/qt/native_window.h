@@ -23,6 +23,9 @@ class NativeWindow : public QDialog {
   /// Has `tick` called every `interval` seconds while the window is on the screen.
   void setTimer(double interval, std::function<void()> tick);
 
+  /// Has `callback` called once, when the window's first picture is on the screen.
+  void setPainted(std::function<void()> callback);
+
   // Qt calls it for every way on and off the screen. On the way off, alerts go first.
   void setVisible(bool visible) override;
   /// Escape takes no window of this program away.
@@ -30,10 +33,12 @@ class NativeWindow : public QDialog {
 
  protected:
   void closeEvent(QCloseEvent* event) override;
+  void paintEvent(QPaintEvent* event) override;
 
  private:
   Closing closing_;
   std::function<void()> will_disappear_;
+  std::function<void()> painted_;
   QTimer timer_;
 };
 

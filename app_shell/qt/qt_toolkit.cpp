@@ -50,14 +50,16 @@ int QtToolkit::applicationMain(int argc, char** argv, const MainStoryboard& stor
   // Qt leaves by exit() when its display has gone, and jobs may be at work then too.
   std::atexit([] { std::_Exit(EXIT_FAILURE); });
   keepTextsOutOfTheLocale();
-  QApplication::setWindowIcon(applicationIcon());
   QApplication::setQuitOnLastWindowClosed(false);
   QObject::connect(&application, &QApplication::lastWindowClosed, [this] { lastWindowClosed(); });
   QObject::connect(&application, &QApplication::commitDataRequest,
                    [this](QSessionManager& session) { sessionEnds(session); });
 
   delegate_ = storyboard.makeDelegate();
-  main_window_ = std::make_shared<QtWindow>(*main_queue_, makeMainLayout(), nullptr);
+  auto layout = makeMainLayout();
+  // The icon is not in the window, so the window does not wait for it.
+  layout->setPainted([] { QApplication::setWindowIcon(applicationIcon()); });
+  main_window_ = std::make_shared<QtWindow>(*main_queue_, std::move(layout), nullptr);
   main_controller_ = storyboard.makeMainController(main_window_);
   main_window_->show();
   delegate_->applicationDidFinishLaunching();

@@ -46,9 +46,7 @@ QtWindow::QtWindow(MainQueue& main_queue, std::unique_ptr<NativeWindow> native,
       buttons_(controlsOf<QtButton, QPushButton>(*native_)),
       text_fields_(controlsOf<QtTextField, QLabel>(*native_)),
       progress_indicators_(controlsOf<QtProgressIndicator, QProgressBar>(*native_)),
-      status_lines_(controlsOf<QtStatusLine, StatusBox>(*native_)) {
-  native_->adjustSize();  // its frame is asked for before it is shown
-}
+      status_lines_(controlsOf<QtStatusLine, StatusBox>(*native_)) {}
 
 QtWindow::QtWindow(MainQueue& main_queue, Size content, const QtWindow* owner)
     : QtWindow(main_queue, std::make_unique<NativeWindow>(NativeWindow::Closing::byProgramOnly),
@@ -58,7 +56,12 @@ QtWindow::QtWindow(MainQueue& main_queue, Size content, const QtWindow* owner)
   layout->setContentsMargins(QMargins());
   layout->setSizeConstraint(QLayout::SetFixedSize);
   layout->addWidget(points_view_);
-  native_->adjustSize();
+}
+
+// Measuring a window's texts takes a while: the start must not wait for that of windows to come.
+const NativeWindow& QtWindow::measured() const {
+  if (!native_->isVisible()) native_->adjustSize();
+  return *native_;
 }
 
 // The window manager tells the margins only some time after the showing. Until then they are
@@ -70,7 +73,7 @@ QMargins QtWindow::frameMargins() const {
 }
 
 Rect QtWindow::frame() const {
-  const QRect area = native_->geometry().marginsAdded(frameMargins());
+  const QRect area = measured().geometry().marginsAdded(frameMargins());
   return {{static_cast<double>(area.x()), turnedOver(area.y(), area.height())},
           {static_cast<double>(area.width()), static_cast<double>(area.height())}};
 }
@@ -89,7 +92,8 @@ void QtWindow::setTitle(std::string_view title) {
 
 std::optional<Size> QtWindow::contentViewSize() const {
   if (points_view_) return points_view_->points();
-  return Size{static_cast<double>(native_->width()), static_cast<double>(native_->height())};
+  const QSize size = measured().size();
+  return Size{static_cast<double>(size.width()), static_cast<double>(size.height())};
 }
 
 std::shared_ptr<Button> QtWindow::button(std::string_view outlet) {
@@ -153,7 +157,7 @@ void QtWindow::addSubview(const PushButton& button) {
 void QtWindow::show() {
   // The font may have changed since. A window that only then grows would lose the place that
   // the window manager picks for it.
-  if (!native_->isVisible()) native_->adjustSize();
+  measured();
   if (owner_) {
     native_->winId();  // makes the native window, which is what can belong to another
     native_->windowHandle()->setTransientParent(owner_->native_->windowHandle());

@@ -48,6 +48,8 @@ class QtWindow : public Window, public std::enable_shared_from_this<QtWindow> {
   template <typename Control>
   using Outlets = std::map<std::string, std::shared_ptr<Control>, std::less<>>;
 
+  // The native window in its right size, also before it is shown.
+  const NativeWindow& measured() const;
   QMargins frameMargins() const;
   PointsView& pointsView();
   // Lets `change` run and keeps the centre of the window where it was.

@@ -3,27 +3,56 @@
 #include <QAccessible>
 #include <QEvent>
 #include <QHBoxLayout>
-#include <QStyle>
+#include <QPainter>
 
 namespace qm5 {
 
 namespace {
 
-struct Sign {
-  QStyle::StandardPixmap picture;
-  const char* name;
-};
+constexpr QColor kBlue(0x2A, 0x7A, 0xD1);
+constexpr QColor kGreen(0x2B, 0x8A, 0x3E);
+constexpr QColor kAmber(0xF2, 0xA9, 0x1E);
+constexpr QColor kDark(0x33, 0x26, 0x00);
 
-Sign signFor(Status status) {
+QPen stroke(QColor colour, double width) {
+  return {colour, width, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin};
+}
+
+// On a square of 24 by 24. Drawn here, as looking through the desktop's theme for a sign takes
+// longer than all the rest of a start.
+void draw(Status status, QPainter& painter) {
+  if (status == Status::caution) {
+    painter.setPen(stroke(kAmber, 3));
+    painter.setBrush(kAmber);
+    painter.drawPolygon(QPolygonF({{12, 4}, {21.5, 20}, {2.5, 20}}));
+    painter.setPen(stroke(kDark, 2.4));
+    painter.drawLine(QPointF(12, 9), QPointF(12, 14));
+    painter.drawPoint(QPointF(12, 18));
+    return;
+  }
+  painter.setPen(Qt::NoPen);
+  painter.setBrush(status == Status::good ? kGreen : kBlue);
+  painter.drawEllipse(QPointF(12, 12), 11, 11);
+  painter.setPen(stroke(Qt::white, 2.4));
+  painter.setBrush(Qt::NoBrush);
+  if (status == Status::good) {
+    painter.drawPolyline(QPolygonF({{7, 12.5}, {10.5, 16}, {17, 8.5}}));
+  } else {
+    painter.drawPoint(QPointF(12, 7));
+    painter.drawLine(QPointF(12, 11), QPointF(12, 17));
+  }
+}
+
+const char* nameOf(Status status) {
   switch (status) {
     case Status::good:
-      return {QStyle::SP_DialogApplyButton, "Good"};
+      return "Good";
     case Status::caution:
-      return {QStyle::SP_MessageBoxWarning, "Caution"};
+      return "Caution";
     case Status::information:
       break;
   }
-  return {QStyle::SP_MessageBoxInformation, "Information"};
+  return "Information";
 }
 
 }  // namespace
@@ -34,11 +63,9 @@ StatusBox::StatusBox(QWidget* parent)
   auto* layout = new QHBoxLayout(this);
   layout->setSpacing(12);
   layout->addWidget(sign_);
-  sign_->setAlignment(Qt::AlignCenter);
   layout->addWidget(text_, 1);
   text_->setObjectName("txtStatus");
   text_->setTextFormat(Qt::PlainText);
-  drawSign();
 }
 
 void StatusBox::setStatus(Status status, const QString& text) {
@@ -50,20 +77,26 @@ void StatusBox::setStatus(Status status, const QString& text) {
   QAccessible::updateAccessibility(&changed);
 }
 
-void StatusBox::changeEvent(QEvent* event) {
-  QFrame::changeEvent(event);
-  if (event->type() == QEvent::StyleChange || event->type() == QEvent::FontChange) drawSign();
+// The sign is as large as the text, so it waits until the fonts are needed anyway.
+bool StatusBox::event(QEvent* event) {
+  if (event->type() == QEvent::Polish || event->type() == QEvent::FontChange) drawSign();
+  return QFrame::event(event);
 }
 
-// Two lines of text high, so that it grows with the font. Its room is the same for all signs,
-// those that the desktop has smaller too: the text does not move, and the window does not grow.
+// Two lines of text high, so that it grows with the font.
 void StatusBox::drawSign() {
-  const int line = fontMetrics().height();
-  const QSize size(2 * line, 2 * line);
-  const auto [picture, name] = signFor(status_);
-  sign_->setFixedSize(size);
-  sign_->setPixmap(style()->standardIcon(picture, nullptr, this).pixmap(size, devicePixelRatioF()));
-  sign_->setAccessibleName(name);
+  const int size = 2 * fontMetrics().height();
+  QPixmap picture((QSizeF(size, size) * devicePixelRatioF()).toSize());
+  picture.setDevicePixelRatio(devicePixelRatioF());
+  picture.fill(Qt::transparent);
+  QPainter painter(&picture);
+  painter.setRenderHint(QPainter::Antialiasing);
+  painter.scale(size / 24.0, size / 24.0);
+  draw(status_, painter);
+  painter.end();
+  sign_->setFixedSize(size, size);
+  sign_->setPixmap(picture);
+  sign_->setAccessibleName(nameOf(status_));
 }
 
 }  // namespace qm5

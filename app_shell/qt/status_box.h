@@ -14,11 +14,11 @@ class StatusBox : public QFrame {
 
   /// The longest text that the box will show: it has room for it from the start.
   void setLongestText(const QString& text) { text_->setWidestText(text); }
-  /// Shows the desktop's own sign for `status`, and tells assistive technology of the change.
+  /// Shows the sign for `status`, and tells assistive technology of the change.
   void setStatus(Status status, const QString& text);
 
  protected:
-  void changeEvent(QEvent* event) override;
+  bool event(QEvent* event) override;
 
  private:
   void drawSign();
