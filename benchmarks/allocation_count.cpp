@@ -17,7 +17,8 @@ std::size_t allocationCount() {
 
 }  // namespace qm5
 
-// The other forms of new end in this one, those of delete in std::free.
+// The other forms of new for what is not over-aligned end in this one, those of delete in
+// std::free. Nothing here is over-aligned.
 void* operator new(std::size_t size) {
   ++count;
   if (void* const memory = std::malloc(size == 0 ? 1 : size)) return memory;

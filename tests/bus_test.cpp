@@ -17,6 +17,7 @@
 #include <set>
 #include <thread>
 
+#include "benchmarks/allocation_count.h"
 #include "device_link/driver.h"
 #include "device_monitor/libusb/libusb_registry.h"
 #include "simulator/emulated_bus.h"
@@ -124,9 +125,14 @@ TEST_F(Bus, AnnouncesADeviceThatIsThereAlreadyAndReadsItsVersion) {
   const Lines lines = announced(1);
   EXPECT_EQ(lines, Lines{"connected " + std::to_string(record_.id) + " QM5 [USBMonitor]"});
   EXPECT_EQ(qm5.requestCount(), 0U) << "discovery sends nothing";
-  EXPECT_EQ(global_driver->usb_read(0xC0, 0xFE, 6, 0, 9), (Bytes{0x01, 0x42, 0, 0, 0, 0, 0, 0, 0}));
-  EXPECT_EQ(global_driver->usb_write(0x40, 0xFD, 0x1E, 4, Bytes{'S', 'F', 'W', 'i'}), 4U);
+  const Bytes command{'S', 'F', 'W', 'i'};
+  std::size_t allocations = allocationCount();
+  const auto version = global_driver->usb_read(0xC0, 0xFE, 6, 0, 9);
+  EXPECT_EQ(global_driver->usb_write(0x40, 0xFD, 0x1E, 4, command), 4U);
+  allocations = allocationCount() - allocations;
+  EXPECT_EQ(version, (Bytes{0x01, 0x42, 0, 0, 0, 0, 0, 0, 0}));
   EXPECT_EQ(qm5.requestCount(), 2U);
+  EXPECT_EQ(allocations, 1U) << "the reply";
 }
 
 TEST_F(Bus, GivesEachArrivalItsOwnIdAndClosesWhatHasLeft) {

@@ -64,7 +64,7 @@ TEST_P(BlockCost, IsWhatTheProtocolTakesAndNeverMore) {
   EXPECT_EQ(device.requests().polls - before.polls, blocks * poll + 1);
   EXPECT_EQ(device.requests().data_reads - before.data_reads, blocks * read + 1);
   EXPECT_EQ(device.requests().others - before.others, blocks * other);
-  EXPECT_LE(allocations / blocks, kAllocationsABlock);
+  EXPECT_EQ(allocations / blocks, kAllocationsABlock);
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -12,25 +12,13 @@ constexpr std::chrono::milliseconds kRest{20};
 
 }  // namespace
 
-EventTurns::Request::Request(EventTurns& turns) : turns_(turns) {
-  ++turns_.begun_;
-  if (turns_.monitor_handles_) libusb_interrupt_event_handler(turns_.context_);
-}
-
-EventTurns::Request::~Request() {
-  ++turns_.ended_;
-}
-
 int EventTurns::handleEvents() {
   // Looked at from time to time only: to be woken would cost every request.
   for (std::uint64_t begun = begun_; begun != begun_before_ || begun != ended_; begun = begun_) {
     begun_before_ = begun;
     std::this_thread::sleep_for(kRest);
   }
-  monitor_handles_ = true;
-  const int result = libusb_handle_events(context_);
-  monitor_handles_ = false;
-  return result;
+  return libusb_handle_events(context_);
 }
 
 }  // namespace qm5

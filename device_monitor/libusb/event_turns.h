@@ -21,8 +21,8 @@ class EventTurns {
   /// The turn of a request; lives as long as it. Any thread.
   class Request {
    public:
-    explicit Request(EventTurns& turns);
-    ~Request();
+    explicit Request(EventTurns& turns) : turns_(turns) { ++turns_.begun_; }
+    ~Request() { ++turns_.ended_; }
     Request(const Request&) = delete;
     Request& operator=(const Request&) = delete;
 
@@ -30,13 +30,12 @@ class EventTurns {
     EventTurns& turns_;
   };
 
-  /// The turn of the monitor's thread: waits until requests have rested, then handles events,
-  /// or waits for one, until a request comes. Returns libusb's own result.
+  /// The turn of the monitor's thread: waits until requests have rested, then handles events or
+  /// waits for one, the end of the next request among them. Returns libusb's own result.
   int handleEvents();
 
  private:
   libusb_context* context_ = nullptr;
-  std::atomic<bool> monitor_handles_ = false;
   std::atomic<std::uint64_t> begun_ = 0;  // requests
   std::atomic<std::uint64_t> ended_ = 0;
   std::uint64_t begun_before_ = 0;  // as the monitor's thread last saw it
