@@ -1,11 +1,13 @@
-// first_window PROGRAM [ARGUMENT...]: how long a program takes from its start to its first
-// painted window, and how much memory it has used by then.
+// first_window [--mapped] PROGRAM [ARGUMENT...]: how long a program takes from its start to its
+// first painted window, and how much memory it has used by then.
 //
 // It looks on from outside, by the X protocol alone, so that it can compare programs of any
 // toolkit. It needs a screen of its own without a window manager, whose root is black: a window
 // counts as painted when any pixel of its middle row is another than that. Prints milliseconds
 // and kilobytes (the peak of the resident set), drops what the program prints, and ends it.
-// Exits with 1 when no window was painted within 20 s or the program ended before.
+// With --mapped it is content with an unpainted window, for programs that paint only when a
+// window manager has given theirs its size.
+// Exits with 1 when no window came within 20 s or the program ended before.
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
@@ -19,6 +21,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
@@ -79,6 +82,8 @@ class Screen {
     return false;
   }
 
+  bool isMapped() { return mapped_ != XCB_NONE; }
+
   /// Whether the window that was mapped last shows anything. One row is enough to tell, and
   /// more would keep the server from serving the program.
   bool isPainted() {
@@ -110,11 +115,11 @@ class Screen {
   xcb_window_t mapped_ = XCB_NONE;
 };
 
-/// The moment at which a window of the program is painted; empty when that never happens.
-std::optional<Clock::time_point> awaitPaint(Screen& screen, pid_t process) {
+/// The moment at which the program has a window that `is_there`; empty when that never happens.
+std::optional<Clock::time_point> await(bool (Screen::*is_there)(), Screen& screen, pid_t process) {
   const auto deadline = Clock::now() + kPatience;
   while (screen.wait(deadline)) {
-    if (screen.isPainted()) return Clock::now();
+    if ((screen.*is_there)()) return Clock::now();
     if (waitpid(process, nullptr, WNOHANG) == process) fail("the program ended without a window");
   }
   return std::nullopt;
@@ -123,7 +128,9 @@ std::optional<Clock::time_point> awaitPaint(Screen& screen, pid_t process) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) fail("usage: first_window PROGRAM [ARGUMENT...]");
+  const bool mapped = argc > 1 && std::strcmp(argv[1], "--mapped") == 0;
+  char** const command = argv + (mapped ? 2 : 1);
+  if (*command == nullptr) fail("usage: first_window [--mapped] PROGRAM [ARGUMENT...]");
   Screen screen;
   posix_spawn_file_actions_t quiet;
   posix_spawn_file_actions_init(&quiet);
@@ -131,13 +138,13 @@ int main(int argc, char** argv) {
     posix_spawn_file_actions_addopen(&quiet, output, "/dev/null", O_WRONLY, 0);
   pid_t process = 0;
   const auto start = Clock::now();
-  if (posix_spawnp(&process, argv[1], &quiet, nullptr, argv + 1, environ) != 0)
-    fail(std::string(argv[1]) + " can't be started");
-  const auto painted = awaitPaint(screen, process);
-  const long kilobytes = painted ? qm5::peakMemory(std::to_string(process)) : 0;
+  if (posix_spawnp(&process, *command, &quiet, nullptr, command, environ) != 0)
+    fail(std::string(*command) + " can't be started");
+  const auto seen = await(mapped ? &Screen::isMapped : &Screen::isPainted, screen, process);
+  const long kilobytes = seen ? qm5::peakMemory(std::to_string(process)) : 0;
   kill(process, SIGKILL);
   waitpid(process, nullptr, 0);
-  if (!painted) fail("no window was painted");
-  const auto time = std::chrono::duration<double, std::milli>(*painted - start);
+  if (!seen) fail("no window came");
+  const auto time = std::chrono::duration<double, std::milli>(*seen - start);
   std::printf("%.1f %ld\n", time.count(), kilobytes);
 }
