@@ -279,8 +279,8 @@ std::map<std::string, std::string> expected_aloud = {
      "window Updating the QM5, title Do not unplug the QM5, bar Progress of the update, at 375, "
      "button Abort, Tab Abort "},
     {"finish",
-     "window Firmware update successful!, picture QM5, button Confirm & Exit, Tab Confirm & "
-     "Exit "}};
+     "window Firmware update successful!, picture QM5, title Firmware update successful!, button "
+     "Confirm & Exit, Tab Confirm & Exit "}};
 
 std::map<std::string, int> announcements;  // by the name of the widget
 

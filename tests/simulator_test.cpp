@@ -1,4 +1,4 @@
-// The software QM5: good updates, wrong images, every way to break the protocol, faults, the
+// The software QM5: good updates, wrong images, every way to break the protocol, the
 // loss of power in the middle of anything; and qm5-simulator around it.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -199,40 +199,6 @@ const std::vector<Sent> kUnderWay = {
     {"the payload", {kOpen, task("SFWd", 64)}, 0},
     {"secure data", {kOpen, task("SFWs", 64)}, 0x80}};
 INSTANTIATE_TEST_SUITE_P(Each, PowerCycle, testing::ValuesIn(kUnderWay), named);
-
-// --- faults ---
-
-struct Faulty {
-  std::string name;  // the fault as on the command line
-  ControlStatus status;
-  Bytes reply;
-};
-QM5_PRINTS_NAME(Faulty)
-
-// What the host reads of the second SFWd's reply.
-class OneFault : public testing::TestWithParam<Faulty> {};
-TEST_P(OneFault, HitsItsPointAndGoesWithAPowerCycle) {
-  FaultyQm5 device;
-  act(device, {fault(GetParam().name), kOpen, task("SFWd", 64)});
-  send(device, registerWrite(0x1F, Bytes(64, 0x21)));
-  start(device, "SFWd");
-  for (int poll = 0; poll < 3; ++poll) read(device, 0x1E, 5);
-  const ControlResult reply = read(device, 0x1F, 2);
-  EXPECT_EQ(reply.status, GetParam().status);
-  EXPECT_EQ(reply.data, GetParam().reply);
-  EXPECT_EQ(reply.comes_back, GetParam().name == "SFWd:2=replug");
-  device.powerCycle();
-  EXPECT_EQ(update(device, image()), 0);
-}
-INSTANTIATE_TEST_SUITE_P(
-    Each, OneFault,
-    testing::Values(Faulty{"SFWd:2=stall", ControlStatus::stall, {}},
-                    Faulty{"SFWd:2=result:13", ControlStatus::ok, {0x40, 0x0D}},
-                    Faulty{"SFWd:2=short:1", ControlStatus::ok, {0x40}},
-                    Faulty{"SFWd:2=silent", ControlStatus::pending, {}},
-                    Faulty{"SFWd:2=busy", ControlStatus::ok, {0x40, 0x21}},  // still the input
-                    Faulty{"SFWd:2=replug", ControlStatus::gone, {}}),
-    named);
 
 // --- the simulator around the device ---
 

@@ -200,14 +200,6 @@ TEST_F(Engine, RefusesAnImageByLengthFirstAndThenByItsMagic) {
   }
 }
 
-TEST_F(Engine, AcceptsAnImageWithAnEmptyPayload) {
-  Bytes image = makeImage();
-  image.resize(772);
-  expectSFWi();
-  for (std::uint8_t k = 7; k <= 12; ++k) expectSFWs(Bytes(64, k));
-  EXPECT_TRUE(secure_update_binary(*global_driver, image, {}, "PSS", true));
-}
-
 TEST_F(Engine, SendsSignatureThenKeyUnlessThePaddingIsAnother) {
   std::string signature = "out: RSA signature: ";
   for (const char* digits : {"07", "08", "09", "0a", "0b", "0c"})

@@ -301,18 +301,6 @@ TEST_F(Shell, SharesOneDriverAmongControllers) {
   EXPECT_EQ(global_driver, first);
 }
 
-TEST_F(Shell, HasNoVersionWithoutTheProcesssDriver) {
-  start();
-  attach(0x420A);
-  const auto driver = std::exchange(global_driver, nullptr);
-  toolkit.main->press("btnNext");
-  toolkit.runUntilAlert();
-  const Lines lines = transcript.take();
-  EXPECT_EQ(std::count(lines.begin(), lines.end(), "log: Get customer version error."), 1);
-  toolkit.answer(kOK);
-  global_driver = driver;
-}
-
 using ShellDeathTest = Shell;
 
 TEST_F(ShellDeathTest, StopsTheProgramWithoutAPartOfItsLayout) {
