@@ -135,12 +135,5 @@ TEST_F(Monitor, ReportsARemovalByIdAndSaysWhenTheServiceCanNotBeReleased) {
                                       "disconnected 8 [queue]"}));
 }
 
-TEST(RequestType, IsComposedOfDirectionTypeAndRecipient) {
-  EXPECT_EQ(USBmakebmRequestType(1, 2, 0), 0xC0);
-  EXPECT_EQ(USBmakebmRequestType(0, 2, 0), 0x40);
-  EXPECT_EQ(USBmakebmRequestType(3, 0, 0), 0x80);
-  EXPECT_EQ(USBmakebmRequestType(0, 7, 0x3F), 0x7F);
-}
-
 }  // namespace
 }  // namespace qm5::test

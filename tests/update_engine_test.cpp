@@ -134,12 +134,6 @@ TEST_F(Engine, ReportsWholePercentagesBeforeEachChunk) {
   }
 }
 
-TEST_F(Engine, WritesLessThanOneChunkWhenNobodyAsksForAPercentage) {
-  expectSFWi();
-  expectSFWd(grouper(Bytes(63), 0xFF, 64)[0]);
-  EXPECT_TRUE(common_update(*global_driver, Bytes(63), {}));
-}
-
 TEST_F(Engine, RetriesABlockOnceAfterAPauseAndTellsTheSecondFailure) {
   // By the second attempt's result.
   const Lines failures = {"",

@@ -283,15 +283,6 @@ TEST_F(Shell, EndsWhenAskedFromOutsideUnlessAnUpdateRunsWhichAsksOnce) {
   EXPECT_EQ(transcript.take().back(), "terminate");
 }
 
-TEST_F(Shell, DropsAnAlertThatHasNoWindow) {
-  start();
-  toolkit.main.reset();
-  transcript.take();
-  controller->dialogErrorStop("T", "M");
-  controller->showExitConfirmation();
-  EXPECT_EQ(transcript.take(), Lines{});
-}
-
 TEST_F(Shell, SharesOneDriverAmongControllers) {
   start();
   const auto first = global_driver;
