@@ -47,6 +47,7 @@ QM5_PRINTS_NAME(Blocks)
 
 // Title and line, two for the group, the replies to poll and read, three for the decoded one.
 constexpr std::size_t kAllocationsABlock = 9;
+constexpr std::size_t kAllocationsAround = 13;
 
 class BlockCost : public testing::TestWithParam<Blocks> {};
 
@@ -64,7 +65,8 @@ TEST_P(BlockCost, IsWhatTheProtocolTakesAndNeverMore) {
   EXPECT_EQ(device.requests().polls - before.polls, blocks * poll + 1);
   EXPECT_EQ(device.requests().data_reads - before.data_reads, blocks * read + 1);
   EXPECT_EQ(device.requests().others - before.others, blocks * other);
-  EXPECT_EQ(allocations / blocks, kAllocationsABlock);
+
+  EXPECT_LE(allocations, blocks * kAllocationsABlock + kAllocationsAround);
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -188,6 +188,7 @@ TEST_F(Program, SendsExactlyTheRequestsOfAnUpdateAndNothingElse) {
     awaitDevice();
     press("Next");
     expectSuccess();
+    EXPECT_FALSE(onMain([] { return QApplication::windowIcon().isNull(); }));
     press("Confirm  Exit");
   });
   EXPECT_EQ(qm5.breaches(), std::vector<std::string>{});

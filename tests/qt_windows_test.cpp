@@ -233,6 +233,24 @@ TEST_F(QtWindows, FramesCountFromTheLowerLeftOfTheScreen) {
   EXPECT_EQ(window->frame().origin.y, 0);
 }
 
+TEST_F(QtWindows, HeadlineAndSignGrowWithTheFont) {
+  const auto window = mainWindow();
+  const QWidget* shown = show(*window);
+  const auto sizes = [&] {
+    QTest::qWait(1);
+    const auto* box = shown->findChild<QWidget*>("busStatus");
+    return std::pair(shown->findChild<QLabel*>("txtHeadline")->height(),
+                     box->findChildren<QLabel*>().first()->height());
+  };
+  const auto before = sizes();
+  QFont font = QApplication::font();
+  font.setPointSizeF(2 * font.pointSizeF());
+  QApplication::setFont(font);
+  const auto after = sizes();
+  EXPECT_NEAR(after.first, 2 * before.first, 2);
+  EXPECT_NEAR(after.second, 2 * before.second, 2);
+}
+
 // --- the application's own end ---
 
 struct TellingDelegate : ApplicationDelegate {

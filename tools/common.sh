@@ -1,5 +1,5 @@
-# What ./run, ./test, ./package and .ci/run share: installing what is missing, building, a virtual
-# screen. Sourced by bash from the project's folder.
+# What ./run, ./test, ./package, ./bench and .ci/run share: installing what is missing, building.
+# Sourced by bash from the project's folder.
 
 say() { printf '== %s\n' "$*"; }
 

@@ -1,18 +1,29 @@
 #include "app_shell/qt/headline_label.h"
 
-#include <QApplication>
 #include <QEvent>
 
 namespace qm5 {
 
-bool HeadlineLabel::event(QEvent* event) {
-  if (event->type() == QEvent::Polish || event->type() == QEvent::ApplicationFontChange) {
-    QFont font = QApplication::font(this);
-    font.setPointSizeF(QFontInfo(font).pointSizeF() * scale_);
-    font.setWeight(QFont::DemiBold);
-    setFont(font);
-  }
-  return QLabel::event(event);
+HeadlineLabel::HeadlineLabel(QWidget* parent) : QLabel(parent) {
+  parent->installEventFilter(this);
+}
+
+void HeadlineLabel::setScale(double scale) {
+  scale_ = scale;
+  enlarge();
+}
+
+// The parent's change does not reach a child whose size is its own.
+bool HeadlineLabel::eventFilter(QObject*, QEvent* event) {
+  if (event->type() == QEvent::FontChange) enlarge();
+  return false;
+}
+
+void HeadlineLabel::enlarge() {
+  QFont font = parentWidget()->font();
+  font.setPointSizeF(QFontInfo(font).pointSizeF() * scale_);
+  font.setWeight(QFont::DemiBold);
+  setFont(font);
 }
 
 }  // namespace qm5

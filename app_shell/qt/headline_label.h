@@ -1,5 +1,5 @@
-// A line of text that is larger and bolder than the others, also after the font has changed.
-// Rich text would do the same, but it is laid out at once, in the middle of the start.
+// A line of text that is larger and bolder than those around it, also after their font has changed.
+// Rich text would do the same, but costs a start more than the line is worth.
 #pragma once
 
 #include <QLabel>
@@ -8,15 +8,17 @@ namespace qm5 {
 
 class HeadlineLabel : public QLabel {
  public:
-  using QLabel::QLabel;
+  explicit HeadlineLabel(QWidget* parent);
 
-  /// How many times as large it is as the others. Has to be set before it is shown.
-  void setScale(double scale) { scale_ = scale; }
+  /// How many times as large as its parent's text.
+  void setScale(double scale);
 
  protected:
-  bool event(QEvent* event) override;
+  bool eventFilter(QObject* parent, QEvent* event) override;
 
  private:
+  void enlarge();
+
   double scale_ = 1;
 };
 

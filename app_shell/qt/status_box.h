@@ -18,7 +18,7 @@ class StatusBox : public QFrame {
   void setStatus(Status status, const QString& text);
 
  protected:
-  bool event(QEvent* event) override;
+  void changeEvent(QEvent* event) override;
 
  private:
   void drawSign();
