@@ -1,5 +1,6 @@
-// empty_window [TEXT]: the floor of a start: one empty window of Qt Widgets, as large as the
-// program's main window. With a text it shows that one, which is the floor of all that have any.
+// empty_window [TEXT]: the floor of a start: one empty window of Qt Widgets, about as large
+// as the program's main window. With a text it shows that one, which is the floor of all that have
+// any.
 #include <QApplication>
 #include <QLabel>
 

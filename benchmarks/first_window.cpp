@@ -3,8 +3,9 @@
 //
 // It looks on from outside, by the X protocol alone, so that it can compare programs of any
 // toolkit. It needs a screen of its own without a window manager, whose root is black: a window
-// counts as painted when any pixel of its middle row is another than that. Prints milliseconds
-// and kilobytes (the peak of the resident set), drops what the program prints, and ends it.
+// counts as painted when any pixel of its middle row is another than that. Prints milliseconds,
+// kilobytes (the peak of the resident set) and how many shared libraries are loaded, those that the
+// program opens by itself too; drops what the program prints, and ends it.
 // With --mapped it is content with an unpainted window, for programs that paint only when a
 // window manager has given theirs its size.
 // Exits with 1 when no window came within 20 s or the program ended before.
@@ -22,8 +23,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "benchmarks/peak_memory.h"
@@ -125,6 +128,16 @@ std::optional<Clock::time_point> await(bool (Screen::*is_there)(), Screen& scree
   return std::nullopt;
 }
 
+// Of those that the process has open now, plug-ins included.
+std::size_t sharedLibraries(pid_t process) {
+  std::ifstream maps("/proc/" + std::to_string(process) + "/maps");
+  std::set<std::string> libraries;
+  for (std::string line; std::getline(maps, line);) {
+    if (line.find(".so") != line.npos) libraries.insert(line.substr(line.find('/')));
+  }
+  return libraries.size();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -142,9 +155,10 @@ int main(int argc, char** argv) {
     fail(std::string(*command) + " can't be started");
   const auto seen = await(mapped ? &Screen::isMapped : &Screen::isPainted, screen, process);
   const long kilobytes = seen ? qm5::peakMemory(std::to_string(process)) : 0;
+  const std::size_t libraries = sharedLibraries(process);
   kill(process, SIGKILL);
   waitpid(process, nullptr, 0);
   if (!seen) fail("no window came");
   const auto time = std::chrono::duration<double, std::milli>(*seen - start);
-  std::printf("%.1f %ld\n", time.count(), kilobytes);
+  std::printf("%.1f %ld %zu\n", time.count(), kilobytes, libraries);
 }

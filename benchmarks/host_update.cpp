@@ -1,7 +1,7 @@
-// host_update BLOCKS [ROUNDS]: updates by the update engine, in process, with a device that is
-// ready at once. Writes one line of JSON on standard error: nanoseconds of processor time a block,
-// and the peak of the resident set in kilobytes. The program's own lines go to standard output, as
-// ever.
+// host_update BLOCKS [ROUNDS [repeated]]: updates by the update engine, in process, with a
+// device that is ready at once, from an image of new blocks or of one that is repeated. Writes one
+// line of JSON on standard error: nanoseconds of processor time a block, and the peak of the
+// resident set in kilobytes. The program's own lines go to standard output, as ever.
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -22,9 +22,10 @@ double processorTime() {
   return static_cast<double>(time.tv_sec) * 1e9 + static_cast<double>(time.tv_nsec);
 }
 
-void run(std::size_t image_blocks, std::size_t rounds) {
+void run(std::size_t image_blocks, std::size_t rounds, bool repeated) {
   new ReadyLink;
-  const Bytes image = unsignedImage(image_blocks);
+  Bytes image = unsignedImage(image_blocks);
+  if (repeated) std::fill(image.begin() + kImagePayloadStart, image.end(), std::uint8_t{0xFF});
   double shown = 0;
   const ProgressCallback progress = [&](std::string_view, double percent) { shown = percent; };
   const double start = processorTime();
@@ -43,6 +44,7 @@ void run(std::size_t image_blocks, std::size_t rounds) {
 int main(int argc, char** argv) {
   if (argc < 2) return 2;
   qm5::setSystemLog([](std::string_view) {});
-  qm5::run(std::strtoul(argv[1], nullptr, 10), argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 1);
+  qm5::run(std::strtoul(argv[1], nullptr, 10), argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 1,
+           argc > 3);
   std::_Exit(0);  // the link's monitor may be anywhere
 }
