@@ -63,7 +63,7 @@ class Windows : public LinkedDevice {
 
   void lookAtAll(const std::function<void(const std::string& state, QWidget& top)>& look) {
     toolkit_.look = [&look](const std::string& state) {
-      QTest::qWait(20);  // a frame
+      QTest::qWait(40);  // more than the longest rest between two drawings
       SCOPED_TRACE(state);
       QWidget* modal = QApplication::activeModalWidget();
       look(state, modal ? *modal : *QApplication::activeWindow());

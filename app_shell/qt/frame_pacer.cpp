@@ -7,7 +7,9 @@ namespace qm5 {
 
 namespace {
 
-constexpr int kFrame = 16;  // milliseconds
+// In milliseconds: two frames of a usual screen. Nobody can read a text that changes more often,
+// and each drawing takes time from the update where cores are few.
+constexpr int kFrames = 33;
 
 }  // namespace
 
@@ -18,7 +20,7 @@ FramePacer::FramePacer(QWidget& widget, std::function<void()> draw)
 
 void FramePacer::changed() {
   undrawn_ = true;
-  if (!frame_.isActive() || !widget_.isVisible()) drawChange();
+  if (!rest_.isActive() || !widget_.isVisible()) drawChange();
 }
 
 bool FramePacer::eventFilter(QObject*, QEvent* event) {
@@ -27,14 +29,14 @@ bool FramePacer::eventFilter(QObject*, QEvent* event) {
 }
 
 void FramePacer::timerEvent(QTimerEvent*) {
-  frame_.stop();
+  rest_.stop();
   drawChange();
 }
 
 void FramePacer::drawChange() {
   if (!std::exchange(undrawn_, false)) return;
   draw_();
-  frame_.start(kFrame, this);
+  rest_.start(kFrames, this);
 }
 
 }  // namespace qm5

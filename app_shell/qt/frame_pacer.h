@@ -7,9 +7,9 @@
 
 namespace qm5 {
 
-/// Calls `draw`, which shows the last change in `widget`, at most once a frame: at once after
-/// a rest, and otherwise at the frame's end, however many changes it brought. A hidden widget
-/// is never behind. Main thread.
+/// Calls `draw`, which shows the last change in `widget`, at most every other frame: at once after
+/// a rest, and otherwise when it is over, however many changes it brought. A hidden widget is
+/// never behind. Main thread.
 class FramePacer : public QObject {
  public:
   FramePacer(QWidget& widget, std::function<void()> draw);
@@ -26,8 +26,8 @@ class FramePacer : public QObject {
 
   QWidget& widget_;
   std::function<void()> draw_;
-  QBasicTimer frame_;
-  bool undrawn_ = false;  // changed during this frame
+  QBasicTimer rest_;      // since the last drawing
+  bool undrawn_ = false;  // changed during it
 };
 
 }  // namespace qm5

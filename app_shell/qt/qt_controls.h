@@ -1,5 +1,5 @@
 // The controls of a window, as the port has them. Each lasts as long as its window. What
-// changes all the time in an update, the texts and the bar, is shown once a frame.
+// changes all the time in an update, the texts and the bar, is shown every other frame.
 #pragma once
 
 #include <QLabel>
