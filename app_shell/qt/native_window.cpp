@@ -38,7 +38,9 @@ void NativeWindow::setTimer(double interval, std::function<void()> tick) {
 }
 
 void NativeWindow::setPainted(std::function<void()> callback) {
-  painted_ = std::move(callback);
+  after_paint_.setSingleShot(true);
+  after_paint_.callOnTimeout(this, std::move(callback));
+  awaits_paint_ = true;
 }
 
 void NativeWindow::setVisible(bool visible) {
@@ -58,7 +60,7 @@ void NativeWindow::closeEvent(QCloseEvent* event) {
 // What is painted reaches the screen only at the end of the turn.
 void NativeWindow::paintEvent(QPaintEvent* event) {
   QDialog::paintEvent(event);
-  if (painted_) QMetaObject::invokeMethod(this, std::exchange(painted_, {}), Qt::QueuedConnection);
+  if (std::exchange(awaits_paint_, false)) after_paint_.start(0);
 }
 
 }  // namespace qm5

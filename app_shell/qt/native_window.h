@@ -38,8 +38,9 @@ class NativeWindow : public QDialog {
  private:
   Closing closing_;
   std::function<void()> will_disappear_;
-  std::function<void()> painted_;
   QTimer timer_;
+  bool awaits_paint_ = false;
+  QTimer after_paint_;
 };
 
 }  // namespace qm5
