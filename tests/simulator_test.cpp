@@ -1,5 +1,6 @@
-// The software QM5: good updates, wrong images, every way to break the protocol; and
-// qm5-simulator around it. What its faults do to an update, the sweep of all of them shows.
+// The software QM5: good updates, wrong images, every way to break the protocol, the loss of
+// power in the middle of anything; and qm5-simulator around it. What its faults do to an update,
+// the sweep of all of them shows.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -123,6 +124,10 @@ Step task(std::string_view name, std::size_t length, std::uint8_t fill = 0) {
   return [=](FaultyQm5& device) { return runTask(device, name, Bytes(length, fill)).at(1); };
 }
 const Step kOpen = task("SFWi", 0);
+Step fault(std::string_view text) {
+  return [=](FaultyQm5& device) { return device.addFault(parseFault(text).value()), 0; };
+}
+
 int act(FaultyQm5& device, const std::vector<Step>& steps) {
   int last = 0;
   for (const Step& step : steps) last = step(device);
@@ -169,6 +174,39 @@ const std::vector<Sent> kWrongs = {
     {"SFWd repeats a block that was not the previous one", {kOpen, task("SFWd", 4, 0xFE)}, 0xF},
     {"SFWd without data", {kOpen, task("SFWd", 64), task("SFWd", 0)}, 0xF}};
 INSTANTIATE_TEST_SUITE_P(Each, Breach, testing::ValuesIn(kWrongs), named);
+
+// What a device answers that has just come up, to questions that tell what it remembers.
+std::vector<Bytes> answersAfterPowerCycle(FaultyQm5& device) {
+  device.powerCycle();
+  return {read(device, 0x1E, 5).data,
+          read(device, 0x1F, 65).data,
+          {chunk(0x1F, 0, 2)(device) == kStall},
+          runTask(device, "SFWd", Bytes(64, 0x77))};
+}
+
+class PowerCycle : public testing::TestWithParam<Sent> {};
+TEST_P(PowerCycle, ForgetsWhatIsUnderWay) {
+  FaultyQm5 fresh, device{Qm5Model(kSlowEnd)};
+  EXPECT_EQ(act(device, GetParam().steps), GetParam().answer);
+  EXPECT_EQ(answersAfterPowerCycle(device), answersAfterPowerCycle(fresh));
+  EXPECT_EQ(update(device, image()), 0);
+}
+const std::vector<Sent> kUnderWay = {
+    {"a busy task", {command("SFWs")}, 0},
+    {"a task that hangs", {fault("SFWi:1=busy"), command("SFWi")}, 0},
+    {"half a write", {chunk(0x1F, 64, 8)}, 0},
+    {"a refused command", {command("SFWx")}, kUnknown},
+    {"a reply not read", {fault("SFWi:1=stall"), command("SFWi")}, 0},
+    {"the payload", {kOpen, task("SFWd", 64)}, 0},
+    {"secure data", {kOpen, task("SFWs", 64)}, 0x80}};
+INSTANTIATE_TEST_SUITE_P(Each, PowerCycle, testing::ValuesIn(kUnderWay), named);
+
+TEST(TaskFault, HitsTheTaskOfItsNumberAlone) {
+  FaultyQm5 device;
+  EXPECT_EQ(act(device, {fault("SFWd:2=result:13"), kOpen, task("SFWd", 64)}), 0);
+  EXPECT_EQ(act(device, {task("SFWd", 64, 1)}), 13);
+  EXPECT_EQ(act(device, {task("SFWd", 64, 2)}), 0);
+}
 
 // --- the simulator around the device ---
 
