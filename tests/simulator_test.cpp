@@ -196,6 +196,7 @@ const std::vector<Sent> kUnderWay = {
     {"a task that hangs", {fault("SFWi:1=busy"), command("SFWi")}, 0},
     {"half a write", {chunk(0x1F, 64, 8)}, 0},
     {"a refused command", {command("SFWx")}, kUnknown},
+    {"a refusal of everything", {fault("request:1=stall-on"), command("SFWi")}, 0},
     {"a reply not read", {fault("SFWi:1=stall"), command("SFWi")}, 0},
     {"the payload", {kOpen, task("SFWd", 64)}, 0},
     {"secure data", {kOpen, task("SFWs", 64)}, 0x80}};
