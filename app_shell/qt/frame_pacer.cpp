@@ -9,7 +9,7 @@ namespace {
 
 // In milliseconds: two frames of a usual screen. Nobody can read a text that changes more often,
 // and each drawing takes time from the update where cores are few.
-constexpr int kFrames = 33;
+constexpr int kRest = 33;
 
 }  // namespace
 
@@ -36,7 +36,7 @@ void FramePacer::timerEvent(QTimerEvent*) {
 void FramePacer::drawChange() {
   if (!std::exchange(undrawn_, false)) return;
   draw_();
-  rest_.start(kFrames, this);
+  rest_.start(kRest, this);
 }
 
 }  // namespace qm5
