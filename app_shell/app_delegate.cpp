@@ -1,5 +1,6 @@
 #include "app_shell/app_delegate.h"
 
+#include <cstdlib>
 #include <utility>
 
 #include "app_shell/view_controller.h"
@@ -17,6 +18,11 @@ bool AppDelegate::applicationSupportsSecureRestorableState() {
 // Closing the main window ends the application.
 bool AppDelegate::applicationShouldTerminateAfterLastWindowClosed() {
   return true;
+}
+
+int AppDelegate::applicationLostDisplay() {
+  const auto controller = mainController.lock();
+  return controller ? controller->endWithoutDisplay() : EXIT_FAILURE;
 }
 
 bool AppDelegate::applicationShouldTerminate(std::function<void()> declined) {

@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "app_shell/toolkit.h"
+#include "app_shell/ports/application.h"
 
 namespace qm5 {
 
@@ -16,6 +16,7 @@ class AppDelegate final : public ApplicationDelegate {
   void applicationWillTerminate() override;
   bool applicationSupportsSecureRestorableState() override;
   bool applicationShouldTerminateAfterLastWindowClosed() override;
+  int applicationLostDisplay() override;
   bool applicationShouldTerminate(std::function<void()> declined) override;
 
   /// Empty until the main window has been loaded.

@@ -4,7 +4,7 @@
 #include <any>
 #include <memory>
 
-#include "app_shell/toolkit.h"
+#include "app_shell/ports/window.h"
 
 namespace qm5 {
 

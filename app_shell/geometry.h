@@ -1,7 +1,7 @@
 // Places of windows, in the toolkit's coordinates: origin at the lower left, y upwards.
 #pragma once
 
-#include "app_shell/toolkit.h"
+#include "app_shell/ports/window.h"
 
 namespace qm5 {
 

@@ -1,56 +1,62 @@
 // The entry point: puts the adapters behind the ports and hands over to the toolkit.
 
-#include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <new>
 
 #include "app_shell/main_storyboard.h"
-#include "app_shell/qt/alert.h"
-#include "app_shell/qt/qt_toolkit.h"
-#include "app_shell/toolkit.h"
+#include "app_shell/package/file_package.h"
+#include "app_shell/process/already_running.h"
+#include "app_shell/process/arguments.h"
+#include "app_shell/process/single_instance.h"
+#include "app_shell/process/start_conditions.h"
+#include "app_shell/process/termination_signals.h"
+#include "app_shell/qt/qt_application.h"
+#include "app_shell/wakefulness/sleep_inhibitor.h"
 #include "device_monitor/libusb/libusb_registry.h"
-#include "platform/single_instance.h"
-#include "platform/system_log.h"
-#include "platform/termination_signals.h"
+#include "platform/fatal.h"
+#include "platform/line_writer.h"
 
 namespace qm5 {
 namespace {
 
-// What the desktop gave to this start, so that the window it leads to may come to the front.
-std::string activationToken() {
-  for (const char* name : {"XDG_ACTIVATION_TOKEN", "DESKTOP_STARTUP_ID"}) {
-    if (const char* const token = std::getenv(name)) return token;
-  }
-  return {};
+// Never destroyed: threads use the adapters until the process ends.
+void setAdapters() {
+  setUSBRegistry(&LibusbRegistry::create());
+  setApplicationPackage(new FilePackage);
+  setWakefulness(new SleepInhibitor);
+  setApplication(new QtApplication);
 }
 
-void tellOfTheOther(int argc, char** argv) {
-  const Alert alert = {.messageText = "QM5 Updater is running already",
-                       .informativeText =
-                           "Another person has started it on this computer.\n"
-                           "Only one at a time can talk to the QM5.",
-                       .buttons = {"OK"},
-                       .style = AlertStyle::warning};
-  log(alert.messageText + ": another person has started it.");
-  showNotice(argc, argv, alert);
+int run(int argc, char** argv) {
+  blockTerminationSignals();
+  requireStartResources();
+  auto claimed = claimBus(activationToken());
+  setAdapters();
+  if (const auto* in_use = std::get_if<BusInUse>(&claimed)) {
+    showAlreadyRunning(argc, argv, *in_use);
+    return 0;
+  }
+  followTerminationSignals([] { application().requestTermination(terminationDeclined); });
+  std::get<BusClaim>(claimed).followLaterStarts([](const std::string& token) {
+    application().mainQueueAsync([token] { application().activate(token); });
+  });
+  return application().applicationMain(argc, argv, mainStoryboard());
 }
 
 }  // namespace
 }  // namespace qm5
 
-int main(int argc, char** argv) {
-  // Whoever reads the lines may leave early; an update goes on without him.
-  std::signal(SIGPIPE, SIG_IGN);
-  const qm5::Start start = qm5::claimBus(qm5::activationToken());
-  if (start == qm5::Start::refused) qm5::tellOfTheOther(argc, argv);
-  if (start != qm5::Start::onlyOne) return 0;
-  qm5::blockTerminationSignals();
-  // Never destroyed: threads use both until the process ends.
-  qm5::setUSBRegistry(new qm5::LibusbRegistry);
-  qm5::setToolkit(new qm5::QtToolkit);
-  qm5::followTerminationSignals(
-      [] { qm5::toolkit().requestTermination(qm5::terminationDeclined); });
-  qm5::followLaterStarts([](const std::string& token) {
-    qm5::toolkit().mainQueueAsync([token] { qm5::toolkit().activate(token); });
-  });
-  std::exit(qm5::toolkit().applicationMain(argc, argv, qm5::mainStoryboard()));
+int main(int argc, char** argv) try {
+  qm5::openStandardStreams();
+  qm5::ignoreWriteSignals();
+  if (const auto reply = qm5::replyToArguments(argc, argv, QM5_VERSION)) {
+    std::fputs(reply->text.c_str(), reply->exit_status == 0 ? stdout : stderr);
+    return reply->exit_status;
+  }
+  const int status = qm5::run(argc, argv);
+  qm5::flushLines();
+  std::exit(status);
+} catch (const std::bad_alloc&) {
+  qm5::cannotStart("there is not enough memory");
 }

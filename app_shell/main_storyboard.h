@@ -1,7 +1,7 @@
 // Which of the application's classes stand behind the main layout.
 #pragma once
 
-#include "app_shell/toolkit.h"
+#include "app_shell/ports/application.h"
 
 namespace qm5 {
 

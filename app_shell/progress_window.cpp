@@ -3,30 +3,70 @@
 #include <utility>
 
 #include "app_shell/exit_confirmation.h"
+#include "app_shell/ports/application.h"
 #include "platform/clock.h"
 #include "platform/fatal.h"
 #include "platform/system_log.h"
 
 namespace qm5 {
 
-void ProgressViewController::updateBegan() {
-  pace_ = UpdatePace(processClock().now());
+ProgressViewController::ProgressViewController(std::shared_ptr<DeviceStatusPresenter> bus)
+    : bus_(std::move(bus)) {}
+
+void ProgressViewController::updateBegan(std::size_t chunks) {
+  is_up_ = true;
+  is_begun_ = false;
+  replacement_.reset();
+  pace_ = UpdatePace(processClock().now(), chunks);
+  required(sleepStatus.lock(), "no sleepStatus").setStatus(StatusKind::caution, "");
   showPace();
 }
 
-void ProgressViewController::progressed(double percent) {
-  pace_.progressed(percent, processClock().now());
+void ProgressViewController::progressed(const ProgressStep& step) {
+  if (!std::exchange(is_begun_, true)) {
+    device_ = step.device;
+    const DeviceState state = bus_->state();
+    location_ = state.used == device_ ? state.location : "";
+  }
+  const double now = processClock().now();
+  pace_.progressed(step.number, now);
+  if (pace_.phase(now) != phase_) showPace();
+}
+
+void ProgressViewController::sleepIsNotPrevented() {
+  required(sleepStatus.lock(), "no sleepStatus").setStatus(StatusKind::caution, kMaySleepText);
+}
+
+void ProgressViewController::busChanged() {
+  if (is_up_) showPace();
 }
 
 void ProgressViewController::showPace() {
   const double now = processClock().now();
+  pace_.deviceIs(updatedDevice());
+  phase_ = pace_.phase(now);
   required(txtElapsed.lock(), "no txtElapsed").setStringValue(pace_.elapsed(now));
   required(txtRemaining.lock(), "no txtRemaining").setStringValue(pace_.remaining(now));
-  required(txtPhase.lock(), "no txtPhase").setStringValue(pace_.phase(now));
+  required(txtPhase.lock(), "no txtPhase").setStringValue(phase_);
+  required(deviceStatus.lock(), "no deviceStatus")
+      .setStatus(StatusKind::caution, pace_.warning(now));
+}
+
+UpdatedDevice ProgressViewController::updatedDevice() {
+  const DeviceState state = bus_->state();
+  if (!state.used) return UpdatedDevice::away;
+  if (!is_begun_ || state.used == device_) return UpdatedDevice::there;
+  // Both were there at once: it is another one for good, even when the first one leaves.
+  if (device_ && state.present.contains(*device_)) replacement_ = state.used;
+  const bool is_same_port =
+      location_.empty() || state.location.empty() || state.location == location_;
+  return is_same_port && state.used != replacement_ ? UpdatedDevice::cameBack
+                                                    : UpdatedDevice::replaced;
 }
 
 void ProgressViewController::viewWillDisappear() {
-  toolkit().stopModal();
+  is_up_ = false;
+  application().stopModal();
 }
 
 void ProgressViewController::abortClicked(Button*) {
@@ -35,15 +75,23 @@ void ProgressViewController::abortClicked(Button*) {
 }
 
 void ProgressViewController::showExitConfirmation() {
+  ask(false);
+}
+
+void ProgressViewController::closeRequested() {
+  if (!is_asking_) ask(false);
+}
+
+void ProgressViewController::ask(bool unasked) {
   is_asking_ = true;
-  askBeforeExit(viewWindow, [weak = weak_from_this()] {
+  askBeforeExit(viewWindow, unasked, [weak = weak_from_this()] {
     if (const auto controller = weak.lock()) controller->goOn();
   });
 }
 
 void ProgressViewController::askBeforeTermination(std::function<void()> declined) {
   waiting_.push_back(std::move(declined));
-  if (!is_asking_) showExitConfirmation();
+  if (!is_asking_) ask(true);
 }
 
 void ProgressViewController::goOn() {
@@ -51,9 +99,10 @@ void ProgressViewController::goOn() {
   for (const auto& declined : std::exchange(waiting_, {})) declined();
 }
 
-ProgressWindowController::ProgressWindowController(std::shared_ptr<Window> loaded)
+ProgressWindowController::ProgressWindowController(
+    std::shared_ptr<Window> loaded, const std::shared_ptr<DeviceStatusPresenter>& bus)
     : BaseWindowController(std::move(loaded)) {
-  const auto content = std::make_shared<ProgressViewController>();
+  const auto content = std::make_shared<ProgressViewController>(bus);
   content->viewWindow = window;
   content->txtTitle1 = window->textField("txtTitle1");
   content->txtTitle2 = window->textField("txtTitle2");
@@ -61,12 +110,20 @@ ProgressWindowController::ProgressWindowController(std::shared_ptr<Window> loade
   content->txtElapsed = window->textField("txtElapsed");
   content->txtRemaining = window->textField("txtRemaining");
   content->txtPhase = window->textField("txtPhase");
+  content->deviceStatus = window->statusIndicator("deviceStatus");
+  content->sleepStatus = window->statusIndicator("sleepStatus");
   contentViewController = content;
 
   // The window must not keep its own controller alive.
   const std::weak_ptr<ProgressViewController> weak = content;
   window->setAction("btnAbort", [weak](Button* sender) {
     if (const auto controller = weak.lock()) controller->abortClicked(sender);
+  });
+  window->setCloseRequested([weak] {
+    if (const auto controller = weak.lock()) controller->closeRequested();
+  });
+  bus->setChanged([weak] {
+    if (const auto controller = weak.lock()) controller->busChanged();
   });
   window->setViewWillDisappear([weak] {
     if (const auto controller = weak.lock()) controller->viewWillDisappear();

@@ -1,15 +1,27 @@
 // The progress window: what it shows while an update runs, and its abort button.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
 #include "app_shell/controllers.h"
+#include "app_shell/device_status_presenter.h"
 #include "app_shell/update_pace.h"
 
 namespace qm5 {
+
+/// A step of an update as the job reports it.
+struct ProgressStep {
+  std::size_t number;                   ///< among the steps of its update, from 1
+  double percent;                       ///< 0.0 to 100.0
+  std::optional<std::uint64_t> device;  ///< the one that the link used at this step
+};
 
 /// All on the main thread.
 class ProgressViewController final : public BaseViewController,
@@ -22,28 +34,48 @@ class ProgressViewController final : public BaseViewController,
   std::weak_ptr<TextField> txtElapsed;
   std::weak_ptr<TextField> txtRemaining;
   std::weak_ptr<TextField> txtPhase;
+  std::weak_ptr<StatusIndicator> deviceStatus;
+  std::weak_ptr<StatusIndicator> sleepStatus;
 
-  /// An update begins now: from here on its time is counted.
-  void updateBegan();
-  /// Notes a progress value, a percentage, for what is told next.
-  void progressed(double percent);
+  explicit ProgressViewController(std::shared_ptr<DeviceStatusPresenter> bus);
+
+  /// An update of so many chunks begins now: from here on its time is counted.
+  void updateBegan(std::size_t chunks);
+  /// Notes a step for the texts, which change at once where they would not be true any more.
+  void progressed(const ProgressStep& step);
+  /// The computer may go to sleep during this update.
+  void sleepIsNotPrevented();
+  /// The bus has changed.
+  void busChanged();
 
   /// Whatever takes the view off the screen ends the window's modal run.
   void viewWillDisappear() override;
   /// Asks whether to quit. Does not cancel the update: that goes on unless the answer is "Quit".
   void abortClicked(Button* sender);
   void showExitConfirmation();
+  /// The person used a close control that the desktop drew: asks the same, unless that question
+  /// is open already.
+  void closeRequested();
   /// Asks the same for somebody else, unless that question is open already; `declined` is
   /// called when it has not ended the application.
   void askBeforeTermination(std::function<void()> declined);
-  /// Tells for how long the update has been running and what is going on; called every second
-  /// while the window is up. Fatal without the fields for that.
+  /// Shows the texts of UpdatePace; called every second while the window is up. Fatal without
+  /// the controls for that.
   void showPace();
 
  private:
+  void ask(bool unasked);
   void goOn();
+  UpdatedDevice updatedDevice();
 
-  UpdatePace pace_{0};
+  const std::shared_ptr<DeviceStatusPresenter> bus_;
+  bool is_up_ = false;
+  UpdatePace pace_{0, 0};
+  std::string_view phase_;                    // as shown
+  std::optional<std::uint64_t> device_;       // that this update was begun with
+  std::string location_;                      // where that one was; empty: not known
+  std::optional<std::uint64_t> replacement_;  // came while that one was there, and is used
+  bool is_begun_ = false;                     // a step was reported
   bool is_asking_ = false;
   std::vector<std::function<void()>> waiting_;  // for the answer
 };
@@ -53,7 +85,9 @@ class ProgressWindowController final : public BaseWindowController {
   static constexpr std::string_view windowNibName = "ProgressWindow";
 
   /// Makes the controller of the content and connects both to the window's controls.
-  explicit ProgressWindowController(std::shared_ptr<Window> loaded);
+  /// It tells what becomes of the QM5 by `bus`, and is told of each change there.
+  ProgressWindowController(std::shared_ptr<Window> loaded,
+                           const std::shared_ptr<DeviceStatusPresenter>& bus);
 };
 
 }  // namespace qm5

@@ -5,49 +5,99 @@
 namespace qm5 {
 namespace {
 
-// Where the bar stands while the device checks the image.
-constexpr double kWritten = 99;  // percent
+// Signature and key, six blocks each.
+constexpr std::size_t kCheckedBlocks = 12;
 
 // What must have been written before its pace says something about the rest.
-constexpr double kLeastWritten = 5;  // percent
-constexpr double kLeastTime = 3;     // seconds
+constexpr std::size_t kLeastWritten = 5;  // percent
+constexpr double kLeastTime = 3;          // seconds
 
-// A block takes milliseconds, and a device that has gone lets the host wait for minutes.
+// A chunk takes milliseconds, and a device that hangs lets the host wait for minutes.
 constexpr double kLongPause = 5;  // seconds
+
+// The job looks for the QM5 at 1 s.
+constexpr double kLookingTime = 2;  // seconds
+
+// The lines are broken here, because the window has a fixed width.
+constexpr std::string_view kAway =
+    "The QM5 has been disconnected: the update will end in an\n"
+    "error message. Connect the QM5 again after that, then press\n"
+    "Next.";
+constexpr std::string_view kAwayWhileChecking =
+    "The QM5 has been disconnected: the update will end in an\n"
+    "error message, which can take up to five minutes. Connect\n"
+    "the QM5 again after that, then press Next.";
+constexpr std::string_view kCameBack =
+    "The QM5 was disconnected and is back. This update can't be\n"
+    "relied on: when it has ended, start it again.";
+constexpr std::string_view kReplaced =
+    "Another QM5 was connected, and the update now goes to that\n"
+    "one. It can't be relied on: when it has ended, connect one\n"
+    "QM5 alone and start it again.";
 
 }  // namespace
 
-bool UpdatePace::isChecking() const {
-  return last_.percent >= kWritten;
+UpdatePace::Stage UpdatePace::stage() const {
+  if (last_.number == 0) return Stage::opening;
+  if (last_.number <= 1 + chunks_) return Stage::writing;
+  return last_.number <= 1 + chunks_ + kCheckedBlocks ? Stage::checking : Stage::sent;
 }
 
-void UpdatePace::progressed(double percent, double now) {
-  // The writing reports from 0 on, after the device was told of the update at 1.
-  if (!hasStarted() || percent < last_.percent) first_ = {percent, now};
-  last_ = {percent, now};
+bool UpdatePace::isLost(double now) const {
+  if (device_ == UpdatedDevice::there || stage() == Stage::sent) return false;
+  return stage() != Stage::opening || now - start_ >= kLookingTime;
+}
+
+bool UpdatePace::pauses(double now) const {
+  return now - (last_.number == 0 ? start_ : last_.time) > kLongPause;
+}
+
+void UpdatePace::progressed(std::size_t number, double now) {
+  last_ = {number, now};
+  if (first_.number == 0 && number > 1) first_ = last_;
 }
 
 std::string UpdatePace::elapsed(double now) const {
   const long seconds = std::lround(std::floor(now - start_));
-  const std::string two_digits = std::to_string(100 + seconds % 60).substr(1);
-  return std::string("Time: ").append(std::to_string(seconds / 60)).append(":").append(two_digits);
+  std::string text = "Elapsed: ";
+  text.append(std::to_string(seconds / 60)).append(":");
+  return text.append(std::to_string(100 + seconds % 60).substr(1));  // two digits
 }
 
 std::string UpdatePace::remaining(double now) const {
-  const double written = last_.percent - first_.percent;
-  const double time = now - first_.time;
-  if (isChecking() || written < kLeastWritten || time < kLeastTime) return "";
-  // The time that has passed since the last step counts: a pace that drops shows at once.
-  const long minutes = std::lround(std::ceil((kWritten - last_.percent) * time / written / 60));
+  if (stage() != Stage::writing || first_.number == 0 || isLost(now) || pauses(now)) return "";
+  // As of the last chunk: it must not grow while nothing moves.
+  const std::size_t written = last_.number - first_.number;
+  const double time = last_.time - first_.time;
+  if (written * 100 < kLeastWritten * chunks_ || time < kLeastTime) return "";
+  const auto left = static_cast<double>(1 + chunks_ - last_.number + 1);
+  const double seconds = left * time / static_cast<double>(written);
+  const long minutes = std::lround(std::ceil(seconds / 60));
   if (minutes <= 1) return "Less than a minute left to write";
   return std::string("About ").append(std::to_string(minutes)).append(" minutes left to write");
 }
 
-std::string UpdatePace::phase(double now) const {
-  const bool pauses = now - (hasStarted() ? last_.time : start_) > kLongPause;
-  if (isChecking()) return "The QM5 is checking the new firmware. This can take minutes.";
-  if (pauses) return "Waiting for the QM5 to respond.";
-  return hasStarted() ? "Writing the new firmware." : "Looking for the QM5.";
+std::string_view UpdatePace::phase(double now) const {
+  if (isLost(now)) return "Waiting for the update to end.";
+  switch (stage()) {
+    case Stage::sent:
+      return "All has been sent.";
+    case Stage::checking:
+      return "The QM5 is checking the new firmware. This can take minutes.";
+    case Stage::opening:
+      if (device_ == UpdatedDevice::away) return "Looking for the QM5.";
+      return pauses(now) ? "Waiting for the QM5 to respond." : "Preparing the update.";
+    case Stage::writing:
+      break;
+  }
+  return pauses(now) ? "Waiting for the QM5 to respond." : "Writing the new firmware.";
+}
+
+std::string_view UpdatePace::warning(double now) const {
+  if (!isLost(now)) return "";
+  if (device_ == UpdatedDevice::cameBack) return kCameBack;
+  if (device_ == UpdatedDevice::replaced) return kReplaced;
+  return stage() == Stage::checking ? kAwayWhileChecking : kAway;
 }
 
 }  // namespace qm5

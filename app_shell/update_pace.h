@@ -1,40 +1,80 @@
 // What a person wants to know while an update runs, beside its percentage: for how long it
-// has been running, how much longer the writing takes, and what is going on.
+// has been running, how much longer the writing takes, what is going on, and what has become of
+// the QM5.
 #pragma once
 
+#include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace qm5 {
 
-/// Times are seconds of one monotonic clock.
+/// What has become of the QM5 that the update was begun with.
+enum class UpdatedDevice {
+  there,     ///< the link uses it; also before the update was begun, while the link has any
+  away,      ///< the link has no device
+  cameBack,  ///< it has left, and the link uses one that arrived since at the same USB port
+  replaced,  ///< the link uses another one: from another port, or that came while it was there
+};
+
+/// That the system may put the computer to sleep during the update.
+inline constexpr std::string_view kMaySleepText =
+    "The updater can't keep the computer from going to sleep.\n"
+    "See to it that it stays awake until the update is done.";
+
+/// Times are seconds of one monotonic clock. All texts of the progress window that change with
+/// time stand here:
+///
+/// | field        | text                              | while                                     |
+/// |--------------|-----------------------------------|-------------------------------------------|
+/// | txtElapsed   | Elapsed: <m:ss>                   | always                                    |
+/// | txtRemaining | About <n> minutes left to write,  | chunks are being taken, and enough have   |
+/// |              | Less than a minute left to write  | been to judge by; it changes with a chunk |
+/// | txtPhase     | Looking for the QM5.              | first 2 s, no QM5 there                   |
+/// |              | Preparing the update.             | nothing reported yet, a QM5 is there      |
+/// |              | Writing the new firmware.         | the opening task or a chunk was reported  |
+/// |              | Waiting for the QM5 to respond.   | the same two, but no report for 5 s       |
+/// |              | The QM5 is checking …             | a signature or key block was reported     |
+/// |              | All has been sent.                | the last step was reported                |
+/// |              | Waiting for the update to end.    | the QM5 is away, came back or is replaced |
+/// | deviceStatus | …disconnected…, …is back…,        | the same, a text for each; of the first,  |
+/// |              | Another QM5 was connected…        | one for the checking too                  |
+/// | sleepStatus  | …can't keep the computer from…    | the system refused to stay awake          |
+///
+/// Once all has been sent, nothing is said of the QM5 any more.
 class UpdatePace {
  public:
-  explicit UpdatePace(double now) : start_(now) {}
+  /// An update of so many chunks begins.
+  UpdatePace(double now, std::size_t chunks) : start_(now), chunks_(chunks) {}
 
-  /// Notes a progress value, a percentage. The writing ends at 99; what comes then can't be
-  /// told beforehand.
-  void progressed(double percent, double now);
+  /// Notes that step `number` of the update was reported. They count from 1: the opening task,
+  /// the chunks, the signature and key blocks, the end.
+  void progressed(std::size_t number, double now);
+  void deviceIs(UpdatedDevice device) { device_ = device; }
 
-  /// As in "Time: 1:05".
   std::string elapsed(double now) const;
-  /// As in "About 2 minutes left to write"; empty while that can't be told honestly: before
-  /// enough has been written to judge by, and once all is.
+  /// Empty while that can't be told honestly.
   std::string remaining(double now) const;
-  /// What the device is busy with.
-  std::string phase(double now) const;
+  std::string_view phase(double now) const;
+  /// What has become of the QM5; empty while all is well.
+  std::string_view warning(double now) const;
 
  private:
+  enum class Stage { opening, writing, checking, sent };
   struct Step {
-    double percent;
+    std::size_t number;
     double time;
   };
 
-  bool hasStarted() const { return last_.percent >= 0; }
-  bool isChecking() const;
+  Stage stage() const;
+  bool isLost(double now) const;
+  bool pauses(double now) const;
 
   double start_;
-  Step first_ = {-1, 0};  // of the writing
-  Step last_ = {-1, 0};
+  std::size_t chunks_;
+  Step first_ = {0, 0};  // of the chunks
+  Step last_ = {0, 0};
+  UpdatedDevice device_ = UpdatedDevice::there;
 };
 
 }  // namespace qm5

@@ -3,14 +3,15 @@
 #include <utility>
 #include <variant>
 
+#include "app_shell/ports/application.h"
+#include "app_shell/ports/package.h"
+#include "app_shell/ports/wakefulness.h"
 #include "app_shell/progress_window.h"
-#include "device_link/vendor_requests.h"
-#include "platform/clock.h"
 #include "platform/console.h"
 #include "platform/fatal.h"
 #include "platform/system_log.h"
 #include "platform/text.h"
-#include "update_engine/secure_flow.h"
+#include "update_run/target_version.h"
 
 namespace qm5 {
 namespace {
@@ -18,36 +19,20 @@ namespace {
 constexpr std::string_view kImageName = "QM5-combind-051723-secure-Cus-42";
 constexpr std::string_view kImageExtension = "bin";
 
-// The version that the packaged image brings. Versions are compared, never ordered. The
-// finish dialog and the layout "Main" name it too.
-constexpr std::string_view kTargetVersion = "4208";
-
 constexpr std::uint16_t kVendorTexasInstruments = 0x0451;
 constexpr std::uint16_t kProductQM5 = 0xACE1;
 
-// A moment for the progress window to appear and for a QM5 just plugged in to be found.
-constexpr double kJobStartDelay = 1.0;  // seconds
-
-// The read of the customer version: the device puts it at the start of this register.
-constexpr std::uint16_t kVersionRegister = 0x0006;
-constexpr std::uint16_t kVersionLength = 9;
-
-constexpr std::string_view kSignaturePadding = "pss";
-constexpr bool kAutoReboot = false;  // the update engine does not act on it
-
 constexpr std::string_view kActivityReason = "The firmware of a QM5 is being updated.";
-
-constexpr std::string_view kCheckConnection =
-    "There is no QM5 connected!\nCheck your QM5 connection then try again.";
 
 // Neither parsed nor checked here: the update engine does that.
 std::optional<Bytes> loadImage() {
-  const std::optional<std::string> path = toolkit().pathForResource(kImageName, kImageExtension);
+  const std::optional<std::string> path =
+      applicationPackage().pathForResource(kImageName, kImageExtension);
   if (!path) {
     print("No embedded file.");
     return std::nullopt;
   }
-  FileContents contents = toolkit().readFile(*path);
+  FileContents contents = applicationPackage().readFile(*path);
   if (const auto* error = std::get_if<FileError>(&contents)) {
     print("Can not access file: " + error->description);
     return std::nullopt;
@@ -55,6 +40,11 @@ std::optional<Bytes> loadImage() {
   Bytes& image = std::get<Bytes>(contents);
   print("Got data size:" + std::to_string(image.size()));
   return std::move(image);
+}
+
+// Installed beside an image that was made for the software QM5 alone.
+bool isDevelopmentImage() {
+  return applicationPackage().pathForResource("development-image", "notice").has_value();
 }
 
 }  // namespace
@@ -70,7 +60,9 @@ void ViewController::connectOutlets(const std::shared_ptr<Window>& main_window) 
   viewWindow = main_window;
   btnExit = main_window->button("btnExit");
   btnNext = main_window->button("btnNext");
-  busStatus->showIn(main_window->statusLine("busStatus"));
+  txtPackagedVersion = main_window->textField("txtPackagedVersion");
+  deviceStatus->showIn(main_window->statusIndicator("deviceStatus"));
+  runReport->showIn(main_window);
   // The window must not keep its own controller alive.
   const std::weak_ptr<ViewController> weak = weak_from_this();
   main_window->setAction("btnNext", [weak](Button* sender) {
@@ -84,19 +76,64 @@ void ViewController::connectOutlets(const std::shared_ptr<Window>& main_window) 
 void ViewController::viewDidLoad() {
   BaseViewController::viewDidLoad();
   binData = loadImage();
-  auto window = toolkit().instantiateWindow("Main", ProgressWindowController::windowNibName);
+  showPackagedVersion();
+  auto window = application().instantiateWindow("Main", ProgressWindowController::windowNibName);
   progressWindowController =
-      window ? std::make_shared<ProgressWindowController>(std::move(window)) : nullptr;
+      window ? std::make_shared<ProgressWindowController>(std::move(window), deviceStatus)
+             : nullptr;
+}
+
+// | txtPackagedVersion says             | while                                           |
+// |-------------------------------------|-------------------------------------------------|
+// | Firmware version in this package: … | the image was read at start                     |
+// | …, for the software QM5 alone…      | the same, and it was made for development       |
+// | This package has no firmware…       | it is missing or can't be read, which the lines |
+// |                                     | of the start say                                |
+void ViewController::showPackagedVersion() {
+  std::string text =
+      "This package has no firmware that can be read: nothing can\nbe updated. Install the package "
+      "again.";
+  if (binData) {
+    text = "Firmware version in this package: ";
+    text.append(kTargetVersion);
+    if (isDevelopmentImage())
+      text.append("\nA development image: it is for the software QM5 alone.");
+  }
+  required(txtPackagedVersion.lock(), "no txtPackagedVersion").setStringValue(text);
 }
 
 void ViewController::btnNextClick(Button*) {
   log("Next Click");
   required(btnExit.lock(), "no button btnExit").setEnabled(false);
   required(btnNext.lock(), "no button btnNext").setEnabled(false);
-  activity = toolkit().beginActivity(kActivityReason);
-  queue.async([self = shared_from_this()] { self->runUpdate(); });
+  runReport->clear();
+  preventSleep();
+  {
+    const std::lock_guard lock(mutex);
+    endOfRun.reset();
+  }
+  if (!queue.async([self = shared_from_this()] { self->runUpdateJob(); })) {
+    log(kNoThreadLine);
+    finishRun({.outcome = Outcome::updateFailed,
+               .lines = {std::string(kNoThreadLine)},
+               .device = DeviceChange::none});
+  }
+  isRunUnanswered = true;
   showProgressDialog();
   activity.reset();
+}
+
+void ViewController::preventSleep() {
+  const auto refused = [weak = weak_from_this(), run = ++runs] {
+    const auto controller = weak.lock();
+    if (!controller || controller->runs != run || !controller->isProgressDisplay) return;
+    const auto& window = required(controller->progressWindowController, "no progress window");
+    if (const auto content =
+            std::dynamic_pointer_cast<ProgressViewController>(window.contentViewController))
+      content->sleepIsNotPrevented();
+  };
+  activity = wakefulness().beginActivity(kActivityReason,
+                                         [refused] { application().mainQueueAsync(refused); });
 }
 
 void ViewController::btnExitClick(Button*) {
@@ -105,57 +142,38 @@ void ViewController::btnExitClick(Button*) {
 }
 
 // The update job, on `queue`. It never waits for the main thread.
-void ViewController::runUpdate() {
-  processClock().sleep(kJobStartDelay);
-  log("check if device exist.");
-  Driver& link = required(USB_Handle, "no device link");
-  if (!link.usb_find()) {
-    log("str_NO_DMC");
-    return report("No QM5 device !", std::string(kCheckConnection));
-  }
-  if (!readVersion()) {
-    log("Get customer version error.");
-    return report("Get customer version error !", std::string(kCheckConnection));
-  }
-  log("Device found. Out customer version: " + strVersion);
-  if (strVersion == kTargetVersion) {
-    return report("QM5 no need to update !",
-                  "Current QM5 version: " + strVersion + "\nNo need to update.");
-  }
-  if (!binData) {
-    // The one outcome that does not pass through the main queue; the toolkit hands it over.
-    return dialogErrorStop(
-        "QM5 firmware update data error!",
-        "Attached binary file data error.\nPlease download this program and try again.");
-  }
-  const bool updated = secure_update_binary(
-      link, *binData,
-      [this](std::string_view title, double progress) { callbackUpdateProgress(title, progress); },
-      kSignaturePadding, kAutoReboot);
-  if (!updated) {
-    return report("Flash firmware error", "Flash ti dmc firmware error, please try again.");
-  }
-  toolkit().mainQueueAsync([self = shared_from_this()] { self->reportSuccess(); });
+void ViewController::runUpdateJob() {
+  stepsOfRun = 0;
+  const ProgressCallback progress = [this](std::string_view title, double percent) {
+    callbackUpdateProgress(title, percent);
+  };
+  finishRun(runRecorded({.link = required(USB_Handle, "no device link"),
+                         .image = binData,
+                         .target_version = kTargetVersion,
+                         .progress = progress,
+                         .version = strVersion}));
 }
 
-// Sets `strVersion`: the little-endian number at the start of the reply, as four digits.
-bool ViewController::readVersion() {
-  strVersion.clear();
-  if (!global_driver) return false;
-  const std::optional<Bytes> reply =
-      global_driver->usb_read(kVendorRead, kRegisterRead, kVersionRegister, 0, kVersionLength);
-  if (!reply) return false;
-  if (reply->size() < 2) fatal("a version reply shorter than two bytes");
-  strVersion += upperHexByte((*reply)[1]);
-  strVersion += upperHexByte((*reply)[0]);
-  return true;
+// At the end of the job, on its thread; on the main one for a run that has none.
+void ViewController::finishRun(RunRecord record) {
+  const Outcome outcome = record.outcome;
+  {
+    const std::lock_guard lock(mutex);
+    endOfRun = outcome;
+    runHasEnded.notify_all();
+  }
+  application().mainQueueAsync([self = shared_from_this(), record = std::move(record)]() mutable {
+    self->runReport->runEnded(std::move(record));
+  });
+  const auto report = [self = shared_from_this(), outcome] { self->report(outcome); };
+  if (passesThroughMainQueue(outcome)) return application().mainQueueAsync(report);
+  report();
 }
 
-void ViewController::report(std::string title, std::string message) {
-  toolkit().mainQueueAsync(
-      [self = shared_from_this(), title = std::move(title), message = std::move(message)] {
-        self->dialogErrorStop(title, message);
-      });
+void ViewController::report(Outcome outcome) {
+  if (outcome == Outcome::updated) return reportSuccess();
+  const OutcomeText text = textOf(outcome, strVersion);
+  dialogErrorStop(text.title, text.message);
 }
 
 void ViewController::reportSuccess() {
@@ -165,22 +183,42 @@ void ViewController::reportSuccess() {
   showCustomDialog();
 }
 
-void ViewController::callbackUpdateProgress(std::string_view, double progress) {
-  if (!isProgressDisplay) return;
-  toolkit().mainQueueAsync([self = shared_from_this(), progress] { self->showProgress(progress); });
+// Once the finish dialog is shown, which stays as it is until the QM5 has gone.
+void ViewController::checkAfterPowerCycle() {
+  const std::shared_ptr<Window> main_window = application().mainWindow();
+  powerCycleCheck->begin({.dialog = customerFinisheDialog,
+                          .fallback = main_window->statusIndicator("runStatus"),
+                          .device = deviceStatus->state(),
+                          .expected_version = kTargetVersion,
+                          .submit = [weak = weak_from_this()](std::function<void()> job) {
+                            // The job keeps the controller alive, as the update job does.
+                            const auto self = weak.lock();
+                            return self &&
+                                   self->queue.async([self, job = std::move(job)] { job(); });
+                          }});
 }
 
-void ViewController::showProgress(double progress) {
+void ViewController::callbackUpdateProgress(std::string_view, double progress) {
+  ++stepsOfRun;
+  if (!isProgressDisplay) return;
+  const auto device = USB_Handle->deviceInfo();
+  const ProgressStep step = {.number = stepsOfRun,
+                             .percent = progress,
+                             .device = device ? std::optional(device->id) : std::nullopt};
+  application().mainQueueAsync([self = shared_from_this(), step] { self->showProgress(step); });
+}
+
+void ViewController::showProgress(const ProgressStep& step) {
   const auto& controller = required(progressWindowController, "no progress window");
   const auto content =
       std::dynamic_pointer_cast<ProgressViewController>(controller.contentViewController);
   if (!content) return;
-  required(content->progressBar.lock(), "no progressBar").setDoubleValue(progress);
+  required(content->progressBar.lock(), "no progressBar").setDoubleValue(step.percent);
   std::string text = "Updating firmware version from ";
   text.append(strVersion).append(" -> ").append(kTargetVersion);
-  text.append(", (").append(oneDecimal(progress)).append(" %)");
+  text.append(", (").append(oneDecimal(step.percent)).append(" %)");
   required(content->txtTitle2.lock(), "no txtTitle2").setStringValue(text);
-  content->progressed(progress);
+  content->progressed(step);
 }
 
 }  // namespace qm5

@@ -3,17 +3,23 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
-#include "app_shell/bus_status.h"
 #include "app_shell/controllers.h"
+#include "app_shell/device_status_presenter.h"
+#include "app_shell/power_cycle_check.h"
+#include "app_shell/progress_window.h"
+#include "app_shell/run_report.h"
 #include "device_link/driver.h"
 #include "platform/bytes.h"
 #include "platform/dispatch_queue.h"
+#include "update_run/update_run.h"
 
 namespace qm5 {
 
@@ -51,24 +57,36 @@ class ViewController final : public BaseViewController,
   /// Whether a wish from outside may end the application now. While an update runs it may
   /// not: the progress window asks, and `declined` is called when that has not ended it.
   bool shouldTerminate(std::function<void()> declined);
+  /// The display has gone: waits until the update that runs has ended, writes how as a line on the
+  /// console and in the system log, and returns the process's status: EXIT_SUCCESS when the QM5
+  /// is up to date. The same for an update whose end is shown and has not been answered.
+  /// EXIT_FAILURE at once otherwise.
+  int endWithoutDisplay();
   /// Closes the finish dialog, if there is one. Its button ends the application instead.
   void confirmButtonClicked(Button* sender);
 
  private:
-  void runUpdate();
-  bool readVersion();
-  void report(std::string title, std::string message);
+  void runUpdateJob();
+  void preventSleep();
+  void finishRun(RunRecord record);
+  void report(Outcome outcome);
   void reportSuccess();
-  void showProgress(double progress);
+  void showProgress(const ProgressStep& step);
+  void showPackagedVersion();
   void takeProgressWindowDown();
+  void checkAfterPowerCycle();
 
-  // Made first: it listens before the Driver has the bus watched.
-  const std::shared_ptr<BusStatus> busStatus = BusStatus::follow();
+  // Made first: they listen before the Driver has the bus watched.
+  const std::shared_ptr<DeviceStatusPresenter> deviceStatus = DeviceStatusPresenter::follow();
+  const std::shared_ptr<PowerCycleCheck> powerCycleCheck = PowerCycleCheck::follow();
+  const std::shared_ptr<RunReport> runReport = std::make_shared<RunReport>();
   std::weak_ptr<Button> btnExit;
   std::weak_ptr<Button> btnNext;
+  std::weak_ptr<TextField> txtPackagedVersion;
   std::shared_ptr<BaseWindowController> progressWindowController;
   std::shared_ptr<Window> customerFinisheDialog;
   std::shared_ptr<void> activity;  ///< held from Next to the outcome: the computer stays awake
+  std::size_t runs = 0;            ///< that were started
   std::optional<Bytes> binData;    ///< the whole image; empty when it could not be loaded
   DispatchQueue queue;
   std::shared_ptr<Driver> USB_Handle;  ///< the same object as global_driver
@@ -77,6 +95,12 @@ class ViewController final : public BaseViewController,
   std::string strVersion;
   /// From the moment the progress window is put up until an outcome takes it down.
   std::atomic<bool> isProgressDisplay = false;
+  bool isRunUnanswered = false;  ///< from Next until the person has answered the alert of its end
+  std::size_t stepsOfRun = 0;    ///< reported by the update so far; the job's alone
+
+  std::mutex mutex;  // guards what follows
+  std::condition_variable runHasEnded;
+  std::optional<Outcome> endOfRun;  ///< empty from Next until the job has ended
 };
 
 }  // namespace qm5

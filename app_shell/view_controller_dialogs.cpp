@@ -1,15 +1,22 @@
 // The dialogs of the main window's controller: progress, errors, success and the exit.
 
+#include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <utility>
 
 #include "app_shell/exit_confirmation.h"
 #include "app_shell/geometry.h"
+#include "app_shell/ports/application.h"
 #include "app_shell/progress_window.h"
 #include "app_shell/view_controller.h"
+#include "platform/console.h"
 #include "platform/fatal.h"
 #include "platform/system_log.h"
+#include "update_engine/image_layout.h"
+#include "update_engine/unsecure_flow.h"
+#include "update_run/target_version.h"
 
 namespace qm5 {
 namespace {
@@ -18,8 +25,14 @@ constexpr Rect kFinishContent = {{0, 0}, {320, 280}};
 constexpr double kHalfWidthWithoutContentView = 160;
 constexpr const char* kFinishTitle = "Firmware update successful!";
 
+std::string finishMessage() {
+  return std::string("New version(QM5 v.")
+      .append(kTargetVersion)
+      .append(")\nPlease power cycle your QM5 to apply\nthe new firmware.");
+}
+
 // Half the width of the dialog's content, in whole points.
-double halfWidth(const Window& dialog) {
+double halfWidth(Window& dialog) {
   const std::optional<Size> content = dialog.contentViewSize();
   if (!content) return kHalfWidthWithoutContentView;
   const double half = std::trunc(content->width / 2);
@@ -41,7 +54,7 @@ void addContent(Window& dialog, Action confirm) {
   });
   dialog.addSubview(Label{
       .frame = {{halfWidth(dialog) - 150, 45}, {300, 60}},
-      .text = "New version(QM5 v.4208)\nPlease power cycle your QM5 to apply\nthe new firmware.",
+      .text = finishMessage(),
       .boldSystemFontOfSize = std::nullopt,
       .wraps = true,
   });
@@ -52,14 +65,20 @@ void addContent(Window& dialog, Action confirm) {
   button.frame = {{halfWidth(dialog) - 150, 10}, {300, 40}};
   button.bezelStyle = BezelStyle::rounded;
   // Overwritten on purpose: pressing it ends the application.
-  button.action = [](Button*) { toolkit().terminate(); };
+  button.action = [](Button*) { application().terminate(); };
   dialog.addSubview(button);
+}
+
+// How many chunks an update with that image writes.
+std::size_t chunksOf(const std::optional<Bytes>& image) {
+  if (!image || image->size() < kPayloadStart) return 0;
+  return chunk_count(ByteView(*image).subspan(kPayloadStart));
 }
 
 }  // namespace
 
 void ViewController::showProgressDialog() {
-  const std::shared_ptr<Window> main_window = toolkit().mainWindow();
+  const std::shared_ptr<Window> main_window = application().mainWindow();
   std::optional<Point> centre;
   if (main_window) centre = centreOf(main_window->frame());
   isProgressDisplay = true;
@@ -67,16 +86,16 @@ void ViewController::showProgressDialog() {
   if (const auto content =
           std::dynamic_pointer_cast<ProgressViewController>(controller.contentViewController)) {
     required(content->progressBar.lock(), "no progressBar").setDoubleValue(0.0);
-    content->updateBegan();
+    content->updateBegan(chunksOf(binData));
   }
   controller.showWindow();
   if (centre) centreOn(*controller.window, *centre);
-  toolkit().runModalForWindow(controller.window);
+  application().runModalForWindow(controller.window);
 }
 
 void ViewController::takeProgressWindowDown() {
   if (!isProgressDisplay) return;
-  toolkit().stopModal();
+  application().stopModal();
   required(progressWindowController, "no progress window").close();
   isProgressDisplay = false;
 }
@@ -85,21 +104,24 @@ void ViewController::dialogErrorStop(const std::string& title, const std::string
   takeProgressWindowDown();
   const Alert alert = {.messageText = title,
                        .informativeText = message,
-                       .buttons = {"OK"},
-                       .style = AlertStyle::warning};
+                       .firstButton = "OK",
+                       .otherButtons = {},
+                       .style = AlertStyle::warning,
+                       .comesUnasked = true};
   const std::shared_ptr<Window> window = viewWindow.lock();
   if (!window) return;
   window->beginSheet(alert, [self = shared_from_this()](int response) {
     if (response != kAlertFirstButtonReturn) return;
     log("OK pressed");
+    self->isRunUnanswered = false;
     required(self->btnExit.lock(), "no button btnExit").setEnabled(true);
     required(self->btnNext.lock(), "no button btnNext").setEnabled(true);
   });
 }
 
 void ViewController::showCustomDialog() {
-  const std::shared_ptr<Window> main_window = toolkit().mainWindow();
-  customerFinisheDialog = toolkit().makeWindow(kFinishContent, WindowStyle::titled);
+  const std::shared_ptr<Window> main_window = application().mainWindow();
+  customerFinisheDialog = application().makeWindow(kFinishContent, WindowStyle::titled);
   Window& dialog = *customerFinisheDialog;
   dialog.setTitle(kFinishTitle);
   centreOn(dialog, centreOf(required(main_window, "no main window").frame()));
@@ -108,11 +130,12 @@ void ViewController::showCustomDialog() {
   });
   dialog.makeKeyAndOrderFront();
   dialog.setReleasedWhenClosed(true);
-  toolkit().runModalForWindow(customerFinisheDialog);
+  checkAfterPowerCycle();
+  application().runModalForWindow(customerFinisheDialog);
 }
 
 void ViewController::showExitConfirmation() {
-  askBeforeExit(viewWindow, [] {});
+  askBeforeExit(viewWindow, false, [] {});
 }
 
 bool ViewController::shouldTerminate(std::function<void()> declined) {
@@ -122,6 +145,20 @@ bool ViewController::shouldTerminate(std::function<void()> declined) {
       std::dynamic_pointer_cast<ProgressViewController>(controller.contentViewController);
   required(content, "no progress view").askBeforeTermination(std::move(declined));
   return false;
+}
+
+int ViewController::endWithoutDisplay() {
+  if (!isRunUnanswered) return EXIT_FAILURE;
+  std::unique_lock lock(mutex);
+  runHasEnded.wait(lock, [this] { return endOfRun.has_value(); });
+  OutcomeText text = textOf(*endOfRun, strVersion);
+  if (endOfRun == Outcome::updated) text = {kFinishTitle, finishMessage()};
+  std::string line = "The display has gone. The update ended: " + text.title + " " + text.message;
+  std::replace(line.begin(), line.end(), '\n', ' ');
+  print(line);
+  log(line);
+  const bool is_up_to_date = endOfRun == Outcome::updated || endOfRun == Outcome::upToDate;
+  return is_up_to_date ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 void ViewController::confirmButtonClicked(Button*) {

@@ -13,7 +13,10 @@ xdotool key Return # Next
 # Looking for a window costs the machine something: not while the update is measured.
 within 10 grep -q "Writing SFWd chunk 0" "$work/lines" || fail "the update did not start"
 ended() { grep -q "SWFs completed SUCCESSFULLY" "$work/lines" || ! kill -0 $simulator; }
-for _ in {1..1200}; do ended && break || sleep 0.5; done
+for _ in {1..1200}; do
+  if ended; then break; fi
+  sleep 0.5
+done
 on_screen "Firmware update successful!"
 xdotool key Return # "Confirm & Exit"
 wait $simulator

@@ -6,35 +6,23 @@
 //
 // A timer beats every millisecond, as often as the loop comes round to it. So no gap is shorter
 // than that, and no key and no drawing waits longer than the longest one.
-#include <QApplication>
-#include <QProgressBar>
-#include <QPushButton>
 #include <QTimer>
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
 
-#include "app_shell/main_storyboard.h"
-#include "app_shell/qt/qt_toolkit.h"
 #include "benchmarks/peak_memory.h"
-#include "benchmarks/ready_qm5.h"
-#include "benchmarks/unsigned_image.h"
+#include "benchmarks/watched_application.h"
 #include "platform/system_log.h"
+#include "tests/support/ready_qm5.h"
 
 namespace qm5 {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using Milliseconds = std::chrono::duration<double, std::milli>;
-
-QWidget* findWidget(const QString& name) {
-  for (QWidget* widget : QApplication::allWidgets())
-    if (widget->objectName() == name) return widget;
-  std::abort();
-}
 
 // Counts how often a widget is painted, and how soon after each other at the soonest.
 class PaintCount : public QObject {
@@ -93,25 +81,15 @@ class Record : public QObject {
   PaintCount bar_{"progressBar"};
 };
 
-// The production toolkit, with an image of any size and an end at the finish dialog.
-class WatchedToolkit final : public QtToolkit {
+class WholeProgram final : public WatchedApplication {
  public:
-  explicit WatchedToolkit(std::size_t blocks) : blocks_(blocks) {}
+  using WatchedApplication::WatchedApplication;
 
-  FileContents readFile(const std::string&) override { return unsignedImage(blocks_); }
-  void mainQueueAsync(std::function<void()> step) override {
-    if (!std::exchange(started_, true))
-      QtToolkit::mainQueueAsync([this] { record_ = std::make_unique<Record>(); });
-    QtToolkit::mainQueueAsync(std::move(step));
-  }
-  std::shared_ptr<Window> makeWindow(Rect, WindowStyle) override {
-    record_->write();
-    std::_Exit(0);
-  }
+ protected:
+  void updateBegan() override { record_ = std::make_unique<Record>(); }
+  void updateEnded() override { record_->write(); }
 
  private:
-  const std::size_t blocks_;
-  bool started_ = false;  // used by the job alone
   std::unique_ptr<Record> record_;
 };
 
@@ -122,14 +100,5 @@ int main(int argc, char** argv) {
   if (argc != 2) return 2;
   qm5::setSystemLog([](std::string_view) {});
   new qm5::ReadyLink;
-  qm5::setToolkit(new qm5::WatchedToolkit(std::strtoul(argv[1], nullptr, 10)));
-  qm5::MainStoryboard storyboard = qm5::mainStoryboard();
-  storyboard.makeMainController = [make = storyboard.makeMainController](const auto& window) {
-    static QTimer press;
-    press.setSingleShot(true);
-    press.callOnTimeout([] { qobject_cast<QPushButton*>(qm5::findWidget("btnNext"))->click(); });
-    press.start(300);
-    return make(window);
-  };
-  return qm5::toolkit().applicationMain(argc, argv, storyboard);
+  return (new qm5::WholeProgram(std::strtoul(argv[1], nullptr, 10)))->run(argc, argv);
 }

@@ -18,17 +18,21 @@ set(QM5_TEST_ENVIRONMENT
   UBSAN_OPTIONS=print_stacktrace=1
   "TSAN_OPTIONS=ignore_noninstrumented_modules=1:halt_on_error=1")
 
-# qm5_test(NAME SOURCES file... USES target... [ENVIRONMENT variable...])
-# One process a test: what a test leaves behind dies with it.
+# qm5_test(NAME [SWEEP] SOURCES file... USES target... [ENVIRONMENT variable...])
+# One process per test: what a test leaves behind dies with it. A test that hangs is ended after two
+# minutes; one of a SWEEP, which "./test --long" runs in full, after twenty.
 function(qm5_test name)
-  cmake_parse_arguments(arg "" "" "SOURCES;USES;ENVIRONMENT" ${ARGN})
+  cmake_parse_arguments(arg "SWEEP" "" "SOURCES;USES;ENVIRONMENT" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
   target_include_directories(${name} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
   target_link_libraries(${name} PRIVATE ${arg_USES})
-  # Tests are no products: they need not be where the products are.
-  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR})
   # By env, as gtest_discover_tests passes on no more than one variable.
-  set_target_properties(${name} PROPERTIES
-    CROSSCOMPILING_EMULATOR "env;${QM5_TEST_ENVIRONMENT};${arg_ENVIRONMENT}")
-  gtest_discover_tests(${name} NO_PRETTY_VALUES TEST_PREFIX ${name}. PROPERTIES TIMEOUT 1200)
+  set(emulator env ${QM5_TEST_ENVIRONMENT} ${arg_ENVIRONMENT})
+  set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR "${emulator}")
+  set(timeout 120)
+  if(arg_SWEEP)
+    set(timeout 1200)
+  endif()
+  gtest_discover_tests(${name}
+    NO_PRETTY_VALUES TEST_PREFIX ${name}. PROPERTIES TIMEOUT ${timeout})
 endfunction()

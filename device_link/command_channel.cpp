@@ -1,6 +1,7 @@
 #include "device_link/command_channel.h"
 
 #include <algorithm>
+#include <limits>
 #include <string>
 
 #include "device_link/driver.h"
@@ -12,8 +13,8 @@
 namespace qm5 {
 namespace {
 
-// The device takes no more than this in one register-write request.
-constexpr std::size_t kBytesPerRequest = 8;
+// wLength has 16 bits.
+constexpr std::size_t kLongestRequest = std::numeric_limits<std::uint16_t>::max();
 
 constexpr std::size_t kData1 = 0x09;
 constexpr std::size_t kData2 = 0x11;
@@ -38,7 +39,7 @@ std::uint16_t polledCommandRegister(std::size_t interface_number) {
   }
 }
 
-// Only the first two characters are looked at; the others may still stand.
+// Only the first two characters count; the device may not have cleared the others yet.
 bool commandHasFinished(std::uint16_t command_register) {
   if (!global_driver) return false;
   const std::optional<Bytes> reply =
@@ -53,7 +54,7 @@ std::size_t data_register_for_interface(std::size_t interface_number,
   if (interface_number == 1) return ext_data ? kExtendedData1 : kData1;
   if (interface_number == 2) return ext_data ? kExtendedData2 : kData2;
   if (interface_number == 3 && !ext_data) return kData3;
-  // The line names DATA1 and the value is a command register: meant to be so.
+  // The line names DATA1 but the value is a command register. This mismatch is intended.
   print("DATA" + std::to_string(interface_number) + " not available, providing DATA1");
   return kCommand3;
 }
@@ -62,9 +63,10 @@ std::size_t usbep_write(std::size_t register_address, ByteView data) {
   if (!global_driver || data.empty()) return 0;
   const auto addr = narrow<std::uint32_t>(register_address, "register address over 32 bits");
   auto index = narrow<std::uint32_t>(data.size(), "register write over 32 bits");
-  for (std::size_t offset = 0; offset < data.size(); offset += kBytesPerRequest) {
-    const ByteView chunk = data.subspan(offset, std::min(kBytesPerRequest, data.size() - offset));
-    // Whether the device took it shows in the task's reply.
+  for (std::size_t offset = 0; offset < data.size(); offset += kBytesPerRegisterWrite) {
+    const ByteView chunk =
+        data.subspan(offset, std::min(kBytesPerRegisterWrite, data.size() - offset));
+    // The result is ignored: whether the device has the data shows in the task's reply.
     if (global_driver) global_driver->usb_write(kVendorWrite, kRegisterWrite, addr, index, chunk);
     index = 0;
   }
@@ -77,10 +79,10 @@ void write_4cc(std::string_view command, const std::optional<ByteView>& data,
     usbep_write(data_register_for_interface(interface_number, ext_data), *ext_data);
   }
   if (data) {
-    // The same selection: beside extended data, the data goes to the extended register too.
+    // The same register: with extended data, the data goes to the extended register too. Intended.
     usbep_write(data_register_for_interface(interface_number, ext_data), *data);
   }
-  // Commands go to interface 3's register whatever the interface; only the poll follows it.
+  // Every interface's command goes to interface 3's register; only the poll differs. Intended.
   const auto* characters = reinterpret_cast<const std::uint8_t*>(command.data());
   usbep_write(kCommand3, {characters, command.size()});
 }
@@ -101,8 +103,8 @@ std::optional<Bytes> read_data(std::size_t num_bytes_to_read, std::size_t interf
                                const ExtendedData& ext_data, std::size_t) {
   const auto addr = narrow<std::uint16_t>(data_register_for_interface(interface_number, ext_data),
                                           "data register over 16 bits");
-  // The register's contents come behind one length byte.
-  if (num_bytes_to_read >= 0xFFFF) fatal("a register read longer than a control request");
+  // One length byte comes before the register's contents.
+  if (num_bytes_to_read >= kLongestRequest) fatal("a register read longer than a control request");
   const auto length = static_cast<std::uint16_t>(num_bytes_to_read + 1);
   if (!global_driver) return std::nullopt;
   return global_driver->usb_read(kVendorRead, kRegisterRead, addr, 0, length);

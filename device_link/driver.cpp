@@ -2,19 +2,17 @@
 
 #include <algorithm>
 #include <array>
-#include <limits>
 #include <vector>
 
+#include "device_link/vendor_requests.h"
 #include "platform/console.h"
 #include "platform/fatal.h"
 
 namespace qm5 {
 namespace {
 
-// Preset before every request and never read back.
+// The preset of wLenDone. The count of bytes moved is never read back.
 constexpr std::uint32_t kPresetLengthDone = 0xFF;
-
-constexpr std::size_t kLongestRequest = std::numeric_limits<std::uint16_t>::max();
 
 }  // namespace
 
@@ -26,9 +24,9 @@ Driver::Driver(std::uint16_t vendor, std::uint16_t product)
       deviceMonitor(
           std::make_shared<USBDeviceMonitor>(std::vector<USBMonitorData>{{vendor, product}})),
       deviceMonitorDaemon("USBMonitor", [monitor = deviceMonitor] { monitor->start(); }) {
-  // The thread starts before the observers are registered, and that order is kept: what
-  // the monitor announces in between is not seen.
-  deviceMonitorDaemon.start();
+  // The thread starts before the observers are registered. This order is intended, though what the
+  // monitor announces in between is missed.
+  if (!deviceMonitorDaemon.start()) cannotStart("there is no thread left to watch the USB bus");
   NotificationCenter& center = NotificationCenter::defaultCenter();
   connected_.emplace(center.addObserver(
       USBDeviceConnected, [this](const Notification& posted) { usbConnected(posted); }));
@@ -86,15 +84,18 @@ std::size_t Driver::usb_write(std::uint32_t requestType, std::uint32_t request, 
   record.wIndex = narrow<std::uint16_t>(index, "index over 16 bits");
   record.wLength = narrow<std::uint16_t>(data.size(), "data longer than a control request");
   record.wLenDone = kPresetLengthDone;
-  // A private copy, on the stack and so large as any request: writes come by the thousand.
-  std::array<std::uint8_t, kLongestRequest> buffer;
-  std::copy(data.begin(), data.end(), buffer.begin());
-  record.pData = buffer.data();
+  // The port may write to the buffer, so it gets a copy. Register writes come by the thousand:
+  // theirs needs no memory from the heap.
+  std::array<std::uint8_t, kBytesPerRegisterWrite> chunk;
+  Bytes larger;
+  if (data.size() > chunk.size()) larger.resize(data.size());
+  record.pData = larger.empty() ? chunk.data() : larger.data();
+  std::copy(data.begin(), data.end(), record.pData);
   return interface->DeviceRequest(record) == kIOReturnSuccess ? data.size() : 0;
 }
 
-// The interface that all requests use, read once an operation; nullptr when no device is
-// attached or it has none. It stays valid when the device leaves.
+// The interface for one request; nullptr when no device is attached or the device has none. It
+// stays valid after the device has left: requests then fail.
 IOUSBDeviceStruct942* Driver::deviceInterface() const {
   const std::lock_guard lock(mutex_);
   if (!device_info_ || device_info_->deviceInterfacePtrPtr == nullptr) return nullptr;

@@ -1,5 +1,4 @@
-// The one link to the QM5: which device is attached, and vendor control requests to it.
-// Everything above talks to the device through this only.
+// The only link to the QM5: knows which device is attached and makes control requests to it.
 #pragma once
 
 #include <cstddef>
@@ -17,9 +16,9 @@ namespace qm5 {
 
 class Driver {
  public:
-  /// Starts to follow the devices with that vendor and product identifier, on a thread of
-  /// its own, and does not wait for it. The thread starts before the new object listens: a
-  /// device that it announces in between is not seen.
+  /// Starts a thread that watches for devices with that vendor and product identifier, and does not
+  /// wait for it. The thread starts before this object observes its notifications: a device that
+  /// it announces in between is missed. Main thread. Fatal when the system has no thread left.
   Driver(std::uint16_t vendorID, std::uint16_t productID);
   Driver(const Driver&) = delete;
   Driver& operator=(const Driver&) = delete;
@@ -27,24 +26,28 @@ class Driver {
   const std::uint16_t vendorID;
   const std::uint16_t productID;
 
-  /// The attached device, the one reported last; empty when there is none. Any thread.
+  /// The attached device; of several the one announced last; empty when there is none. Any thread.
   std::optional<USBDevice> deviceInfo() const;
 
-  /// Observers of the monitor's notifications; ignore those without the expected object.
+  /// Observe the monitor's notifications, on the thread that posts them. A notification without
+  /// the expected object is ignored.
   void usbConnected(const Notification& notification);
   void usbDisconnected(const Notification& notification);
 
-  /// Whether a device is attached, by what was last announced; sends nothing.
+  /// Returns whether a device is attached, according to the last announcement, and prints one or
+  /// two lines. Makes no request. Any thread.
   bool usb_find();
 
-  /// One control read of `length` bytes. Returns all `length` bytes, with zeros where the
-  /// device sent fewer; empty when no device is attached or the request failed. Blocks.
+  /// Makes one control read. Returns exactly `length` bytes, zeros where the device sent fewer;
+  /// empty when no device is attached or the request failed. Blocks without a time-out. One thread
+  /// at a time: in the program, the update job.
   std::optional<Bytes> usb_read(std::uint8_t requestType, std::uint8_t request, std::uint16_t addr,
                                 std::uint16_t index, std::uint16_t length);
 
-  /// One control write. Returns data.size(), or 0 when no device is attached or the request
-  /// failed. Fatal when a device is attached and a value does not fit: 8 bits for
-  /// requestType and request, 16 for addr, index and the length of data. Blocks.
+  /// Makes one control write. `data` is not modified. Returns data.size(), or 0 when no device is
+  /// attached or the request failed; for empty data the two look alike. Fatal when a device is
+  /// attached and a value does not fit: 8 bits for requestType and request, 16 bits for addr, index
+  /// and the length of data. Blocks without a time-out; same thread as usb_read().
   std::size_t usb_write(std::uint32_t requestType, std::uint32_t request, std::uint32_t addr,
                         std::uint32_t index, ByteView data);
 
@@ -54,7 +57,7 @@ class Driver {
   mutable std::mutex mutex_;
   std::optional<USBDevice> device_info_;  // replaced or cleared as a whole
 
-  // The system's own names for the two.
+  // Members with names of the toolkit's style, as vendorID above.
   const std::shared_ptr<USBDeviceMonitor> deviceMonitor;
   Thread deviceMonitorDaemon;
 
@@ -62,8 +65,8 @@ class Driver {
   std::optional<NotificationCenter::Registration> disconnected_;
 };
 
-/// The one Driver of the process; empty until the first main window controller is made.
-/// Set on the main thread before the first update job, read by the jobs.
+/// The one Driver of the process; empty until the first ViewController is made. Written on the main
+/// thread before the first update job starts, read by the jobs.
 extern std::shared_ptr<Driver> global_driver;
 
 }  // namespace qm5

@@ -25,7 +25,13 @@ std::string entryName(io_service_t service) {
   return {name.begin(), std::find(name.begin(), name.end(), '\0')};
 }
 
-// The service is released whatever comes of it; the plug-in interface stays valid.
+std::string entryLocation(io_service_t service) {
+  io_name_t location{};
+  if (usbRegistry().registryEntryGetLocation(service, location) != kIOReturnSuccess) return "";
+  return {location.begin(), std::find(location.begin(), location.end(), '\0')};
+}
+
+// Releases the service even when the creation failed; the plug-in interface stays valid.
 IOReturn createPlugIn(io_service_t service, IOCFPlugInInterfaceStruct**& plug_in) {
   USBRegistry& registry = usbRegistry();
   const IOReturn result = registry.createPlugInInterfaceForService(
@@ -36,15 +42,15 @@ IOReturn createPlugIn(io_service_t service, IOCFPlugInInterfaceStruct**& plug_in
 
 IOReturn open(IOUSBDeviceStruct942& device) {
   const IOReturn result = device.USBDeviceOpen();
-  // A device that someone else holds is announced all the same, unopened by this process.
+  // A device that another process holds is announced all the same, unopened by this process.
   if (result == kIOReturnSuccess || result == kIOReturnExclusiveAccess) return kIOReturnSuccess;
   print("Could not open device (error: " + std::to_string(result) + ")");
   return result;
 }
 
-// Fills in the record of an arrived device and opens it; other than 0 when a step fails.
-// The interfaces of a device that is skipped are left as they are.
-IOReturn take(io_service_t service, USBDevice& device) {
+// Opens an arrived device and fills in its record. Returns the result of the first step that fails;
+// the interfaces obtained before it are not released.
+IOReturn openAndDescribe(io_service_t service, USBDevice& device) {
   device.name = entryName(service);
 
   auto**& plug_in = device.plugInInterfacePtrPtr;
@@ -83,7 +89,7 @@ void USBDeviceMonitor::start() {
 void USBDeviceMonitor::watch(const USBMonitorData& entry) {
   USBRegistry& registry = usbRegistry();
   const io_port_t port = registry.notificationPortCreate();
-  if (port == 0) fatal("no notification port");
+  if (port == 0) cannotStart("the USB bus can't be reached (no notification port)");
   registry.notificationPortSetDispatchQueue(
       port, std::make_shared<DispatchQueue>("IODetector", DispatchQueue::Attribute::serial));
 
@@ -92,7 +98,7 @@ void USBDeviceMonitor::watch(const USBMonitorData& entry) {
   matching->numbers["idVendor"] = entry.vendorId;
   matching->numbers["idProduct"] = entry.productId;
 
-  // A watch that can't be registered is one that never yields anything.
+  // The results are ignored: a watch that can't be registered never yields a device.
   io_iterator_t arrived = 0;
   registry.serviceAddMatchingNotification(
       port, IONotificationType::firstMatch, *matching,
@@ -102,7 +108,7 @@ void USBDeviceMonitor::watch(const USBMonitorData& entry) {
       port, IONotificationType::terminate, *matching,
       [this](io_iterator_t iterator) { rawDeviceRemoved(iterator); }, removed);
 
-  // Reports the devices that are there already, and arms the two watches.
+  // Announces the devices that are attached already. Draining the iterators arms the watches.
   rawDeviceAdded(arrived);
   rawDeviceRemoved(removed);
 }
@@ -112,11 +118,13 @@ void USBDeviceMonitor::rawDeviceAdded(io_iterator_t iterator) {
   while (const io_service_t service = usbRegistry().iteratorNext(iterator)) {
     USBDevice device;
     device.id = entryId(service);
-    const IOReturn result = take(service, device);
+    const std::string location = entryLocation(service);
+    const IOReturn result = openAndDescribe(service, device);
     if (result == kIOReturnSuccess) {
       center.post({USBDeviceConnected, Dictionary{{"device", device}}});
     }
-    center.post({USBDeviceExamined, Dictionary{{"id", device.id}, {"result", result}}});
+    center.post({USBDeviceExamined,
+                 Dictionary{{"id", device.id}, {"result", result}, {"location", location}}});
   }
 }
 

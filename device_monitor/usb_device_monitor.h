@@ -1,28 +1,31 @@
-// Follows the USB devices that match a list of vendor/product pairs: opens each one as it
-// arrives and announces arrivals and removals as notifications. It never sends anything
-// to a device.
+// Watches for the USB devices that match a list of vendor/product pairs. Opens each one as it
+// arrives and announces arrivals and removals through the process's notification centre. Makes no
+// control request.
 #pragma once
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "device_monitor/usb_registry.h"
 
 namespace qm5 {
 
-/// Posted for each device that arrived and could be announced. Its object is a Dictionary
-/// with the key "device": the USBDevice.
-inline const std::string USBDeviceConnected = "USBDeviceConnected";
-/// Posted for each device that left, announced before or not. Its object is a Dictionary
-/// with the key "id": the device's id, std::uint64_t.
-inline const std::string USBDeviceDisconnected = "USBDeviceDisconnected";
-/// Posted for each device that arrived, after it was announced, or skipped. Its object is a
-/// Dictionary with the keys "id": the device's id, std::uint64_t, and "result": IOReturn, 0
-/// when it was announced, else why it was not.
-inline const std::string USBDeviceExamined = "USBDeviceExamined";
+/// Posted for each arrived device that could be opened and described, or that another process
+/// holds. Object: Dictionary {"device": USBDevice}.
+inline constexpr std::string_view USBDeviceConnected = "USBDeviceConnected";
+/// Posted for each device that left, whether or not its arrival was announced.
+/// Object: Dictionary {"id": std::uint64_t}, the device's id.
+inline constexpr std::string_view USBDeviceDisconnected = "USBDeviceDisconnected";
+/// Posted for each device that arrived, after USBDeviceConnected where that is posted.
+/// Object: Dictionary {"id": std::uint64_t, "result": IOReturn, "location": std::string}. The
+/// result is kIOReturnSuccess when the arrival was announced, else that of the step that failed.
+/// The location is where the device is plugged in, as in "1-4.2"; empty when that is not known.
+inline constexpr std::string_view USBDeviceExamined = "USBDeviceExamined";
 
-// The platform's published identifiers of its USB user client and of the two interfaces.
+// The platform's published identifiers: of its USB user client, of the device interface and of the
+// plug-in interface.
 /// 9DC7B780-9EC0-11D4-A54F-000A27052861
 inline constexpr UUIDBytes kIOUSBDeviceUserClientTypeID = {
     0x9D, 0xC7, 0xB7, 0x80, 0x9E, 0xC0, 0x11, 0xD4, 0xA5, 0x4F, 0x00, 0x0A, 0x27, 0x05, 0x28, 0x61};
@@ -41,14 +44,14 @@ constexpr std::uint8_t USBmakebmRequestType(int direction, int type, int recipie
                                    (static_cast<unsigned>(recipient) & 0x1F));
 }
 
-/// Filter entry: the devices with this vendor and product identifier.
+/// Filter entry: selects the devices with this vendor and product identifier.
 struct USBMonitorData {
   std::uint16_t vendorId;
   std::uint16_t productId;
 };
 
-/// One matched device. Copied freely; copies refer to the same interfaces, which nobody
-/// releases.
+/// One matched device. Copies refer to the same interfaces, which are never released and stay valid
+/// for the life of the process.
 struct USBDevice {
   std::uint64_t id = 0;  ///< registry entry id; 0 when it could not be read
   std::uint16_t vendorId = 0;
@@ -60,18 +63,21 @@ struct USBDevice {
 
 class USBDeviceMonitor {
  public:
+  /// Stores the filter list and does nothing else.
   explicit USBDeviceMonitor(std::vector<USBMonitorData> vp);
   virtual ~USBDeviceMonitor() = default;
 
-  /// Arms the watches of every filter entry, announcing from this thread what is attached
-  /// already, then serves the registry's events. The body of a thread of its own: in
-  /// production it never returns. Fatal when the registry can't be reached.
+  /// Arms the two watches of every filter entry, announces the devices that are attached already
+  /// on the calling thread, then serves the registry's events. Meant as the body of a thread of its
+  /// own: in production it never returns. Fatal when the registry gives no port or no matching
+  /// dictionary.
   virtual void start();
 
-  /// Drains an iterator of arrived devices: opens and announces each. Called once by
-  /// start(), then on the filter entry's "IODetector" queue.
+  /// Takes every arrived device from the iterator, opens and announces it. A device that fails at a
+  /// step is not announced. Called once by start() on its thread, then on the filter entry's
+  /// "IODetector" queue.
   virtual void rawDeviceAdded(io_iterator_t iterator);
-  /// Drains an iterator of removed devices and announces each. Same threads.
+  /// Takes every removed device from the iterator and announces its removal. Same threads.
   virtual void rawDeviceRemoved(io_iterator_t iterator);
 
  private:

@@ -1,22 +1,18 @@
 #include "device_monitor/usb_registry.h"
 
-#include <atomic>
-
-#include "platform/fatal.h"
-
 namespace qm5 {
 namespace {
 
-std::atomic<USBRegistry*> current = nullptr;
+PortSlot<USBRegistry> registry_slot;
 
 }  // namespace
 
 USBRegistry& usbRegistry() {
-  return required(current.load(), "no USB registry has been set");
+  return registry_slot.get("no USB registry has been set");
 }
 
 void setUSBRegistry(USBRegistry* registry) {
-  current = registry;
+  registry_slot.set(registry);
 }
 
 }  // namespace qm5

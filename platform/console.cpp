@@ -1,9 +1,10 @@
 #include "platform/console.h"
 
-#include <cstdio>
 #include <mutex>
-#include <string>
 #include <utility>
+
+#include "platform/line_recorder.h"
+#include "platform/line_writer.h"
 
 namespace qm5 {
 namespace {
@@ -14,15 +15,10 @@ LineSink console;
 }  // namespace
 
 void print(std::string_view line) {
+  recordLine(line);
   const std::lock_guard lock(mutex);
-  if (console) {
-    console(line);
-    return;
-  }
-  std::string whole(line);
-  whole += '\n';
-  std::fwrite(whole.data(), 1, whole.size(), stdout);
-  std::fflush(stdout);
+  if (console) return console(line);
+  writeLine(StandardStream::output, line);
 }
 
 void setConsole(LineSink sink) {

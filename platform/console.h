@@ -9,8 +9,8 @@ namespace qm5 {
 
 using LineSink = std::function<void(std::string_view line)>;
 
-/// Writes `line` and a line feed to standard output, whole and flushed at once.
-/// Any thread; lines never mix.
+/// Has `line` and a line feed written to standard output, and returns at once: a reader who stops
+/// reading delays nobody (see platform/line_writer.h). Any thread; lines never mix.
 void print(std::string_view line);
 
 /// Sends the lines to `sink` instead; an empty sink restores standard output.

@@ -1,5 +1,6 @@
 #include "platform/dispatch_queue.h"
 
+#include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <utility>
@@ -7,14 +8,6 @@
 #include "platform/thread.h"
 
 namespace qm5 {
-
-struct DispatchQueue::State {
-  std::string label;
-  Attribute attribute;
-  std::mutex mutex;
-  std::deque<std::function<void()>> jobs;  // serial: waiting; the front one is running
-};
-
 namespace {
 
 // What follows the last dot of a reverse-DNS label: the part that tells threads apart.
@@ -24,39 +17,62 @@ std::string threadName(const std::string& label) {
 
 }  // namespace
 
-DispatchQueue::DispatchQueue(std::string label, Attribute attribute)
-    : state_(std::make_shared<State>()) {
-  state_->label = std::move(label);
-  state_->attribute = attribute;
+class DispatchQueue::SerialJobs {
+ public:
+  void push(std::function<void()> job) {
+    const std::lock_guard lock(mutex_);
+    jobs_.push_back(std::move(job));
+    changed_.notify_one();
+  }
+  void close() {
+    const std::lock_guard lock(mutex_);
+    closed_ = true;
+    changed_.notify_one();
+  }
+  // Runs jobs until the queue is closed and none is left.
+  void run() {
+    while (const auto job = next()) job();
+  }
+
+ private:
+  // The first job, once there is one; empty when there will be none.
+  std::function<void()> next() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return closed_ || !jobs_.empty(); });
+    if (jobs_.empty()) return nullptr;
+    std::function<void()> job = std::move(jobs_.front());
+    jobs_.pop_front();
+    return job;
+  }
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::deque<std::function<void()>> jobs_;
+  bool closed_ = false;
+};
+
+DispatchQueue::DispatchQueue(std::string label, Attribute attribute) : label_(std::move(label)) {
+  if (attribute == Attribute::concurrent) return;
+  serial_ = std::make_shared<SerialJobs>();
+  startSerialThread();
 }
 
-DispatchQueue::~DispatchQueue() = default;
+DispatchQueue::~DispatchQueue() {
+  if (serial_) serial_->close();
+}
 
-void DispatchQueue::async(std::function<void()> job) {
-  if (state_->attribute == Attribute::concurrent) {
-    Thread(threadName(state_->label), std::move(job)).start();
-    return;
+bool DispatchQueue::async(std::function<void()> job) {
+  if (!serial_) return Thread(threadName(label_), std::move(job)).start();
+  serial_->push(std::move(job));
+  return startSerialThread();
+}
+
+bool DispatchQueue::startSerialThread() {
+  const std::lock_guard lock(mutex_);
+  if (!has_thread_) {
+    has_thread_ = Thread(threadName(label_), [jobs = serial_] { jobs->run(); }).start();
   }
-  {
-    const std::lock_guard lock(state_->mutex);
-    state_->jobs.push_back(std::move(job));
-    if (state_->jobs.size() > 1) return;  // a thread is at work and will come to it
-  }
-  // A serial queue has a thread only while it has work, as it may rest for hours.
-  Thread(threadName(state_->label), [state = state_] {
-    while (true) {
-      std::function<void()> next;
-      {
-        const std::lock_guard lock(state->mutex);
-        next = std::move(state->jobs.front());
-      }
-      next();
-      next = nullptr;  // what the job holds goes before the next one starts
-      const std::lock_guard lock(state->mutex);
-      state->jobs.pop_front();
-      if (state->jobs.empty()) return;
-    }
-  }).start();
+  return has_thread_;
 }
 
 }  // namespace qm5

@@ -1,6 +1,4 @@
-// Broken preconditions: one line with the reason on standard error, then abort.
-// The outside world (a device, a file, the bus) never leads here, except where a
-// function says so.
+// Ends of the process that no window tells of: one line with the reason, on standard error.
 #pragma once
 
 #include <string_view>
@@ -8,17 +6,24 @@
 
 namespace qm5 {
 
-/// Writes `reason` as one line on standard error and aborts. Any thread.
+/// For broken preconditions: writes `reason` as one line on standard error and aborts. The outside
+/// world (a device, a file, the bus) never leads here, except where a function says so. Any thread.
 [[noreturn]] void fatal(std::string_view reason);
 
-/// `value` as a `To`; fatal when it does not fit.
+/// For a start that lacks what the computer has to give (descriptors, threads, memory): writes
+/// `reason` as one line on standard error and in the system log, and ends the process with status
+/// 1. Any thread.
+[[noreturn]] void cannotStart(std::string_view reason);
+
+/// Returns `value` as a `To`; fatal, with `what` as the reason, when it does not fit. Any thread.
 template <typename To, typename From>
 To narrow(From value, std::string_view what) {
   if (!std::in_range<To>(value)) fatal(what);
   return static_cast<To>(value);
 }
 
-/// The object that `pointer` refers to; fatal when there is none.
+/// Returns what `pointer` (a pointer or an optional) refers to; fatal, with `what` as the reason,
+/// when it is empty. Any thread.
 template <typename Pointer>
 auto& required(const Pointer& pointer, std::string_view what) {
   if (!pointer) fatal(what);

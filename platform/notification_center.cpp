@@ -25,10 +25,10 @@ NotificationCenter& NotificationCenter::defaultCenter() {
   return *center;
 }
 
-NotificationCenter::Registration NotificationCenter::addObserver(std::string name,
+NotificationCenter::Registration NotificationCenter::addObserver(std::string_view name,
                                                                  Observer observer) {
   auto entry = std::make_shared<Entry>();
-  entry->name = std::move(name);
+  entry->name = name;
   entry->observer = std::move(observer);
   const std::lock_guard lock(mutex_);
   std::erase_if(entries_, [](const auto& known) { return known.expired(); });

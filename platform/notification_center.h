@@ -1,5 +1,5 @@
-// Publish and subscribe inside the process: notifications by name, delivered
-// synchronously on the posting thread.
+// Publish and subscribe inside the process. A notification goes to the observers of its name, on
+// the thread that posts it, before post() returns.
 #pragma once
 
 #include <any>
@@ -8,22 +8,23 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace qm5 {
 
 /// What most notifications carry as their object: values by key.
-using Dictionary = std::map<std::string, std::any>;
+using Dictionary = std::map<std::string, std::any, std::less<>>;
 
 struct Notification {
-  std::string name;
-  std::any object;  ///< empty, or what the sender attached
+  std::string_view name;  ///< valid for as long as the notification is
+  std::any object;        ///< empty, or what the sender attached
 };
 
-/// The value under `key` of a notification's object; nullptr when the object is not a
-/// dictionary or holds no such value.
+/// The value under `key` of a notification's object; nullptr when the object is not a Dictionary,
+/// has no such key, or holds another type there. Valid for as long as the notification.
 template <typename Value>
-const Value* objectValue(const Notification& notification, const std::string& key) {
+const Value* objectValue(const Notification& notification, std::string_view key) {
   const auto* dictionary = std::any_cast<Dictionary>(&notification.object);
   if (dictionary == nullptr) return nullptr;
   const auto found = dictionary->find(key);
@@ -36,8 +37,8 @@ class NotificationCenter {
  public:
   using Observer = std::function<void(const Notification&)>;
 
-  /// Keeps an observer registered. Letting go of it ends the registration and waits for
-  /// a delivery in progress, so an observer must not let go of its own.
+  /// Keeps an observer registered. Its destructor ends the registration and waits for a delivery
+  /// in progress, so an observer must not destroy its own registration. Any thread.
   class Registration {
    public:
     explicit Registration(std::shared_ptr<Entry> entry);
@@ -49,16 +50,16 @@ class NotificationCenter {
     std::shared_ptr<Entry> entry_;
   };
 
-  /// The one centre of the process.
+  /// The one centre of the process. Any thread.
   static NotificationCenter& defaultCenter();
 
-  /// Has `observer` called for every notification of that name, from any sender, until
-  /// the registration is let go of. Observers are called in the order of registration,
-  /// each by one thread at a time.
-  [[nodiscard]] Registration addObserver(std::string name, Observer observer);
+  /// Calls `observer` for every notification with that name, from any sender, until the returned
+  /// registration is destroyed. Observers are called in the order of registration, each by one
+  /// thread at a time. The name is copied. Any thread.
+  [[nodiscard]] Registration addObserver(std::string_view name, Observer observer);
 
-  /// Calls the observers of `notification.name` and returns when all have returned.
-  /// Any thread, but not from an observer of that name.
+  /// Calls the observers of `notification.name` and returns when all of them have returned. Any
+  /// thread, but not from an observer of that name.
   void post(const Notification& notification);
 
  private:

@@ -1,11 +1,10 @@
 #include "platform/system_log.h"
 
-#include <syslog.h>
-
-#include <cstdio>
 #include <mutex>
-#include <string>
 #include <utility>
+
+#include "platform/line_recorder.h"
+#include "platform/line_writer.h"
 
 namespace qm5 {
 namespace {
@@ -16,17 +15,11 @@ LineSink system_log;
 }  // namespace
 
 void log(std::string_view line) {
+  recordLine(line);
   const std::lock_guard lock(mutex);
-  if (system_log) {
-    system_log(line);
-    return;
-  }
-  // The identity must outlive every entry: a literal does. Opening again only sets it anew.
-  openlog("qm5-updater", LOG_PID, LOG_USER);
-  std::string whole(line);
-  syslog(LOG_NOTICE, "%s", whole.c_str());
-  whole += '\n';
-  std::fwrite(whole.data(), 1, whole.size(), stderr);
+  if (system_log) return system_log(line);
+  writeSystemLog(line);
+  writeLine(StandardStream::error, line);
 }
 
 void setSystemLog(LineSink sink) {

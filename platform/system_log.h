@@ -7,7 +7,8 @@
 
 namespace qm5 {
 
-/// Writes `line` as one entry of the system log, and to standard error. Any thread.
+/// Has `line` written as one entry of the system log, and to standard error. Returns at once, as
+/// print() does. Any thread.
 void log(std::string_view line);
 
 /// Sends the lines to `sink` instead; an empty sink restores the system log.

@@ -1,4 +1,5 @@
-// Numbers as text. None of it follows the user's locale: a percentage has a point everywhere.
+// Numbers as text. Independent of the user's locale: a percentage has a decimal point everywhere.
+// Pure functions; any thread.
 #pragma once
 
 #include <cstddef>

@@ -2,11 +2,10 @@
 
 #include <pthread.h>
 
+#include <memory>
 #include <system_error>
 #include <thread>
 #include <utility>
-
-#include "platform/fatal.h"
 
 namespace qm5 {
 namespace {
@@ -25,13 +24,18 @@ void setCurrentName(const std::string& name) {
 Thread::Thread(std::string name, std::function<void()> entry)
     : name_(std::move(name)), entry_(std::move(entry)) {}
 
-void Thread::start() try {
-  std::thread([name = name_, entry = std::move(entry_)] {
-    setCurrentName(name);
-    entry();
-  }).detach();
-} catch (const std::system_error& error) {
-  fatal(error.what());
+bool Thread::start() {
+  const auto entry = std::make_shared<std::function<void()>>(std::move(entry_));
+  try {
+    std::thread([name = name_, entry] {
+      setCurrentName(name);
+      (*entry)();
+    }).detach();
+  } catch (const std::system_error&) {
+    entry_ = std::move(*entry);
+    return false;
+  }
+  return true;
 }
 
 }  // namespace qm5

@@ -1,5 +1,5 @@
-// A named thread that runs one function and is never joined: the program's threads
-// live as long as the process, or until their work is done.
+// A named thread that runs one function and is never joined: it ends when the function returns or
+// when the process ends.
 #pragma once
 
 #include <functional>
@@ -9,12 +9,12 @@ namespace qm5 {
 
 class Thread {
  public:
-  /// `name` shows in debuggers (the system keeps 15 bytes). `entry` and all it holds are
-  /// kept until it has returned.
+  /// `name` is shown by debuggers and `ps`; the system keeps its first 15 bytes. `entry`, and all
+  /// that it holds, lives until it has returned.
   Thread(std::string name, std::function<void()> entry);
-  /// Starts the thread and returns at once. Call it once. Fatal when the system has no
-  /// thread left.
-  void start();
+  /// Starts the thread and returns at once. False when the system has no thread left, and then it
+  /// may be called again; once it has started a thread it may not.
+  [[nodiscard]] bool start();
 
  private:
   std::string name_;

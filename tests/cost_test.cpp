@@ -1,15 +1,13 @@
-// What an update costs the host, by count: requests a block, and how often it asks for memory.
+// What an update costs the host, by count: requests per block, and how often it asks for memory.
 // The times that follow from it are ./bench's business.
 #include <gtest/gtest.h>
 
-#include "benchmarks/allocation_count.h"
-#include "benchmarks/ready_qm5.h"
-#include "benchmarks/unsigned_image.h"
-#include "device_link/command_channel.h"
-#include "device_link/vendor_requests.h"
 #include "platform/console.h"
 #include "platform/system_log.h"
+#include "support/allocation_count.h"
 #include "support/named_cases.h"
+#include "support/ready_qm5.h"
+#include "support/unsigned_image.h"
 #include "update_engine/unsecure_flow.h"
 
 namespace qm5::test {
@@ -29,15 +27,6 @@ std::size_t allocationsOf(Work work) {
   return allocationCount() - before;
 }
 
-TEST(Cost, TheLinkAsksForNoMemoryButTheReplyThatItHandsOut) {
-  link();
-  const Bytes block(64);
-  EXPECT_EQ(allocationsOf([&] { usbep_write(0x1F, block); }), 0U);
-  EXPECT_EQ(allocationsOf([&] { wait_for_command(15, 0.1, 3); }), 1U);
-  EXPECT_EQ(allocationsOf([&] { read_data(1, 3, std::nullopt); }), 1U);
-  EXPECT_EQ(allocationsOf([&] { (void)global_driver->deviceInfo(); }), 0U);
-}
-
 struct Blocks {
   std::string_view name;
   Bytes payload;
@@ -46,7 +35,7 @@ struct Blocks {
 QM5_PRINTS_NAME(Blocks)
 
 // Title and line, two for the group, the replies to poll and read, three for the decoded one.
-constexpr std::size_t kAllocationsABlock = 9;
+constexpr std::size_t kAllocationsPerBlock = 9;
 constexpr std::size_t kAllocationsAround = 13;
 
 class BlockCost : public testing::TestWithParam<Blocks> {};
@@ -66,7 +55,7 @@ TEST_P(BlockCost, IsWhatTheProtocolTakesAndNeverMore) {
   EXPECT_EQ(device.requests().data_reads - before.data_reads, blocks * read + 1);
   EXPECT_EQ(device.requests().others - before.others, blocks * other);
 
-  EXPECT_LE(allocations, blocks * kAllocationsABlock + kAllocationsAround);
+  EXPECT_EQ(allocations, blocks * kAllocationsPerBlock + kAllocationsAround);
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -111,17 +111,6 @@ TEST_F(Link, SelectsTheDataRegisterByInterfaceAndExtendedData) {
   EXPECT_EQ(transcript.take(), lines);
 }
 
-TEST_F(Link, WritesARegisterInChunksWithTheTotalFirst) {
-  attach();
-  EXPECT_EQ(usbep_write(0x1F, {}), 0U);
-  device.expect({{0x40, 0xFD, 0x1F, 20, 8}, {0, 1, 2, 3, 4, 5, 6, 7}}, std::nullopt);
-  device.expect({{0x40, 0xFD, 0x1F, 0, 8}, {8, 9, 10, 11, 12, 13, 14, 15}});
-  device.expect({{0x40, 0xFD, 0x1F, 0, 4}, {16, 17, 18, 19}});
-  EXPECT_EQ(usbep_write(0x1F, counting(20)), 20U) << "a refused request is not reported";
-  global_driver.reset();
-  EXPECT_EQ(usbep_write(0x1F, counting(20)), 0U);
-}
-
 TEST_F(Link, SendsTheDataBeforeTheCommandAndTheCommandAlwaysToTheSameRegister) {
   attach();
   const Bytes data = {1, 2, 3, 4};
@@ -136,6 +125,9 @@ TEST_F(Link, SendsTheDataBeforeTheCommandAndTheCommandAlwaysToTheSameRegister) {
   device.expect({{0x40, 0xFD, 0x1E, 9, 8}, {'l', 'o', 'n', 'g', ' ', 'n', 'a', 'm'}});
   device.expect({{0x40, 0xFD, 0x1E, 0, 1}, {'e'}});
   write_4cc("long name", data, 2, extended);
+  EXPECT_EQ(usbep_write(0x1F, {}), 0U);
+  device.expect({{0x40, 0xFD, 0x1F, 4, 4}, data}, std::nullopt);
+  EXPECT_EQ(usbep_write(0x1F, data), 4U) << "a refused request is not reported";
 }
 
 TEST_F(Link, PollsUntilTheCommandIsClearedLookingAtItsFirstTwoCharacters) {
@@ -153,31 +145,26 @@ TEST_F(Link, PollsUntilTheCommandIsClearedLookingAtItsFirstTwoCharacters) {
   EXPECT_EQ(transcript.take(), Lines{});
 }
 
-TEST_F(Link, GivesUpPollingAfterTheLastSleep) {
+TEST_F(Link, PollsAtLeastOnceAndPrintsALineWhenItGivesUp) {
   attach();
-  const auto expect_sleeps = [&](std::size_t retries, std::size_t sleeps) {
-    wait_for_command(retries, 0.5, 3);
-    EXPECT_EQ(clock.takeSleeps(), std::vector<double>(sleeps, 0.5));
-    EXPECT_EQ(transcript.take(), Lines{"out: wait_for_command is taking too long"});
-  };
-  for (int i = 0; i < 16; ++i) device.expectRead(0x1E, 5, Bytes{4, 'S', 'F', 'W', 'd'});
-  expect_sleeps(15, 15);
-  expect_sleeps(0, 1);
-  const auto driver = std::exchange(global_driver, nullptr);
-  write_4cc("SFWd", counting(4), 3, std::nullopt);
-  expect_sleeps(2, 2);
-  global_driver = driver;
+  device.expectRead(0x1E, 5, Bytes{4, 'S', 'F', 'W', 'd'});
+  wait_for_command(0, 0.5, 3);
+  EXPECT_EQ(clock.takeSleeps(), std::vector<double>{0.5});
+  EXPECT_EQ(transcript.take(), Lines{"out: wait_for_command is taking too long"});
 }
 
-TEST_F(Link, ReadsResultsWithTheirLengthByte) {
+TEST_F(Link, ReadsTheLargestResultInOneRequest) {
   attach();
-  device.expectRead(0x1F, 2, Bytes{0x40, 0x80});
-  EXPECT_EQ(read_data(1, 3, std::nullopt, 99), (Bytes{0x40, 0x80}));
-  device.expectRead(0x1F, 2, std::nullopt);
-  EXPECT_EQ(read_data(1, 3, std::nullopt), std::nullopt);
   device.expectRead(0x1F, 0xFFFF, Bytes{});
-  EXPECT_EQ(read_data(65'534, 3, std::nullopt)->size(), 65'535U);
+  EXPECT_EQ(read_data(65'534, 3, std::nullopt, 99)->size(), 65'535U);
+}
+
+TEST_F(Link, DoesNothingWithoutADriver) {
   global_driver.reset();
+  EXPECT_EQ(usbep_write(0x1F, counting(20)), 0U);
+  write_4cc("SFWd", counting(4), 3, std::nullopt);
+  wait_for_command(2, 0.5, 3);
+  EXPECT_EQ(clock.takeSleeps(), std::vector<double>(2, 0.5));
   EXPECT_EQ(read_data(1, 3, std::nullopt), std::nullopt);
 }
 

@@ -1,132 +1,207 @@
 #!/usr/bin/env bash
 # The program on a virtual screen, and what it has to do with the rest of the computer: it keeps
-# it awake, it is started again, signals want it to end.
+# it awake, it is started again, signals want it to end, its streams are odd, its screen goes.
+# With QM5_LONG, it is killed and started again 300 times instead of 5.
 # usage: tests/interfere.sh BIN_FOLDER IMAGE LOGIND
 set -euo pipefail
 readonly bin=$1 image=$2 logind=$3
 . "$(dirname "$0")/../tools/virtual_screen.sh"
-export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/bus
 
-program=$bin/qm5-updater
+readonly program=$bin/qm5-updater success="Firmware update successful!"
 
-# start LINES OPTION...: sets $simulator and $updater, once the main window is there.
+# start OPTION...: sets $simulator and $updater, once the main window is there and has the keyboard.
 start() {
-  local windows
-  windows=$(count "QM5 Updater")
-  "$bin/qm5-simulator" "${@:2}" -- "$program" >"$1" 2>&1 &
+  "$bin/qm5-simulator" "$@" -- "$program" >"$work/lines" 2>&1 &
   simulator=$!
-  within 10 shown "QM5 Updater" $((windows + 1)) || fail "no main window came"
+  on_screen "QM5 Updater"
   updater=$(cat "/proc/$simulator/task/$simulator/children")
   updater=${updater% }
 }
 
+gone() { ! kill -0 "$1"; }
+# ended STATUS [SECONDS]: waits until the program has ended with that status.
+ended() {
+  within "${2-10}" gone "$simulator" || fail "the program does not end"
+  grep -q "the program ended with $1" "$work/lines" || fail "the program did not end with $1"
+}
+
 count() { { window "$1" || true; } | wc -l; }
 shown() { [ "$(count "$1")" = "$2" ]; }
-active() { [ "$(xdotool getactivewindow getwindowname)" = "$1" ]; }
+active() { [ "$(xdotool getactivewindow getwindowname)" = "$1" ] && shown "$1" "$2"; }
 wrote() { grep -c "Writing SFWd chunk" "$work/lines" || true; }
 wrote_more_than() { [ "$(wrote)" -gt "$1" ]; }
+begin_update() {
+  xdotool key alt+n # Next, wherever the focus is
+  within 30 wrote_more_than 5 || fail "no update began"
+}
 
 # Starts the program again on the bus of the one that runs.
 start_again() {
   local environment
   mapfile -t environment < <(tr '\0' '\n' <"/proc/$updater/environ" | grep -E '^(LD_PRE|UMOCK)')
-  timeout 1 env "${environment[@]}" "$bin/qm5-updater" || fail "a second start ended with $?"
+  timeout 5 env "${environment[@]}" "$program" || fail "a second start ended with $?"
+}
+
+# minimise_all: whether no window is left; one that has just come up may take the wish no earlier.
+minimise_all() {
+  local id
+  for id in $(xdotool search --onlyvisible --name QM5); do xdotool windowminimize "$id" || true; done
+  shown ".*QM5.*" 0
+}
+
+# minimised TITLE COUNT: minimises all windows; a second start brings them back, one of that title,
+# of which there are so many, with the keyboard.
+minimised() {
+  within 10 minimise_all || fail "windows can't be minimised beside \"$1\""
+  start_again
+  within 10 active "$1" "$2" || fail "a second start did not bring \"$1\" back"
 }
 
 # question SIGNAL: sends it in the middle of a run, which has to go on under the question.
 question() {
-  sleep 0.3 # signals that come together count as one
+  sleep 0.2 # signals that come together count as one
   kill "-$1" "$updater"
   # The alert has the title of its window.
   within 10 shown "Updating the QM5" 2 || fail "$1 led to no question"
   within 10 wrote_more_than "$(wrote)" || fail "$1 stopped the update"
 }
 
-# awake_until OUTCOME COMMAND...: presses Next; when the command succeeds, or when that outcome
-# has ended the program, one inhibitor has been taken and released.
-awake_until() {
-  : >"$work/awake"
-  xdotool key Return
+# The inhibitor that is taken with a press of Next.
+awake() {
   within 10 grep -q "^Inhibit:sleep:idle:handle-lid-switch:QM5 Updater:.*:block$" "$work/awake" ||
     fail "$1: not awake"
-  within 60 "${@:2}" || fail "$1 did not come"
+}
+still_awake() { ! grep -q released "$work/awake" || fail "$1: not awake any more"; }
+released() {
   within 10 grep -q "^released$" "$work/awake" || fail "$1: still awake"
   [ "$(wc -l <"$work/awake")" = 2 ] || fail "$1: $(cat "$work/awake")"
-}
-alerted() { shown "QM5 Updater" 2; } # it has the title of its window
-quit() {
-  within 10 window "Updating the QM5" && xdotool key alt+a || return 1 # Abort
-  within 10 shown "Updating the QM5" 2 && xdotool key Return           # Quit
+  : >"$work/awake"
 }
 
 start_screen
+export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/bus
 dbus-daemon --session --nofork --address="$DBUS_SYSTEM_BUS_ADDRESS" &
-bus=$!
 within 10 test -S "$work/bus" || fail "no bus came"
 "$logind" >>"$work/awake" &
 within 10 grep -q ready "$work/awake" || fail "no logind came"
-mkdir "$work/bare" # a program without its package
-ln "$bin/qm5-updater" "$work/bare" 2>/dev/null || cp "$bin/qm5-updater" "$work/bare"
-for outcome in "no device|--attach-after 1000" "no version|--fault request:1=stall" \
-  "same version|--version 4208" "no image|--version 4201" "flash error|--fault SFWi:1=stall"; do
-  [ "$outcome" != "no image|--version 4201" ] || program=$work/bare/qm5-updater
-  # shellcheck disable=SC2086 # two words
-  start "$work/lines" ${outcome#*|}
-  awake_until "${outcome%|*}" alerted
-  xdotool key Return # OK
+: >"$work/awake"
+
+one_long_run() {
+  start --attach-after 1000 --image "$image" --latency-ms 1
+  minimised "QM5 Updater" 1
+  xdotool key Return # Next
+  awake "no device"
+  within 10 shown "QM5 Updater" 2 || fail "no alert came"
+  released "no device"
+  minimised "QM5 Updater" 2
+  press Return # OK
+  within 10 shown "QM5 Updater" 1 || fail "the alert stayed"
+  kill -USR2 "$simulator" # plugs the QM5 in
+  sleep 1                 # a key that is pressed again sooner counts as held
+  begin_update
+  awake success
+  kill -STOP "$updater"
+  start_again
+  kill -CONT "$updater"
+  minimised "Updating the QM5" 1
+  question TERM
+  minimised "Updating the QM5" 2
+  press Escape # "Don't quit"
+  within 10 shown "Updating the QM5" 1 || fail "the question stayed"
+  question HUP # and nobody answers
+  still_awake success
+  within 60 window "$success" || fail "the update did not end"
+  released success
+  on_screen "$success"
+  press Return
+  ended 0
+}
+
+# A pipe of one page that nobody reads, a full disk, a limit of a file's size, closed streams: the
+# updates take place, and their windows answer. All at the same time.
+# shellcheck disable=SC2016 # the shells that run them expand them
+declare -A cases=(
+  ["full pipe"]='perl -e "pipe R, W; fcntl W, 1031, 4096; syswrite W, q(.) x 4096;
+     open STDOUT, q(>&W); open STDERR, q(>&W); \$^F = 99; fcntl R, 2, 0; exec @ARGV" -- "$@"'
+  ["full disk"]='exec "$@" >/dev/full 2>&1'
+  ["limited file"]='ulimit -f 1; exec "$@" >"$0" 2>&1'
+  ["no output"]='exec "$@" >&- 2>&-'
+  ["no streams"]='exec "$@" <&- >&- 2>&-'
+)
+odd_streams() {
+  local name id begun=0 left=${#cases[@]}
+  local -A simulators
+  for name in "${!cases[@]}"; do
+    DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/none "$bin/qm5-simulator" --image "$image" -- \
+      bash -c "${cases[$name]}" "$work/limited" "$program" >"$work/${name// /_}" 2>&1 &
+    simulators[$name]=$!
+  done
+  within 30 shown "QM5 Updater" "$left" || fail "$(count "QM5 Updater") windows with odd streams"
+  for id in $(window "QM5 Updater"); do
+    within 10 press_until runs $((++begun)) "$id" || fail "an update with odd streams did not begin"
+  done
+  within 60 shown "$success" "$left" || fail "$(count "$success") updates with odd streams"
+  for id in $(window "$success"); do
+    within 10 press_until shown_success $((--left)) "$id" || fail "a finish dialog stayed"
+  done
+  for name in "${!cases[@]}"; do
+    within 10 gone "${simulators[$name]}" || fail "$name: no end"
+    wait "${simulators[$name]}" || fail "$name: $(cat "$work/${name// /_}")"
+  done
+}
+runs() { [ $(($(count "Updating the QM5") + $(count "$success"))) = "$1" ]; }
+shown_success() { shown "$success" "$1"; }
+# press_until CONDITION NUMBER WINDOW: once more, since a window that comes up takes the keyboard.
+press_until() {
+  "$1" "$2" || { xdotool windowfocus "$3" key Return && false; }
+}
+
+# Each time straight after a kill, while the killed one may still be on its way out.
+killed_and_started() {
+  # shellcheck disable=SC2016 # the shell that is started expands them
+  "$bin/qm5-simulator" -- bash -c 'for _ in $(seq "$1"); do
+    "$0" & program=$!
+    looks=0 # one fails where a window goes that it looks at
+    until timeout 20 xdotool search --sync --onlyvisible --pid $program; do
+      kill -0 $program && [ $((++looks)) -lt 20 ] || exit 1
+    done
+    kill -9 $program
+  done 2>/dev/null' "$program" "$1" >"$work/lines" 2>&1 &
+  simulator=$!
+  within $((10 + $1)) gone "$simulator"
+  grep -q "the program ended with 0" "$work/lines" || fail "a killed program did not start again"
+}
+
+# Another updater on another bus takes no notice, and ends at a signal, as nothing runs there.
+signals() {
+  start
   kill -TERM "$updater"
-  wait "$simulator" || true
-  program=$bin/qm5-updater
-done
-start "$work/lines" --image "$image"
-awake_until success window "Firmware update successful!"
-kill -TERM "$updater" # nothing runs any more
-wait "$simulator" || fail "the update went wrong"
-start "$work/lines" --latency-ms 20
-awake_until quit quit
-wait "$simulator" || true
-kill "$bus" # from here on nobody listens
+  ended 0
+  DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/none start --latency-ms 20
+  begin_update
+  question HUP # a script's background ignores SIGINT
+  sleep 0.2
+  kill -TERM "$updater"
+  ended 0
+  [ "$(grep -c "may fall asleep" "$work/lines")" = 1 ] || fail "not one try to stay awake"
+}
 
-start "$work/other"
-readonly other=$updater other_simulator=$simulator
-start "$work/lines" --version 4201 --image "$image" --latency-ms 1 # it takes some seconds
-kill -TERM "$other" # nothing runs there
-wait "$other_simulator" || true
-grep -q "the program ended with 0" "$work/other" || fail "no end by a signal: $(cat "$work/other")"
+# The update goes on without anybody to tell, and the computer is kept awake for it.
+lost_display() {
+  start --image "$image" --latency-ms 1
+  begin_update
+  kill "$screen"
+  within 10 wrote_more_than $(($(wrote) + 20)) || fail "the update ended with the display"
+  still_awake "lost display"
+  ended 0 60
+  # On standard output, and on standard error with the system log's line.
+  [ "$(grep -c "The display has gone. The update ended: $success" "$work/lines")" = 2 ] ||
+    fail "the outcome is not told"
+  released "lost display"
+}
 
-xdotool windowminimize --sync "$(window "QM5 Updater")"
-start_again
-within 10 active "QM5 Updater" || fail "a second start did not bring the window back"
-xdotool key Return # Next
-within 30 wrote_more_than 5 || fail "the update did not start"
-kill -STOP "$updater"
-start_again
-kill -CONT "$updater"
-
-question TERM
-start_again # brings the question to the front, not the windows below it
-xdotool key Escape # "Don't quit"
-within 10 shown "Updating the QM5" 1 || fail "the question stayed"
-question HUP # and nobody answers
-within 300 window "Firmware update successful!" || fail "the update did not end"
-on_screen "Firmware update successful!"
-xdotool key Return
-wait "$simulator" || fail "the update went wrong"
-[ "$(grep -c "may fall asleep" "$work/lines")" = 1 ] || fail "not one try to stay awake"
-
-start "$work/lines" --version 4201 --latency-ms 20
-xdotool key Return
-within 30 wrote_more_than 5 || fail "the second update did not start"
-question HUP # a script's background ignores SIGINT
-sleep 0.3
-kill -TERM "$updater"
-wait "$simulator" || true
-grep -q "the program ended with 0" "$work/lines" || fail "two signals did not end the program"
-
-# The screen goes last. There is nobody to tell, and no thread may trip over the end.
-start "$work/lines" --version 4201 --latency-ms 20
-xdotool key Return
-within 30 wrote_more_than 5 || fail "the third update did not start"
-kill "$screen"
-wait "$simulator" || true
-grep -q "the program ended with 1" "$work/lines" || fail "no end with the screen's"
+odd_streams
+one_long_run
+signals
+killed_and_started "$([ -v QM5_LONG ] && echo 300 || echo 5)"
+lost_display

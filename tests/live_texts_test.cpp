@@ -1,94 +1,299 @@
-// What the windows tell beside the run: the pace of an update, and the state of the bus.
-#include "app_shell/bus_status.h"
+// What the windows tell beside the run: the pace of an update, what becomes of its QM5, and the
+// state of the bus.
+#include <algorithm>
+#include <array>
+
+#include "app_shell/device_status_presenter.h"
+#include "app_shell/power_cycle_check.h"
 #include "app_shell/progress_window.h"
 #include "app_shell/update_pace.h"
+#include "simulator/device/faulty_qm5.h"
 #include "support/linked_device.h"
 #include "support/named_cases.h"
-#include "support/scripted_toolkit.h"
+#include "support/scripted_application.h"
+#include "support/whole_app.h"
 
 namespace qm5::test {
 namespace {
 
 struct Moment {
   std::string_view name;
-  std::vector<std::pair<double, double>> steps;  // percent, seconds
+  std::vector<std::pair<std::size_t, double>> steps;  // number, seconds
   double now;
-  std::string told;  // all three texts, a line each
+  UpdatedDevice device;
+  std::string told;  // the texts: two lines, and the beginning of a third
 };
 QM5_PRINTS_NAME(Moment)
 
 class Pace : public testing::Test, public testing::WithParamInterface<Moment> {};
 
 TEST_P(Pace, TellsWhatIsSoAndNoMoreThanIsKnown) {
-  const auto& [name, steps, now, told] = GetParam();
-  UpdatePace pace(0);
-  for (const auto& [percent, time] : steps) pace.progressed(percent, time);
-  EXPECT_EQ(pace.elapsed(now) + "\n" + pace.remaining(now) + "\n" + pace.phase(now), told);
+  const auto& [name, steps, now, device, told] = GetParam();
+  UpdatePace pace(0, 100);
+  for (const auto& [number, time] : steps) pace.progressed(number, time);
+  pace.deviceIs(device);
+  const std::string warning(pace.warning(now).substr(0, 36));
+  EXPECT_EQ(pace.remaining(now) + "\n" + std::string(pace.phase(now)) + "\n" + warning, told);
 }
 
-const std::string kWriting = "Writing the new firmware.";
-const std::string kWaiting = "Waiting for the QM5 to respond.";
-const std::string kChecking = "The QM5 is checking the new firmware. This can take minutes.";
+constexpr auto there = UpdatedDevice::there;
+constexpr auto away = UpdatedDevice::away;
+const std::string kWriting = "\nWriting the new firmware.\n";
+const std::string kWaiting = "\nWaiting for the QM5 to respond.\n";
+const std::string kChecking = "\nThe QM5 is checking the new firmware. This can take minutes.\n";
+const std::string kEnding = "\nWaiting for the update to end.\n";
+const std::string kLost = kEnding + "The QM5 has been disconnected: the u";
 
 const std::vector<Moment> kMoments = {
-    {"start", {}, 0.9, "Time: 0:00\n\nLooking for the QM5."},
-    {"nothing for long", {}, 6, "Time: 0:06\n\n" + kWaiting},
-    {"too early", {{1, 1}, {0, 2}, {4, 9}}, 9, "Time: 0:09\n\n" + kWriting},
-    {"too short", {{1, 1}, {0, 2}, {50, 4.9}}, 4.9, "Time: 0:04\n\n" + kWriting},
+    {"start", {}, 0.9, there, "\nPreparing the update.\n"},
+    {"start without a QM5", {}, 1.9, away, "\nLooking for the QM5.\n"},
+    {"it leaves before the first answer", {}, 2, away, kLost},
+    {"nothing for long", {}, 6, there, kWaiting},
+    {"too early", {{1, 1}, {2, 2}, {6, 9}}, 9, there, kWriting},
+    {"too short", {{1, 1}, {2, 2}, {52, 4.9}}, 4.9, there, kWriting},
     {"the opening does not count",
-     {{1, 1}, {0, 20}, {9, 38}},
+     {{1, 1}, {2, 20}, {12, 38}},
      38,
-     "Time: 0:38\nAbout 3 minutes left to write\n" + kWriting},
+     there,
+     "About 3 minutes left to write" + kWriting},
     {"nearly written",
-     {{0, 2}, {50, 32}},
+     {{2, 2}, {52, 32}},
      32,
-     "Time: 0:32\nLess than a minute left to write\n" + kWriting},
-    {"a stall", {{0, 2}, {50, 32}}, 122, "Time: 2:02\nAbout 2 minutes left to write\n" + kWaiting},
-    {"a last block cut short", {{0, 2}, {98, 32}, {100, 32}}, 32, "Time: 0:32\n\n" + kChecking},
-    {"checking", {{0, 2}, {98, 32}, {99, 32}}, 3725, "Time: 62:05\n\n" + kChecking}};
+     there,
+     "Less than a minute left to write" + kWriting},
+    {"what is left does not grow while nothing moves",
+     {{2, 2}, {52, 61}},
+     66,
+     there,
+     "Less than a minute left to write" + kWriting},
+    {"a stall", {{2, 2}, {52, 32}}, 37.1, there, kWaiting},
+    {"it leaves", {{2, 2}, {52, 32}}, 32, away, kLost},
+    {"it comes back",
+     {{2, 2}, {52, 32}},
+     32,
+     UpdatedDevice::cameBack,
+     kEnding + "The QM5 was disconnected and is back"},
+    {"another one comes",
+     {{2, 2}, {52, 32}},
+     32,
+     UpdatedDevice::replaced,
+     kEnding + "Another QM5 was connected, and the u"},
+    {"the last block",
+     {{2, 2}, {101, 32}},
+     32,
+     there,
+     "Less than a minute left to write" + kWriting},
+    {"checking", {{2, 2}, {102, 32}}, 3725, there, kChecking},
+    {"it leaves while checking", {{2, 2}, {113, 32}}, 32, away, kLost},
+    {"the end", {{2, 2}, {114, 32}}, 32, away, "\nAll has been sent.\n"}};
 INSTANTIATE_TEST_SUITE_P(Moments, Pace, testing::ValuesIn(kMoments), named);
 
-TEST(ProgressTexts, AreRenewedEverySecondAndCountFromTheBeginningOfEachUpdate) {
-  Transcript transcript;
-  ScriptedToolkit toolkit(transcript);
-  VirtualClock clock;
-  const ProgressWindowController window(toolkit.progress);
+void examine(std::uint64_t id, IOReturn result, const std::string& location = "") {
+  NotificationCenter::defaultCenter().post(
+      {USBDeviceExamined, Dictionary{{"id", id}, {"result", result}, {"location", location}}});
+}
+
+class Bus : public LinkedDevice {
+ protected:
+  void announce(std::uint64_t id) { postConnected(Dictionary{{"device", device.record(id)}}); }
+  void arrive(std::uint64_t id) { arrive(id, id); }
+  void arrive(std::uint64_t id, std::uint64_t port) {
+    announce(id);
+    examine(id, kIOReturnSuccess, "1-4." + std::to_string(port));
+  }
+  void remove(std::uint64_t id) { postDisconnected(Dictionary{{"id", id}}); }
+  std::string shownIn(const std::string& control) {
+    application.drain();
+    return application.shown[control];
+  }
+
+  ScriptedApplication application{transcript};
+  std::shared_ptr<DeviceStatusPresenter> status = DeviceStatusPresenter::follow();
+};
+
+TEST_F(Bus, ShowsInTheProgressWindowAtOnceWhatBecomesOfItsDevice) {
+  status->showIn(application.main->statusIndicator("deviceStatus"));
+  ProgressWindowController window(application.progress, status);
   auto& content = dynamic_cast<ProgressViewController&>(*window.contentViewController);
-  for (int run = 0; run < 2; ++run) {
+  const auto warns = [&](const std::string& text) {
+    const std::string shown = shownIn("progress deviceStatus");
+    return text.empty() ? shown.empty() : shown.starts_with(text);
+  };
+  std::uint64_t id = 1;
+  for (int run = 0; run < 2; ++run, ++id) {
+    const std::uint64_t first = id;
+    arrive(id);
     clock.sleep(100);
-    content.updateBegan();
-    EXPECT_EQ(toolkit.shown["txtPhase"], "Looking for the QM5.");
-    content.progressed(0);
+    content.updateBegan(100);
+    EXPECT_EQ(shownIn("txtPhase"), "Preparing the update.");
+    EXPECT_EQ(shownIn("sleepStatus"), "");
+    content.progressed({.number = 1, .percent = 1, .device = id});
+    EXPECT_EQ(shownIn("txtPhase") + "\n", kWriting.substr(1)) << "at once";
+    content.progressed({.number = 2, .percent = 0, .device = id});
     clock.sleep(50);
-    content.progressed(25);
-    toolkit.progress->tick();
-    EXPECT_EQ(toolkit.shown["txtElapsed"], "Time: 0:50");
-    EXPECT_EQ(toolkit.shown["txtRemaining"], "About 3 minutes left to write");
-    EXPECT_EQ(toolkit.shown["txtPhase"], kWriting);
+    content.progressed({.number = 27, .percent = 25, .device = id});
+    application.progress->tick();
+    EXPECT_EQ(shownIn("txtElapsed"), "Elapsed: 0:50");
+    EXPECT_EQ(shownIn("txtRemaining"), "About 3 minutes left to write");
+    EXPECT_TRUE(warns(""));
+    content.sleepIsNotPrevented();
+    EXPECT_EQ(shownIn("sleepStatus"), kMaySleepText);
+    arrive(id + 1);
+    EXPECT_TRUE(warns("Another QM5 was connected"));
+    remove(id);
+    EXPECT_TRUE(warns("Another QM5 was connected")) << "it is no other one since";
+    for (const std::string text : {"The QM5 was disconnected and is back.", "Another QM5 was"}) {
+      remove(++id);
+      EXPECT_TRUE(warns("The QM5 has been disconnected"));
+      arrive(id + 1, text.starts_with("The") ? first : id + 1);
+      EXPECT_TRUE(warns(text));
+    }
+    remove(++id);
+    EXPECT_EQ(shownIn("txtRemaining"), "");
+    window.close();
+  }
+  arrive(id);
+  EXPECT_TRUE(warns("The QM5 has been disconnected")) << "nothing is told once it is closed";
+}
+
+TEST_F(Bus, TellsWhatTheDriverHasAndWhyItHasNone) {
+  status->showIn(application.main->statusIndicator("deviceStatus"));
+  const auto shows = [&](const std::string& text) {
+    EXPECT_TRUE(shownIn("deviceStatus").starts_with(text)) << application.shown["deviceStatus"];
+  };
+  shows("No QM5 is connected.");
+  examine(1, kIOReturnError);
+  shows("A QM5 is connected, but it could not be opened.\nUnplug it");
+  examine(2, kIOReturnNotPermitted);
+  shows("A QM5 is connected, but you may not open it. ");
+  remove(1);
+  remove(2);
+  arrive(3);
+  shows("A QM5 is connected.");
+  arrive(4);
+  shows("2 QM5s are connected. An update goes to the one at port 1-4.4.\n");
+  remove(4);
+  shows("A QM5 is connected, but the updater followed another one,\nwhich has left. ");
+  announce(5);
+  examine(5, kIOReturnSuccess);
+  shows("2 QM5s are connected. An update goes to the one connected last.\n");
+  remove(5);
+  remove(3);
+  examine(6, kIOReturnSuccess);  // as when the Driver was not listening yet
+  shows("A QM5 is connected, but it came before the updater was ready.\nUnplug it");
+  remove(6);
+  examine(7, kIOReturnNoDevice);  // it left while the monitor was being set up
+  shows("No QM5 is connected.");
+}
+
+// The monitor's thread and its queue post side by side, and a removal may be drained before the
+// arrival of the same device is. Two devices; the second one stays in every other order.
+TEST_F(Bus, IsKnownRightWhateverTheOrderOfPosts) {
+  std::uint64_t id = 0;
+  for (const bool both_leave : {true, false}) {
+    for (const IOReturn result : {kIOReturnSuccess, kIOReturnError}) {
+      // Announced, examined and removed: the first device, then the second one.
+      std::array<int, 6> order = {0, 1, 2, 3, 4, 5};
+      do {
+        const auto place = [&](int post) { return std::find(order.begin(), order.end(), post); };
+        if (place(0) > place(1) || place(3) > place(4)) continue;
+        id += 2;
+        const std::uint64_t second = id + 1;
+        for (const int post : order) {
+          const std::uint64_t which = post < 3 ? id : second;
+          if (post % 3 == 0 && result == kIOReturnSuccess) announce(which);
+          if (post % 3 == 1) examine(which, result);
+          if (post % 3 == 2 && (post == 2 || both_leave)) remove(which);
+        }
+        const DeviceState state = status->state();
+        const bool has_second =
+            global_driver->deviceInfo() && global_driver->deviceInfo()->id == second;
+        EXPECT_EQ(state.present, both_leave ? std::set<std::uint64_t>{} : std::set{second});
+        EXPECT_EQ(state.used.has_value(), !both_leave && has_second);
+        EXPECT_EQ(state.availability == DeviceAvailability::absent, both_leave);
+        remove(id);
+        remove(second);
+      } while (std::next_permutation(order.begin(), order.end()));
+    }
   }
 }
 
-using BusLine = LinkedDevice;
+// The arrival and the removal of the updated QM5 are reported while the dialog comes up.
+TEST_F(Bus, SaysWhyTheQM5WasNotAskedAfterThePowerCycle) {
+  std::uint64_t id = 1;
+  for (const std::string obstacle : {"the computer had no thread", "another QM5 was connected"}) {
+    const auto check = PowerCycleCheck::follow();
+    const auto finish = [&] {
+      check->begin({.dialog = application.makeWindow({}, WindowStyle::titled),
+                    .fallback = {},
+                    .device = status->state(),
+                    .expected_version = "4208",
+                    .submit = [&](const std::function<void()>& job) {
+                      if (obstacle.ends_with("thread")) return false;
+                      announce(99);
+                      job();
+                      return true;
+                    }});
+      return shownIn("powerCycle");
+    };
+    application.shown["powerCycle"].clear();
+    announce(id);
+    EXPECT_EQ(finish(), "");
+    arrive(id);
+    remove(id);
+    const std::string off = shownIn("powerCycle");
+    EXPECT_TRUE(off.starts_with("The QM5 is off or unplugged."));
+    arrive(id + 1);
+    EXPECT_EQ(shownIn("powerCycle"), off) << "at another port";
+    announce(id);  // as when the Driver has not heard of the removal yet
+    application.shown["powerCycle"].clear();
+    EXPECT_EQ(finish(), off);
+    arrive(id + 2, id + 1);
+    EXPECT_TRUE(shownIn("powerCycle").starts_with("The QM5 came back, but " + obstacle));
+    id += 3;
+  }
+}
 
-TEST_F(BusLine, TellsWhatTheDriverHasAndWhyItHasNone) {
-  ScriptedToolkit toolkit(transcript);
-  const auto status = BusStatus::follow();
-  status->showIn(toolkit.main->statusLine("busStatus"));
-  const auto told = [&] { return toolkit.drain(), toolkit.shown["busStatus"]; };
-  const auto examine = [](std::uint64_t id, IOReturn result) {
-    NotificationCenter::defaultCenter().post(
-        {USBDeviceExamined, Dictionary{{"id", id}, {"result", result}}});
+// What the QM5 then reports in all cases, the sweep of faults tells.
+TEST(AfterThePowerCycle, TheVersionIsReadOnceASecondAfterTheQM5CameBackToItsPort) {
+  const std::string off =
+      "The QM5 is off or unplugged. Waiting for it to come back at the same USB port.";
+  const std::string no_version =
+      "The QM5 came back and did not report its version. Start the updater again and repeat "
+      "the update.";
+  FaultyQm5 qm5;
+  WholeApp app(smallImage());
+  app.bus.plug(qm5);
+  examine(global_driver->deviceInfo()->id, kIOReturnSuccess, "1-1");
+  const auto wait_for = [&](const std::string& text) {
+    app.application.runUntilShown("runStatus", [&](const auto& shown) { return shown == text; });
   };
-  EXPECT_EQ(told(), "No QM5 is connected.");
-  examine(8, kIOReturnNotPermitted);
-  EXPECT_TRUE(told().starts_with("A QM5 is connected, but you may not open it. ")) << told();
-  attach();
-  examine(7, kIOReturnSuccess);
-  EXPECT_EQ(told(), "A QM5 is connected.") << "the second one";
-  postDisconnected(Dictionary{{"id", std::uint64_t{7}}});
-  examine(8, kIOReturnSuccess);  // as when the Driver was not listening yet
-  EXPECT_EQ(told(),
-            "A QM5 is connected, but it does not respond.\nUnplug it and plug it in again.");
+  bool leaves_at_once = false;
+  app.during_sleep = [&] {
+    if (std::exchange(leaves_at_once, false)) app.bus.unplug();
+  };
+  app.during_finish_dialog = [&] {
+    app.application.finish->has_room = false;
+    app.clock.takeSleeps();
+    const std::size_t asked = qm5.requestCount();
+    qm5.addFault({.kind = FaultKind::stall, .number = asked + 1});
+    app.bus.unplug();
+    wait_for(off);
+    leaves_at_once = true;
+    for (const std::string& end : {off, no_version}) {
+      EXPECT_EQ(qm5.requestCount(), asked);
+      app.bus.plug(qm5);
+      wait_for("The QM5 is back. Its version is being read.");
+      wait_for(end);
+    }
+    EXPECT_EQ(app.clock.takeSleeps(), (std::vector<double>{1.0, 1.0}));
+    app.bus.unplug();
+    app.bus.plug(qm5);
+    app.application.drain();
+    wait_for(no_version);
+    EXPECT_EQ(qm5.requestCount(), asked + 1);
+  };
+  app.update();
 }
 
 }  // namespace

@@ -1,18 +1,29 @@
 // The pieces of the operating system that the rest relies on.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
+#include <chrono>
 #include <clocale>
 #include <csignal>
+#include <sstream>
 #include <thread>
 
+#include "app_shell/process/arguments.h"
+#include "app_shell/process/single_instance.h"
+#include "app_shell/process/start_conditions.h"
+#include "app_shell/process/termination_signals.h"
 #include "platform/clock.h"
 #include "platform/dispatch_queue.h"
 #include "platform/fatal.h"
+#include "platform/line_writer.h"
 #include "platform/notification_center.h"
-#include "platform/termination_signals.h"
 #include "platform/text.h"
+#include "support/effort.h"
+#include "support/named_cases.h"
 #include "support/transcript.h"
 
 namespace qm5::test {
@@ -93,42 +104,197 @@ TEST(Text, WritesNumbersAlikeInEveryLocale) {
 class TerminationDeathTest : public testing::TestWithParam<int> {};
 INSTANTIATE_TEST_SUITE_P(Signals, TerminationDeathTest, testing::Values(SIGINT, SIGTERM, SIGHUP));
 
-TEST_P(TerminationDeathTest, AsksAtTheFirstSignalAndEndsAtTheNextThatFindsNoDecision) {
-  const auto run = [](bool ignored) {
-    if (ignored) std::signal(GetParam(), SIG_IGN);
-    blockTerminationSignals();
-    std::atomic<int> asked = 0;
-    followTerminationSignals([&] { ++asked; });
-    const auto send = [](int signal) { kill(getpid(), signal); };
-    send(GetParam());
-    if (ignored) {
-      processClock().sleep(0.05);
-      std::_Exit(asked);
-    }
-    waitFor(asked, 1);
-    send(SIGHUP);  // of the same moment: it counts for nothing
-    processClock().sleep(0.2);
-    terminationDeclined();
-    send(GetParam());
-    waitFor(asked, 2);
-    processClock().sleep(0.2);
-    std::fputs("asked twice", stderr);
-    send(GetParam());
-    processClock().sleep(5);
-    std::_Exit(7);
-  };
-  EXPECT_EXIT(run(false), testing::ExitedWithCode(0), "asked twice");
-  EXPECT_EXIT(run(true), testing::ExitedWithCode(0), "");
+// Runs in a child: 7 is the status of a child in which something was not as it has to be.
+[[noreturn]] void signalAgainAndAgain(int signal) {
+  const auto send = [](int each) { kill(getpid(), each); };
+  std::atomic<int> asked = 0;
+  blockTerminationSignals();
+  send(signal);
+  send(SIGHUP);  // of the same moment: it counts for nothing
+  followTerminationSignals([&] { ++asked; });
+  waitFor(asked, 1);
+  terminationDeclined();
+  for (; asked < 2; processClock().sleep(0.01)) send(signal);
+  std::fputs("asked twice", stderr);
+  for (; asked == 2; processClock().sleep(0.01)) send(signal);
+  std::_Exit(7);
 }
 
-TEST(Lines, AreWrittenWholeAndAtOnce) {
-  testing::internal::CaptureStdout();
-  print("a line");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "a line\n");
+TEST_P(TerminationDeathTest, AsksAtTheFirstSignalAndEndsAtTheNextThatFindsNoDecision) {
+  EXPECT_EXIT(signalAgainAndAgain(GetParam()), testing::ExitedWithCode(0), "asked twice");
+}
+
+TEST_P(TerminationDeathTest, LeavesASignalIgnoredThatTheProcessWasStartedToIgnore) {
+  EXPECT_EXIT(
+      {
+        std::signal(GetParam(), SIG_IGN);
+        blockTerminationSignals();
+        kill(getpid(), GetParam());
+        sigset_t pending;
+        sigpending(&pending);
+        std::_Exit(sigismember(&pending, GetParam()));
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+// A pipe of one page that nobody reads until told to.
+struct StalledReader {
+  StalledReader() {
+    EXPECT_EQ(pipe(ends), 0);
+    fcntl(ends[1], F_SETPIPE_SZ, 4096);
+  }
+  std::string readUpTo(const std::string& end) {
+    std::string all;
+    std::array<char, 4096> bytes;
+    while (!all.ends_with(end)) {
+      const ssize_t size = read(ends[0], bytes.data(), bytes.size());
+      if (size <= 0) break;
+      all.append(bytes.data(), static_cast<std::size_t>(size));
+    }
+    return all;
+  }
+  int ends[2];
+};
+
+TEST(Lines, WaitForAReaderWhoHasStoppedAndThenSayHowManyWereLeftOut) {
+  StalledReader stalled, other;
+  auto* const writer =
+      new LineWriter("Lines", {descriptorSink(stalled.ends[1]), descriptorSink(other.ends[1])});
+  constexpr std::size_t kLines = 40'000;
+  const std::string tail(40, '.');
+  for (std::size_t i = 0; i < kLines; ++i) writer->submit(0, std::to_string(i) + tail);
+  writer->submit(1, "the other stream goes on");
+  EXPECT_EQ(other.readUpTo("\n"), "the other stream goes on\n");
+  const auto begin = std::chrono::steady_clock::now();
+  writer->flush(begin + std::chrono::milliseconds(200));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+  std::istringstream lines(stalled.readUpTo(" lines left out\n"));
+  std::size_t count = 0;
+  std::string line;
+  while (std::getline(lines, line) && line.ends_with(tail))
+    EXPECT_EQ(line, std::to_string(count++) + tail);
+  EXPECT_EQ(line, std::to_string(kLines - count) + " lines left out");
+  EXPECT_GT(count * tail.size(), LineWriter::kBytesKept / 2);
+}
+
+TEST(Lines, AreWrittenInTheirOrderOnBothStreams) {
   testing::internal::CaptureStderr();
-  log("an entry");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "an entry\n");
-  EXPECT_DEATH(fatal("why"), "^qm5-updater: fatal error: why\n");
+  const int standard_output = dup(STDOUT_FILENO);
+  ASSERT_EQ(dup2(STDERR_FILENO, STDOUT_FILENO), STDOUT_FILENO);
+  for (int i = 0; i < 500; ++i) {
+    print("line " + std::to_string(i));
+    if (i % 7 == 0) log("entry " + std::to_string(i));
+  }
+  flushLines();
+  dup2(standard_output, STDOUT_FILENO);
+  std::string all;
+  for (int i = 0; i < 500; ++i) {
+    all.append("line " + std::to_string(i) + "\n");
+    if (i % 7 == 0) all.append("entry " + std::to_string(i) + "\n");
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), all);
+  EXPECT_DEATH(fatal("why"), "qm5-updater: fatal error: why\n");
+}
+
+TEST(StandardStreams, AreOpenAfterAStartWithAnyOfThemClosed) {
+  for (int closed = 0; closed < 8; ++closed) {
+    const pid_t child = fork();
+    if (child == 0) {
+      for (int each = 0; each < 3; ++each) {
+        if ((closed >> each & 1) != 0) close(each);
+      }
+      openStandardStreams();
+      const int next = dup(STDIN_FILENO);
+      _exit(next > STDERR_FILENO ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0) << closed;
+  }
+}
+
+struct Command {
+  std::string_view name;
+  std::vector<const char*> arguments;
+  int status;  // -1: the program starts
+};
+QM5_PRINTS_NAME(Command)
+class Arguments : public testing::TestWithParam<Command> {};
+
+TEST_P(Arguments, AreTheToolkitsOrAnsweredOrRefused) {
+  std::vector<const char*> words = {"qm5-updater"};
+  words.insert(words.end(), GetParam().arguments.begin(), GetParam().arguments.end());
+  const auto reply = replyToArguments(static_cast<int>(words.size()), words.data(), "1.2.3");
+  EXPECT_EQ(reply ? reply->exit_status : -1, GetParam().status) << (reply ? reply->text : "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Start, Arguments,
+    testing::Values(Command{"none", {}, -1},
+                    Command{"a value", {"-platform", "offscreen", "--session", "id"}, -1},
+                    Command{"an attached value", {"-style=fusion", "--reverse"}, -1},
+                    Command{"help behind a value", {"-style", "fusion", "--help"}, 0},
+                    Command{"a value that looks like help", {"-title", "--help"}, -1},
+                    Command{"the version", {"--version"}, 0}, Command{"a file", {"image.bin"}, 2},
+                    Command{"an unknown one", {"-reverse", "--quick"}, 2},
+                    Command{"a missing value", {"-platform"}, 2}),
+    named);
+
+// The claim of a bus that is this test's own.
+std::variant<BusClaim, BusInUse> claim(std::string_view token) {
+  static char folder[] = "/dev/shm/qm5-bus-XXXXXX";
+  static const char* const made = mkdtemp(folder);
+  static const int at_end = std::atexit([] { rmdir(folder); });
+  EXPECT_EQ(at_end, 0);
+  return claimBus(token, made);
+}
+
+// Kills the owner of the bus and claims it again at once.
+TEST(BusClaim, IsFreeStraightAfterItsOwnerWasKilled) {
+  const int rounds = effort(20, 300);
+  for (int round = 0; round < rounds; ++round) {
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t owner = fork();
+    if (owner == 0) {
+      auto claimed = claim("");
+      const bool granted = std::holds_alternative<BusClaim>(claimed);
+      if (write(ready[1], granted ? "y" : "n", 1) != 1) _exit(7);
+      while (true) pause();
+    }
+    char granted = 0;
+    ASSERT_EQ(read(ready[0], &granted, 1), 1);
+    EXPECT_EQ(granted, 'y') << round;
+    kill(owner, SIGKILL);
+    EXPECT_TRUE(std::holds_alternative<BusClaim>(claim(""))) << round;
+    waitpid(owner, nullptr, 0);
+    close(ready[0]);
+    close(ready[1]);
+  }
+  report(std::to_string(rounds) + " times killed and started again: the bus was free each time");
+}
+
+TEST(BusClaim, NamesAProgramThatKeepsTheBusAndDoesNotAnswer) {
+  const auto claimed = claim("");
+  const auto second = claim("");  // of this very process, which doesn't listen
+  ASSERT_TRUE(std::holds_alternative<BusInUse>(second));
+  EXPECT_EQ(std::get<BusInUse>(second).by, BusInUse::By::otherProgram);
+  EXPECT_EQ(std::get<BusInUse>(second).name,
+            "platform_test (process " + std::to_string(getpid()) + ")");
+}
+
+TEST(BusClaim, IsAnsweredByItsOwnerWhoLearnsOfEachLaterStart) {
+  Notes notes;
+  for (const char* variable : {"WAYLAND_DISPLAY", "DISPLAY"}) setenv(variable, ":7", 1);
+  auto claimed = claim("");
+  std::get<BusClaim>(claimed).followLaterStarts(
+      [&](const std::string& token) { notes.note(token); });
+  EXPECT_EQ(std::get<BusInUse>(claim("token")).by, BusInUse::By::thisUser);
+  for (const char* variable : {"WAYLAND_DISPLAY", "DISPLAY"}) setenv(variable, ":8", 1);
+  const auto elsewhere = std::get<BusInUse>(claim(""));
+  EXPECT_EQ(elsewhere.by, BusInUse::By::thisUserElsewhere);
+  EXPECT_EQ(elsewhere.name, ":7");
+  EXPECT_EQ(notes.take()[0], "token");
 }
 
 }  // namespace

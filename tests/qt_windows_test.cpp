@@ -3,25 +3,33 @@
 #include <gtest/gtest.h>
 
 #include <QApplication>
+#include <QClipboard>
 #include <QElapsedTimer>
+#include <QFile>
+#include <QFileDialog>
 #include <QLabel>
 #include <QProgressBar>
 #include <QScreen>
 #include <QSessionManager>
+#include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
 #include <clocale>
 #include <thread>
 
+#include "app_shell/package/file_package.h"
 #include "app_shell/qt/layouts.h"
-#include "app_shell/qt/qt_toolkit.h"
+#include "app_shell/qt/qt_application.h"
 #include "app_shell/qt/qt_window.h"
+#include "app_shell/qt/status_sign.h"
 #include "support/named_cases.h"
+#include "support/virtual_clock.h"
 
 namespace qm5::test {
 namespace {
 
 using Trace = std::vector<std::string>;
+const Trace kQuestion = {"Quit", "Don't quit"};
 
 class QtWindows : public testing::Test {
  public:
@@ -29,18 +37,19 @@ class QtWindows : public testing::Test {
     static int count = 1;
     static std::string name = "qt_windows_test";
     static char* arguments[] = {name.data(), nullptr};
+    setApplicationPackage(new FilePackage);
     // As in the program, it is never taken apart.
     [[maybe_unused]] static const auto* const kept = new QApplication(count, arguments);
   }
 
   std::shared_ptr<Window> mainWindow() {
-    return std::make_shared<QtWindow>(queue_, makeMainLayout(), nullptr);
+    return std::make_shared<QtWindow>(queue_, makeMainLayout());
   }
   std::shared_ptr<Window> progressWindow() {
-    return toolkit_.instantiateWindow("Main", "ProgressWindow");
+    return application_.instantiateWindow("Main", "ProgressWindow");
   }
   std::shared_ptr<Window> finishDialog() {
-    auto window = toolkit_.makeWindow({{0, 0}, {320, 280}}, WindowStyle::titled);
+    auto window = application_.makeWindow({{0, 0}, {320, 280}}, WindowStyle::titled);
     window->setFrameOrigin({200, 200});
     window->addSubview(ImageView{{{107, 160}, {106, 100}}, "qm5_OK"});
     window->addSubview(Label{{{10, 120}, {300, 20}}, "Firmware update successful!", 16, false});
@@ -55,8 +64,11 @@ class QtWindows : public testing::Test {
  protected:
   void note(const std::string& what) { heard_.push_back(what); }
   void ask(Window& window, const std::vector<std::string>& buttons) {
-    window.beginSheet({"QM5 firmware update data error!",
-                       "Please download this program\nand try again.", buttons},
+    window.beginSheet({.messageText = "QM5 firmware update data error!",
+                       .informativeText = "Please download this program\nand try again.",
+                       .firstButton = buttons.front(),
+                       .otherButtons = {buttons.begin() + 1, buttons.end()},
+                       .comesUnasked = true},
                       [this](int response) { note(std::to_string(response)); });
     QTest::qWait(1);
   }
@@ -66,9 +78,10 @@ class QtWindows : public testing::Test {
     return QApplication::activeWindow();
   }
 
+  VirtualClock clock_;
   Trace heard_;
   MainQueue queue_;
-  QtToolkit toolkit_;
+  QtApplication application_;
 };
 
 TEST_F(QtWindows, TicksWhileItIsOnTheScreenOnly) {
@@ -88,85 +101,151 @@ TEST_F(QtWindows, TicksWhileItIsOnTheScreenOnly) {
 // --- the main queue and modal runs ---
 
 TEST_F(QtWindows, StepsKeepTheirOrderInAndOutOfNestedRuns) {
-  toolkit_.stopModal();  // there is no run: none ends, now or later
-  toolkit_.mainQueueAsync([&] {
+  application_.stopModal();  // there is no run: none ends, now or later
+  application_.mainQueueAsync([&] {
     note("first");
-    toolkit_.mainQueueAsync([&] { note("third"); });
-    toolkit_.mainQueueAsync([&] {
-      toolkit_.stopModal();
-      toolkit_.stopModal();
+    application_.mainQueueAsync([&] { note("third"); });
+    application_.mainQueueAsync([&] {
+      application_.stopModal();
+      application_.stopModal();
     });
-    toolkit_.runModalForWindow(progressWindow());
+    application_.runModalForWindow(progressWindow());
     note("inner run ended");
     // Had the second stop reached the outer run, this step would not be served in it.
-    toolkit_.mainQueueAsync([&] {
+    application_.mainQueueAsync([&] {
       note("outer run goes on");
-      toolkit_.stopModal();
+      application_.stopModal();
     });
   });
-  toolkit_.mainQueueAsync([&] { note("second"); });
-  toolkit_.runModalForWindow(progressWindow());
+  application_.mainQueueAsync([&] { note("second"); });
+  application_.runModalForWindow(progressWindow());
   EXPECT_EQ(heard_, (Trace{"first", "second", "third", "inner run ended", "outer run goes on"}));
 }
 
 // --- keys, and windows that only the program closes ---
 
-const std::vector<std::string> kQuestion = {"Quit", "Don't quit"};
+enum class At { first, late, held, frame };  // when, or how, a window is pressed
 
-struct Key {
+struct Press {
   std::string name;
   std::shared_ptr<Window> (QtWindows::*window)();
-  std::vector<std::string> alert;  // its buttons; none: the key goes to the window itself
-  Qt::Key key;
+  std::vector<std::string> alert;  // its buttons; none: the window itself is pressed
+  std::vector<QKeyCombination> keys;
+  At at;
   Trace heard;
 };
-QM5_PRINTS_NAME(Key)
+QM5_PRINTS_NAME(Press)
 
-class Keys : public QtWindows, public testing::WithParamInterface<Key> {};
+class Presses : public QtWindows, public testing::WithParamInterface<Press> {};
 
-TEST_P(Keys, AreHeardAndCloseNoWindow) {
-  const auto window = (this->*GetParam().window)();
+TEST_P(Presses, AreHeardWhenTheyAreMeantAndCloseNoWindow) {
+  const auto& [name, make, alert, keys, at, heard] = GetParam();
+  const auto window = (this->*make)();
   for (const char* button : {"btnNext", "btnExit", "btnAbort"}) {
     window->setAction(button, [=, this](Button*) { note(button); });
   }
   QWidget* shown = show(*window);
-  if (!GetParam().alert.empty()) ask(*window, GetParam().alert);
-  QWidget* top = GetParam().alert.empty() ? shown : QApplication::activeModalWidget();
-  // Space goes where the focus is, the others concern the whole window.
-  QTest::keyClick(GetParam().key == Qt::Key_Space ? top->focusWidget() : top, GetParam().key);
-  QTest::qWait(1);
-  EXPECT_EQ(heard_, GetParam().heard);
+  if (!alert.empty()) ask(*window, alert);
+  QWidget* top = alert.empty() ? shown : QApplication::activeModalWidget();
+  if (at != At::first) clock_.sleep(0.5);
+  if (at == At::frame) top->close();
+  for (const QKeyCombination key : keys) {
+    QWidget* focus = top->focusWidget() ? top->focusWidget() : top;
+    QKeyEvent repeated(QEvent::KeyPress, key.key(), {}, QString(), true);
+    if (at == At::held) QApplication::sendEvent(focus, &repeated);
+    if (at != At::held) QTest::keyClick(focus, key.key(), key.keyboardModifiers());
+  }
+  // A mnemonic presses its button down first.
+  const auto buttons = top->findChildren<QPushButton*>();
+  const auto is_down = [](const QPushButton* button) { return button->isDown(); };
+  EXPECT_FALSE(heard.empty() && std::any_of(buttons.begin(), buttons.end(), is_down));
+  EXPECT_TRUE(QTest::qWaitFor([&] { return heard_.size() >= heard.size(); }));
+  EXPECT_EQ(heard_, heard);
   EXPECT_TRUE(shown->isVisible());
 }
 
 const auto kMain = &QtWindows::mainWindow;
 const auto kProgress = &QtWindows::progressWindow;
 const auto kFinish = &QtWindows::finishDialog;
-INSTANTIATE_TEST_SUITE_P(
-    Qt, Keys,
-    testing::Values(Key{"main return", kMain, {}, Qt::Key_Return, {"btnNext"}},
-                    Key{"main escape", kMain, {}, Qt::Key_Escape, {}},
-                    Key{"progress return", kProgress, {}, Qt::Key_Return, {}},
-                    Key{"progress space", kProgress, {}, Qt::Key_Space, {"btnAbort"}},
-                    Key{"progress escape", kProgress, {}, Qt::Key_Escape, {}},
-                    Key{"finish return", kFinish, {}, Qt::Key_Return, {"confirm"}},
-                    Key{"finish escape", kFinish, {}, Qt::Key_Escape, {}},
-                    Key{"question return", kProgress, kQuestion, Qt::Key_Return, {"1000"}},
-                    Key{"question escape", kProgress, kQuestion, Qt::Key_Escape, {"1001"}},
-                    Key{"notice escape", kProgress, {"OK"}, Qt::Key_Escape, {"1000"}}),
-    named);
+const std::vector<Press> kPresses = {
+    {"main return", kMain, {}, {Qt::Key_Return}, At::first, {"btnNext"}},
+    {"main return held", kMain, {}, {Qt::Key_Return}, At::held, {}},
+    {"main space held", kMain, {}, {Qt::Key_Space}, At::held, {}},
+    {"main escape", kMain, {}, {Qt::Key_Escape}, At::late, {}},
+    {"progress", kProgress, {}, {Qt::Key_Return, Qt::Key_Space, Qt::Key_Escape}, At::late, {}},
+    {"progress tab", kProgress, {}, {Qt::Key_Tab, Qt::Key_Space}, At::late, {"btnAbort"}},
+    {"finish too early", kFinish, {}, {Qt::Key_Return, Qt::Key_Space}, At::first, {}},
+    {"finish return", kFinish, {}, {Qt::Key_Return}, At::late, {"confirm"}},
+    {"finish escape", kFinish, {}, {Qt::Key_Escape}, At::late, {}},
+    {"question too early", kMain, kQuestion, {Qt::Key_Return, Qt::ALT | Qt::Key_Q}, At::first, {}},
+    {"question return", kProgress, kQuestion, {Qt::Key_Return}, At::late, {"1001"}},
+    {"question space", kProgress, kQuestion, {Qt::Key_Space}, At::late, {"1001"}},
+    {"question escape", kMain, kQuestion, {Qt::Key_Escape}, At::late, {"1001"}},
+    {"question frame", kProgress, kQuestion, {}, At::frame, {"1001"}},
+    {"question tab", kMain, kQuestion, {Qt::Key_Tab, Qt::Key_Space}, At::late, {"1000"}},
+    {"question arrow", kMain, kQuestion, {Qt::Key_Left, Qt::Key_Return}, At::late, {"1000"}},
+    {"question mnemonic", kProgress, kQuestion, {Qt::ALT | Qt::Key_Q}, At::late, {"1000"}},
+    {"notice escape", kMain, {"OK"}, {Qt::Key_Escape}, At::late, {"1000"}},
+    {"notice frame", kMain, {"OK"}, {}, At::frame, {"1000"}}};
+INSTANTIATE_TEST_SUITE_P(Qt, Presses, testing::ValuesIn(kPresses), named);
+
+TEST_F(QtWindows, AKeyHeldSinceAnotherWindowPressesNothing) {
+  const auto window = mainWindow();
+  QTest::keyPress(show(*window), Qt::Key_Return);
+  ask(*window, kQuestion);
+  clock_.sleep(0.5);
+  QTest::keyPress(QApplication::activeModalWidget(), Qt::Key_Return);
+  EXPECT_EQ(heard_, Trace{});
+  clock_.sleep(1);  // it was let go where no window heard of it
+  QTest::keyClick(QApplication::activeModalWidget(), Qt::Key_Return);
+  EXPECT_EQ(heard_, Trace{"1001"});
+}
 
 TEST_F(QtWindows, OnlyTheProgramClosesProgressAndFinishAndTheirAlertsGoUnanswered) {
   for (const auto& window : {progressWindow(), finishDialog()}) {
     QWidget* shown = show(*window);
     window->setViewWillDisappear([&] { note("gone"); });
-    ask(*window, kQuestion);
+    shown->close();
+    window->setCloseRequested([&] { note("asked to close"); });
     shown->close();
     EXPECT_TRUE(shown->isVisible());
+    ask(*window, kQuestion);
     window->close();
     EXPECT_FALSE(shown->isVisible());
-    EXPECT_EQ(std::exchange(heard_, {}), (Trace{std::to_string(kModalResponseAbort), "gone"}));
+    EXPECT_EQ(std::exchange(heard_, {}),
+              (Trace{"asked to close", std::to_string(kModalResponseAbort), "gone"}));
   }
+}
+
+TEST_F(QtWindows, ShowsLinesToCopyAndSave) {
+  const auto window = mainWindow();
+  QWidget* shown = show(*window);
+  window->showText({"Details", "The lines of the run.", "one\ntwo", "run.txt"});
+  QTest::qWait(1);
+  QWidget* details = QApplication::activeModalWidget();
+  QTest::keyClick(details, Qt::Key_C, Qt::AltModifier);
+  EXPECT_TRUE(
+      QTest::qWaitFor([] { return QApplication::clipboard()->text() == QString("one\ntwo"); }));
+  const auto save = [&](const QString& path) {
+    for (auto* button : details->findChildren<QPushButton*>())
+      if (button->text() == "&Save…") button->click();
+    auto* const dialog = qobject_cast<QFileDialog*>(QApplication::activeModalWidget());
+    ASSERT_NE(dialog, nullptr);
+    emit dialog->fileSelected(path);
+    delete dialog;
+  };
+  const QTemporaryDir folder;
+  save(folder.filePath("run.txt"));
+  QFile saved(folder.filePath("run.txt"));
+  EXPECT_TRUE(saved.open(QIODevice::ReadOnly));
+  EXPECT_EQ(saved.readAll(), "one\ntwo");
+  EXPECT_EQ(QApplication::activeModalWidget(), details);
+  save(folder.path());  // no file can be there
+  ASSERT_NE(QApplication::activeModalWidget(), details) << "an alert says so";
+  QTest::keyClick(QApplication::activeModalWidget(), Qt::Key_Return);
+  QTest::keyClick(details, Qt::Key_Escape);
+  EXPECT_EQ(QApplication::activeModalWidget(), nullptr);
+  EXPECT_TRUE(shown->isVisible());
 }
 
 // --- progress ---
@@ -199,7 +278,7 @@ TEST_F(QtWindows, ProgressIsDrawnEveryOtherFrameToItsLastValueAndHoldsNothingUp)
   QElapsedTimer time;
   time.start();
   for (int i = 1; i <= kSteps; ++i) {
-    toolkit_.mainQueueAsync([&, i] {
+    application_.mainQueueAsync([&, i] {
       window->textField("txtTitle2")->setStringValue(std::to_string(i));
       window->progressIndicator("progressBar")->setDoubleValue(i * 100.0 / kSteps);
       done = i;
@@ -234,27 +313,52 @@ TEST_F(QtWindows, FramesCountFromTheLowerLeftOfTheScreen) {
   EXPECT_EQ(window->frame().origin.y, 0);
 }
 
+TEST_F(QtWindows, GrowsAtItsTopWhereTheScreenHasRoomForThat) {
+  const auto window = finishDialog();
+  QWidget* shown = show(*window);
+  const auto* button = shown->findChild<QPushButton*>();
+  const auto place = [&] { return button->mapToGlobal(QPoint()); };
+  const Rect before = window->frame();
+  const QPoint place_before = place();
+  const double top = QGuiApplication::primaryScreen()->geometry().height() - before.size.height;
+  window->setFrameOrigin({200, top});
+  EXPECT_EQ(window->growStatusIndicator(), nullptr);
+  window->setFrameOrigin(before.origin);
+  EXPECT_EQ(window->frame().size.height, before.size.height);
+  const auto indicator = window->growStatusIndicator();
+  ASSERT_NE(indicator, nullptr);
+  for (const std::string text : {"Off.", "",
+                                 "The QM5 is back, and still reports version 4201. So "
+                                 "start the updater again and repeat the update."}) {
+    indicator->setStatus(StatusKind::caution, text);
+    QTest::qWait(1);
+    EXPECT_EQ(place(), place_before) << text;
+    EXPECT_GT(window->frame().size.height, before.size.height + 40);
+    EXPECT_EQ(shown->findChild<StatusBox*>()->isVisible(), !text.empty());
+  }
+  EXPECT_EQ(window->growStatusIndicator(), indicator);
+}
+
 TEST_F(QtWindows, HeadlineAndSignGrowWithTheFont) {
   const auto window = mainWindow();
+  window->statusIndicator("deviceStatus")->setStatus(StatusKind::good, "A QM5 is connected.");
   const QWidget* shown = show(*window);
-  const auto sizes = [&] {
-    QTest::qWait(1);
-    const auto* box = shown->findChild<QWidget*>("busStatus");
-    return std::pair(shown->findChild<QLabel*>("txtHeadline")->height(),
-                     box->findChildren<QLabel*>().first()->height());
-  };
-  const auto before = sizes();
+  const auto* headline = shown->findChild<QLabel*>("txtHeadline");
+  const auto* sign = shown->findChild<StatusSign*>();
+  const QSize before(headline->height(), sign->height());
   QFont font = QApplication::font();
   font.setPointSizeF(2 * font.pointSizeF());
   QApplication::setFont(font);
-  const auto after = sizes();
-  EXPECT_NEAR(after.first, 2 * before.first, 2);
-  EXPECT_NEAR(after.second, 2 * before.second, 2);
+  EXPECT_TRUE(QTest::qWaitFor([&] {
+    return std::abs(headline->height() - 2 * before.width()) <= 2 &&
+           std::abs(sign->height() - 2 * before.height()) <= 2;
+  }));
 }
 
 // --- the application's own end ---
 
 struct TellingDelegate : ApplicationDelegate {
+  int applicationLostDisplay() override { return 3; }
   void applicationDidFinishLaunching() override {}
   void applicationWillTerminate() override { std::fputs("will terminate", stderr); }
   bool applicationSupportsSecureRestorableState() override { return true; }
@@ -268,21 +372,22 @@ struct TellingDelegate : ApplicationDelegate {
 };
 
 // Runs the application on a toolkit of its own, with a thread at work, and has `end` end it.
-void runUntil(void (*end)(QtToolkit&)) {
-  QtToolkit toolkit;
+void runUntil(void (*end)(QtApplication&)) {
+  QtApplication application;
+  setApplicationPackage(new FilePackage);
   std::thread([] { std::this_thread::sleep_for(std::chrono::minutes(5)); }).detach();
   const auto make_controller = [&](const std::shared_ptr<Window>&) {
-    toolkit.mainQueueAsync([&] {
+    application.mainQueueAsync([&] {
       if (std::localeconv()->decimal_point != std::string(".")) std::abort();
       if (std::setlocale(LC_MESSAGES, nullptr) != std::string("C")) std::abort();
-      end(toolkit);
+      end(application);
     });
     return std::make_shared<int>();
   };
   std::string name = "qm5-updater";
   char* arguments[] = {name.data(), nullptr};
-  toolkit.applicationMain(1, arguments,
-                          {[] { return std::make_shared<TellingDelegate>(); }, make_controller});
+  application.applicationMain(
+      1, arguments, {[] { return std::make_shared<TellingDelegate>(); }, make_controller});
 }
 
 TEST(QtApplicationDeathTest, EndsWithItsLastWindowAndWhenToldTo) {
@@ -291,9 +396,11 @@ TEST(QtApplicationDeathTest, EndsWithItsLastWindowAndWhenToldTo) {
   const auto ended = testing::ExitedWithCode(0);
   EXPECT_EXIT(runUntil([](auto&) { QApplication::closeAllWindows(); }), ended, "will terminate");
   EXPECT_EXIT(runUntil([](auto&) { QApplication::quit(); }), ended, "will terminate");
-  const auto session_then_signal = [](QtToolkit& toolkit) {
+  const auto lost = testing::ExitedWithCode(3);
+  EXPECT_EXIT(runUntil([](auto&) { std::exit(1); }), lost, "") << "as the plug-in for X does";
+  const auto session_then_signal = [](QtApplication& application) {
     emit qApp->commitDataRequest(*qApp->findChild<QSessionManager*>());
-    toolkit.requestTermination([] {});
+    application.requestTermination([] {});
   };
   EXPECT_EXIT(runUntil(session_then_signal), ended, "asked, asked, will terminate");
 }

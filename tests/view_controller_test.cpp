@@ -1,11 +1,13 @@
 // The shell's logic without a toolkit: every outcome of a run, in order, with the thread.
 #include "app_shell/view_controller.h"
 
+#include <gmock/gmock.h>
+
 #include <algorithm>
 #include <latch>
 
 #include "app_shell/progress_window.h"
-#include "simulator/faulty_qm5.h"
+#include "simulator/device/faulty_qm5.h"
 #include "support/named_cases.h"
 #include "support/update_requests.h"
 #include "support/whole_app.h"
@@ -20,11 +22,24 @@ class Shell : public testing::Test {
   // Starts the application's classes anew as the toolkit does.
   void start() {
     app_.start();
-    controller = std::static_pointer_cast<ViewController>(toolkit.controller);
+    controller = std::static_pointer_cast<ViewController>(application.controller);
   }
-  void attach(std::uint16_t version) {
-    device_.emplace(Qm5Model({.version = version}));
+  // In place of the one before, if any.
+  void attach(std::uint16_t version, std::size_t busy_polls = 0) {
+    device_.emplace(Qm5Model({.version = version, .busy_polls = {{"SFWs", busy_polls}}}));
     app_.bus.plug(*device_);
+  }
+  void detach() { app_.bus.unplug(); }
+  // Has `step` run on the main thread while the progress window is up, in the job's first sleep,
+  // which ends with it.
+  void duringRun(const std::function<void()>& step) {
+    application.waitUntilModal();
+    std::latch over(1);
+    application.mainQueueAsync([&] {
+      step();
+      over.count_down();
+    });
+    over.wait();
   }
   void refuseEverything() { device_->addFault({.kind = FaultKind::stall_on, .number = 1}); }
   // What the device was asked.
@@ -42,7 +57,7 @@ class Shell : public testing::Test {
  protected:
   Transcript& transcript = app_.transcript;
   VirtualClock& clock = app_.clock;
-  ScriptedToolkit& toolkit = app_.toolkit;
+  ScriptedApplication& application = app_.application;
   std::shared_ptr<ViewController> controller;
 };
 
@@ -77,16 +92,27 @@ struct Ending {
   FileContents image;
   Lines lines;  // between the presence check and the alert
   std::string_view alert;
-  bool from_job;  // the alert is asked for on the job's own thread
+  bool from_job;            // the alert is asked for on the job's own thread
+  std::string_view reason;  // in the main window; empty: no failure
 };
 QM5_PRINTS_NAME(Ending)
 
 class Run : public Shell, public testing::WithParamInterface<Ending> {};
 
+// The console's and the log's, from the job's first one on.
+std::string linesOfRun(const Lines& transcript) {
+  std::string lines;
+  for (const std::string& line : transcript) {
+    const bool is_written = line.starts_with("log: ") || line.starts_with("out: ");
+    if (is_written && line != "log: Next Click") lines += line.substr(5) + "\n";
+  }
+  return lines;
+}
+
 // Each twice in a row: "OK" leads back to where the next run can start.
 TEST_P(Run, EndsInItsAlertAndCanBeRepeated) {
-  const auto& [name, version, refused, image, lines, alert, from_job] = GetParam();
-  toolkit.image = image;
+  const auto& [name, version, refused, image, lines, alert, from_job, reason] = GetParam();
+  application.image = image;
   start();
   if (version) attach(*version);
   if (refused) refuseEverything();
@@ -99,11 +125,16 @@ TEST_P(Run, EndsInItsAlertAndCanBeRepeated) {
                                   : kDown + Lines{shown, "may sleep"});
   for (std::size_t round = 1; round <= 2; ++round) {
     transcript.take();
-    toolkit.main->press("btnNext");
-    toolkit.runUntilAlert();
+    application.main->press("btnNext");
+    application.runUntilAlert();
+    EXPECT_TRUE(application.sheet_came_unasked);
     EXPECT_EQ(byThread(transcript.take()), byThread(expected));
+    EXPECT_EQ(application.shown["runStatus"], reason);
+    EXPECT_EQ(application.shown["btnDetails"], reason.empty() ? "" : "shown");
+    application.main->press("btnDetails");
+    EXPECT_EQ(application.shown["text"], reason.empty() ? "" : linesOfRun(expected));
     EXPECT_EQ(clock.takeSleeps(), std::vector<double>{1.0});
-    toolkit.answer(kOK);
+    application.answer(kOK);
     EXPECT_EQ(transcript.take(), (Lines{"log: OK pressed", "btnExit enabled", "btnNext enabled"}));
     if (version) {
       EXPECT_EQ(requests(), Lines(round, describe(registerRead(0x06, 9))));
@@ -129,18 +160,50 @@ const FileError kGone = {"gone"};
 INSTANTIATE_TEST_SUITE_P(
     Endings, Run,
     testing::Values(
-        Ending{"no device", {}, false, Bytes{}, {"log: str_NO_DMC"}, kNoDevice, false},
-        Ending{
-            "no version", 1, true, kGone, {"log: Get customer version error."}, kNoVersion, false},
-        Ending{"same version", 0x4208, false, kGone, {kFound + "4208"}, kNoNeed, false},
-        Ending{"no image", 0x420A, false, kGone, {kFound + "420A"}, kDataError, true},
+        Ending{"no device",
+               {},
+               false,
+               Bytes{},
+               {"log: str_NO_DMC"},
+               kNoDevice,
+               false,
+               "No QM5 was connected."},
+        Ending{"no version",
+               1,
+               true,
+               kGone,
+               {"log: Get customer version error."},
+               kNoVersion,
+               false,
+               "The QM5 did not report its version."},
+        Ending{"same version", 0x4208, false, kGone, {kFound + "4208"}, kNoNeed, false, ""},
+        Ending{"no image",
+               0x420A,
+               false,
+               kGone,
+               {kFound + "420A"},
+               kDataError,
+               true,
+               "The firmware file of this package is missing or could not be read; "
+               "nothing was written to the QM5."},
         Ending{"bad image",
                0x4209,
                false,
                Bytes(3),
                {kFound + "4209", "out: Invalid binary file. Binary file length:3"},
                kFlashError,
-               false}),
+               false,
+               "The firmware file of this package is no image, as it has only 3 bytes; "
+               "nothing was written to the QM5."},
+        Ending{"no magic",
+               0x4209,
+               false,
+               Bytes(772),
+               {kFound + "4209", "out: Invalid binary header."},
+               kFlashError,
+               false,
+               "The firmware file of this package is no image, as it begins like none; "
+               "nothing was written to the QM5."}),
     named);
 
 Lines without(Lines lines, std::string_view prefix) {
@@ -174,13 +237,13 @@ TEST_F(Shell, ShowsEachStepAndEndsInTheFinishDialog) {
                    "finish released when closed",
                    "modal run"};
   Lines seen;
-  toolkit.during_finish_dialog = [&] {
+  application.during_finish_dialog = [&] {
     seen = transcript.take();
-    toolkit.finish->press("Confirm & Exit");
+    application.finish->press("Confirm & Exit");
     EXPECT_EQ(transcript.take(), Lines{"terminate"});
   };
   transcript.take();
-  toolkit.main->press("btnNext");
+  application.main->press("btnNext");
   // The job's own lines come when they come; those of the main thread keep their order.
   EXPECT_EQ(without(without(seen, "out: "), "log: S"), expected);
   controller->confirmButtonClicked(nullptr);
@@ -191,16 +254,16 @@ TEST_F(Shell, PlacesTheFinishDialogByItsWholeHalfWidth) {
   start();
   for (const auto& [content, image_x] :
        {std::pair<std::optional<Size>, int>{std::nullopt, 107}, {Size{341.9, 280}, 117}}) {
-    toolkit.finish_content_size = content;
+    application.finish_content_size = content;
     controller->showCustomDialog();
     const Lines lines = transcript.take();
     EXPECT_EQ(std::count(lines.begin(), lines.end(),
                          "image " + std::to_string(image_x) + " 160 106 100 qm5_OK"),
               1);
   }
-  toolkit.finish_content_size = Size{1e30, 280};
+  application.finish_content_size = Size{1e30, 280};
   EXPECT_DEATH(controller->showCustomDialog(), "without a usable width");
-  toolkit.has_main_window = false;
+  application.has_main_window = false;
   EXPECT_DEATH(controller->showCustomDialog(), "no main window");
 }
 
@@ -208,12 +271,12 @@ TEST_F(Shell, DropsProgressWhileNoProgressWindowIsUp) {
   start();
   transcript.take();
   controller->callbackUpdateProgress("title", 50.0);
-  toolkit.drain();
+  application.drain();
   EXPECT_EQ(transcript.take(), Lines{});
   // An error then leaves the progress window alone.
   controller->dialogErrorStop("T", "M");
   EXPECT_EQ(transcript.take(), Lines{"alert on main: T | M [OK]"});
-  toolkit.answer(kModalResponseAbort);
+  application.answer(kModalResponseAbort);
   EXPECT_EQ(transcript.take(), Lines{}) << "only the button counts";
 }
 
@@ -224,17 +287,24 @@ TEST_F(Shell, AsksBeforeItEndsFromBothWindows) {
       ": Exit confirmation | Firmware flashing did not finish.\nDo you really want to exit? "
       "[Quit] [Don't quit]";
   for (const auto& [window, button, line] :
-       {std::tuple{toolkit.main, "btnExit", "log: Exit Click"},
-        {toolkit.progress, "btnAbort", "log: Abort button clicked"}}) {
+       {std::tuple{application.main, "btnExit", "log: Exit Click"},
+        {application.progress, "btnAbort", "log: Abort button clicked"}}) {
     window->press(button);
-    const std::string name = window == toolkit.main ? "main" : "progress";
-    std::string asked = "alert on ";
-    EXPECT_EQ(transcript.take(), (Lines{line, asked.append(name).append(question)}));
-    toolkit.answer(kOK + 1);
+    const std::string name = window == application.main ? "main" : "progress";
+    const std::string asked = std::string("alert on ").append(name).append(question);
+    EXPECT_EQ(transcript.take(), (Lines{line, asked}));
+    EXPECT_FALSE(application.sheet_came_unasked);
+    application.answer(kOK + 1);
     EXPECT_EQ(transcript.take(), Lines{});
+    if (window == application.progress) {
+      window->close_requested();
+      window->close_requested();
+      EXPECT_EQ(transcript.take(), Lines{asked}) << "once, and nobody pressed Abort";
+      application.answer(kOK + 1);
+    }
     window->press(button);
     transcript.take();
-    toolkit.answer(kOK);
+    application.answer(kOK);
     EXPECT_EQ(transcript.take(), Lines{"terminate"});
   }
 }
@@ -243,7 +313,7 @@ TEST_F(Shell, AsksBeforeItEndsFromBothWindows) {
 TEST_F(Shell, EndsWhenAskedFromOutsideUnlessAnUpdateRunsWhichAsksOnce) {
   start();
   int declined = 0;
-  const auto interrupt = [&] { toolkit.requestTermination([&] { ++declined; }); };
+  const auto interrupt = [&] { application.requestTermination([&] { ++declined; }); };
   const auto alerts = [&] {
     const Lines lines = transcript.take();
     return std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
@@ -255,32 +325,115 @@ TEST_F(Shell, EndsWhenAskedFromOutsideUnlessAnUpdateRunsWhichAsksOnce) {
   const auto during_run = [&] {
     for (const bool by_button : {false, true}) {
       alerts();
-      if (by_button) toolkit.progress->press("btnAbort");
+      if (by_button) application.progress->press("btnAbort");
       interrupt();
       interrupt();
       EXPECT_EQ(alerts(), 1);
-      toolkit.answer(by_button ? kModalResponseAbort : kOK + 1);
+      EXPECT_EQ(application.sheet_came_unasked, !by_button);
+      application.answer(by_button ? kModalResponseAbort : kOK + 1);
       EXPECT_EQ(std::exchange(declined, 0), 2);
     }
     interrupt();
     alerts();
-    toolkit.answer(kOK);
+    application.answer(kOK);
     EXPECT_EQ(transcript.take(), Lines{"terminate"});
   };
-  clock.during_sleep = [&](double) {
-    toolkit.waitUntilModal();
-    std::latch over(1);
-    toolkit.mainQueueAsync([&] {
-      during_run();
-      over.count_down();
-    });
-    over.wait();
-  };
-  toolkit.main->press("btnNext");
-  toolkit.runUntilAlert();
-  toolkit.answer(kOK);
+  clock.during_sleep = [&](double) { duringRun(during_run); };
+  application.main->press("btnNext");
+  application.runUntilAlert();
+  application.answer(kOK);
   interrupt();
   EXPECT_EQ(transcript.take().back(), "terminate");
+}
+
+TEST_F(Shell, TellsAtOnceThatTheDeviceLeftWhileChecking) {
+  start();
+  attach(0x4201, 1000);
+  application.refuses_to_stay_awake = true;
+  std::vector<std::string> told;
+  clock.during_sleep = [&](double) {
+    if (told.size() == 2) detach();
+    if (told.size() == 4) return;
+    duringRun([&] {
+      for (const std::string box : {"sleepStatus", "progress deviceStatus"})
+        told.push_back(application.shown[box]);
+    });
+  };
+  application.main->press("btnNext");
+  application.runUntilAlert();
+  application.answer(kOK);
+  EXPECT_THAT(told, testing::ElementsAre(testing::StartsWith("The updater can't keep"), "", told[0],
+                                         testing::HasSubstr("can take up to five minutes")));
+}
+
+TEST_F(Shell, SaysThatAnotherDeviceCameDuringTheUpdateAndNotThatOneLeft) {
+  start();
+  attach(0x4201);
+  USBDevice another;
+  another.id = 99;
+  clock.during_sleep = [&](double) {
+    application.waitUntilModal();
+    NotificationCenter::defaultCenter().post({USBDeviceConnected, Dictionary{{"device", another}}});
+  };
+  for (const std::string before : {"Another QM5 was connected during the update. ", ""}) {
+    application.main->press("btnNext");
+    application.runUntilAlert();
+    application.answer(kOK);
+    EXPECT_EQ(application.shown["runStatus"], before + "The QM5 did not report its version.");
+  }
+}
+
+TEST_F(Shell, SaysBeforeNextWhatIsInThePackage) {
+  const std::string known = "Firmware version in this package: 4208";
+  for (const auto& [image, is_development, text] :
+       {std::tuple{FileContents(Bytes(3)), false, known},
+        {Bytes(3), true, known + "\nA development image: it is for the software QM5 alone."},
+        {kGone, true,
+         "This package has no firmware that can be read: nothing can\nbe updated. "
+         "Install the package again."}}) {
+    application.image = image;
+    application.is_development_image = is_development;
+    start();
+    EXPECT_EQ(application.shown["txtPackagedVersion"], text);
+  }
+}
+
+TEST_F(Shell, SeesTheUpdateToItsEndWithoutADisplay) {
+  start();
+  EXPECT_EQ(application.delegate->applicationLostDisplay(), EXIT_FAILURE) << "no update runs";
+  std::optional<int> status;
+  std::optional<int> status_of_its_end;  // while its alert or the finish dialog is up
+  const auto note_end = [&] { status_of_its_end = application.delegate->applicationLostDisplay(); };
+  application.during_finish_dialog = note_end;
+  clock.during_sleep = [&](double) {
+    if (status) return;
+    application.waitUntilModal();
+    // Serves nothing before the job has ended.
+    application.mainQueueAsync([&] { status = application.delegate->applicationLostDisplay(); });
+  };
+  for (const auto& [version, expected, line] :
+       {std::tuple{0, EXIT_FAILURE, "No QM5 device !"},
+        {0x4208, EXIT_SUCCESS, "QM5 no need to update ! Current QM5 version: 4208 No need"},
+        {0x4201, EXIT_SUCCESS, "Firmware update successful! New version(QM5 v.4208) Please"}}) {
+    if (version != 0) attach(static_cast<std::uint16_t>(version));
+    status.reset();
+    transcript.take();
+    application.main->press("btnNext");
+    if (application.sheet) {
+      note_end();
+      application.answer(kOK);
+      EXPECT_EQ(application.delegate->applicationLostDisplay(), EXIT_FAILURE);
+    }
+    EXPECT_EQ(status, expected);
+    EXPECT_EQ(std::exchange(status_of_its_end, std::nullopt), expected);
+    const Lines lines = transcript.take();
+    for (const std::string kind : {"out: ", "log: "}) {
+      const std::string start = kind + "The display has gone. The update ended: " + line;
+      EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                              [&](const std::string& said) { return said.starts_with(start); }),
+                2);
+    }
+  }
 }
 
 TEST_F(Shell, SharesOneDriverAmongControllers) {
@@ -297,13 +450,14 @@ using ShellDeathTest = Shell;
 TEST_F(ShellDeathTest, StopsTheProgramWithoutAPartOfItsLayout) {
   const auto press_next = [this] {
     start();
-    toolkit.main->press("btnNext");
+    application.main->press("btnNext");
   };
-  for (const std::string outlet : {"btnExit", "btnNext", "progressBar"}) {
-    toolkit.main->missing_outlets = toolkit.progress->missing_outlets = {outlet};
+  for (const std::string outlet :
+       {"deviceStatus", "sleepStatus", "txtPackagedVersion", "btnExit", "btnNext", "progressBar"}) {
+    application.main->missing_outlets = application.progress->missing_outlets = {outlet};
     EXPECT_DEATH(press_next(), "fatal error: no (button )?" + outlet);
   }
-  toolkit.progress.reset();
+  application.progress.reset();
   EXPECT_DEATH(press_next(), "no progress window");
 }
 

@@ -5,6 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . tools/common.sh
+. tools/fresh_system.sh
 
 deb=$(echo build/package/qm5-updater_*.deb)
 [ -f "$deb" ] || { say "There is no package yet: ./package builds it"; exit 1; }
@@ -13,8 +14,7 @@ readonly deb screens=build/package/screens
 readonly person=qm5-person computer=qm5-computer # who works in the fresh Debian, and its name
 
 if [ "${1-}" != --with-own-mounts ]; then
-  # shellcheck disable=SC2086 # lists of words
-  install_missing $packages_build $packages_screen $packages_package_check
+  install_missing "${packages_build[@]}" "${packages_screen[@]}" "${packages_package_check[@]}"
   build release qm5-simulator
   # What gets mounted and named from here on is gone with this process, however it ends.
   as_root unshare --mount --uts tools/check_package.sh --with-own-mounts
@@ -53,31 +53,21 @@ check_files() {
 
 # within COMMAND...: runs it in the fresh Debian as root; what it prints shows when it fails.
 within() {
-  LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive chroot "$root" "$@" >"$work/log" 2>&1 ||
-    { cat "$work/log"; fail "$*"; }
+  in_system "$root" "$@" >"$work/log" 2>&1 || { cat "$work/log"; fail "$*"; }
 }
 
-# A minimal system of this machine's release, from where this machine has its packages, with
-# all that the updater depends on and that the software QM5 takes.
+# A minimal system of this machine's release with all that the updater depends on and that the
+# software QM5 takes.
 make_system() {
-  local release site certificates=/etc/ssl/certs/ca-certificates.crt
-  release=$(. /etc/os-release && echo "$VERSION_CODENAME")
-  say "Installing a fresh Debian $release"
-  # shellcheck disable=SC2016 # apt's variables
-  apt-get indextargets --format 'deb $(SITE) $(RELEASE) $(COMPONENT)' \
-    'Created-By: Packages' 'Origin: Debian' | sort -u >"$work/sources.list"
-  site=$(awk -v release="$release" '$3 == release { print $2; exit }' "$work/sources.list")
-  chmod 755 "$root"
-  debootstrap --variant=minbase "$release" "$root" "$site" >"$work/log" 2>&1 ||
+  say "Installing a fresh Debian $own_suite"
+  make_bare_system "$own_suite" "$root" >"$work/log" 2>&1 ||
     { tail "$work/log"; fail "no fresh Debian"; }
-  cp "$work/sources.list" "$root/etc/apt/sources.list"
-  apt-config dump Acquire >"$root/etc/apt/apt.conf.d/90-this-machine"
-  [ ! -f $certificates ] || install -D -m 644 $certificates "$root$certificates"
   mount -t proc proc "$root/proc"
   hostname "$computer"
   within useradd --create-home "$person"
-  within apt-get update
-  within apt-get install -y --no-install-recommends umockdev libumockdev0 libssl3
+  # Since Debian 13, libraries built for 64-bit times have names that end in t64.
+  within apt-get satisfy -y --no-install-recommends \
+    "umockdev, libumockdev0t64 | libumockdev0, libssl3t64 | libssl3"
   within apt-get satisfy -y --no-install-recommends "$(dpkg-deb -f "$deb" Depends)"
   install -m 755 build/release/bin/qm5-simulator "$root/usr/bin"
   cp "$deb" "$root/tmp/qm5-updater.deb"
@@ -122,7 +112,7 @@ check_report() {
   chroot --userspec="$person" "$root" sh -c "cd /home/$person && qm5-simulator -- \
     qm5-updater-report" >"$work/log" 2>&1 || true # the verdict is that nothing was updated
   report=$(ls "$root/home/$person"/qm5-updater-report-*.txt) || fail "no report: $(cat "$work/log")"
-  for line in "program: [0-9.]+" "firmware image: [0-9]+ bytes, .*" "  libqt6core6 .*" \
+  for line in "program: [0-9.]+" "firmware image: [0-9]+ bytes, .*" "  libqt6core6(t64)? .*" \
     "  libusb-1.0-0 .*" "  product: QM5" "  this user may open it: yes" \
     "/usr/lib/udev/rules.d/70-qm5.rules" "qm5-updater.*: No such file"; do
     grep -qxE "$line" "$report" || { cat "$report"; fail "the report lacks: $line"; }

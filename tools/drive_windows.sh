@@ -34,7 +34,8 @@ ended() { window "Firmware update successful!" || ! window "Updating the QM5"; }
 within 300 ended || fail "the update did not end"
 on_screen "Firmware update successful!"
 save "Firmware update successful!" "$screens/finish.png"
-xdotool key Return # "Confirm & Exit"
+confirmed() { press Return && ! window "Firmware update successful!"; } # "Confirm & Exit"
+within 30 confirmed || fail "the finish dialog stayed"
 
 status=0
 wait "$simulator" || status=$?

@@ -20,6 +20,7 @@ done
 "$bin/qm5-image-builder" --payload-size 8192 "$top/whole/$in_prefix"
 
 # colours SHADE: a desktop's own, as Qt reads them from a Plasma desktop's settings.
+# shellcheck disable=SC2034 # view and button are read by their names
 colours() {
   local window=239,240,241 view=252,252,252 button=252,252,252 text=35,38,41
   [ "$1" = light ] || { window=42,46,50 view=27,30,32 button=49,54,59 text=252,252,252; }

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # A virtual screen with a window manager, and a person in front of it who looks for windows.
 # Sourced by bash. What is started goes with the script, and so does the folder $work.
 
@@ -24,6 +25,7 @@ within() {
 start_display() {
   exec 3> >(cat >"$work/display")
   Xvfb -displayfd 3 -screen 0 "${1-1280x900}x24" -br -noreset -nolisten tcp >/dev/null 2>&1 &
+  # shellcheck disable=SC2034 # for the scripts that end it themselves
   screen=$!
   within 60 test -s "$work/display" || fail "the virtual screen did not start"
   DISPLAY=:$(cat "$work/display")
@@ -31,6 +33,7 @@ start_display() {
 }
 
 # start_screen [WIDTHxHEIGHT]: a display with a window manager.
+# shellcheck disable=SC2120 # most callers take the usual size
 start_screen() {
   start_display "$@"
   # A window manager gives the windows their frames and the keyboard its focus. Its frames
@@ -43,6 +46,9 @@ XML
   openbox --config-file "$work/openbox.xml" >/dev/null 2>&1 &
   within 60 xdotool get_desktop || fail "the window manager did not start"
 }
+
+# Where a window goes at the wrong moment, xdotool would wait for it for ever.
+xdotool() { timeout 10 xdotool "$@"; }
 
 window() { xdotool search --onlyvisible --name "^$1$"; }
 
@@ -58,11 +64,19 @@ save() {
   import -frame -window "$(window "$1" | tail -n 1)" "$2" || fail "no picture of the window \"$1\""
 }
 
+# press KEY: presses it once a window that has come up by itself takes presses, which it does not in
+# its first half second.
+press() {
+  sleep 0.7
+  xdotool key "$1"
+}
+
 # hold SIMULATOR COMMAND...: runs the command while the updater stands still.
 hold() {
   local updater
   updater=$(cat "/proc/$1/task/$1/children")
-  kill -STOP $updater
+  updater=${updater% }
+  kill -STOP "$updater"
   "${@:2}"
-  kill -CONT $updater
+  kill -CONT "$updater"
 }

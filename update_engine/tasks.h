@@ -1,6 +1,7 @@
-// The three firmware-update tasks of the QM5's controller: each is issued on host
-// interface 3, waited for, and its reply decoded. All block, never on the main thread.
-// None retries, and none reports a task that took too long: its reply is decoded as it is.
+// The firmware-update tasks of the QM5's controller. Each function sends its task on host interface
+// 3, polls until the task has ended, reads the reply and decodes it. All block; update job only.
+// None retries. A task that takes too long is not reported: what the data register holds then is
+// decoded as the reply. docs/protocol.md describes the replies.
 #pragma once
 
 #include <cstddef>
@@ -12,21 +13,22 @@
 
 namespace qm5 {
 
-/// A decoded reply. "result" is the task's 4-bit result code; empty only for a missing
-/// reply of sfwd().
+/// A decoded reply: values by name. "result" is the task's 4-bit result code. Empty only when
+/// sfwd() got no reply.
 using ReplyDictionary = std::map<std::string, std::size_t, std::less<>>;
 
-/// The value under "result"; empty for a reply without it.
+/// The value under "result"; empty when the reply has none.
 std::optional<std::size_t> resultOf(const ReplyDictionary& reply);
 
-/// Opens an update. Empty when no reply could be read. Up to 1.5 s.
+/// "SFWi": opens an update. Empty when no reply could be read. Polls for up to 1.5 s.
 std::optional<ReplyDictionary> sfwi();
 
-/// Writes one block of image data. An empty dictionary when no reply could be read, where
-/// the other two have no value: callers tell the cases apart by it. Up to 1.5 s.
+/// "SFWd": writes one block of the payload. Returns an empty dictionary when no reply could be
+/// read, where the other tasks return no value. Polls for up to 1.5 s.
 ReplyDictionary sfwd(ByteView block);
 
-/// Writes one block of secure data. Empty when no reply could be read. Up to 300 s.
+/// "SFWs": sends one block of the signature or of the public key. Empty when no reply could be
+/// read. Polls for up to 300 s.
 std::optional<ReplyDictionary> sfws(ByteView block);
 
 }  // namespace qm5

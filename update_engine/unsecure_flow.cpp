@@ -1,6 +1,7 @@
 #include "update_engine/unsecure_flow.h"
 
 #include <algorithm>
+#include <limits>
 #include <optional>
 #include <string>
 #include <utility>
@@ -18,8 +19,8 @@ namespace qm5 {
 namespace {
 
 constexpr std::size_t kChunkSize = 64;  // the size of the device's data register
-constexpr std::uint8_t kErased = 0xFF;  // what a chunk is filled up with
-// What stands for a chunk that repeats the one before it: its first bytes.
+constexpr std::uint8_t kErased = 0xFF;  // fills up the last chunk
+// A chunk that repeats the one before it is sent as its first bytes only.
 constexpr std::size_t kRepeatedBlockSize = 4;
 constexpr double kPauseBeforeRetry = 0.1;  // seconds
 
@@ -27,8 +28,8 @@ std::string hexadecimal(std::size_t value) {
   return "0x" + upperHex(value);
 }
 
-// Which codes are named here follows the opening task alone, not SFWdReturnCode: 9, 10 and
-// 13 have names there and are unknown here, 5 the other way round. Meant to be so.
+// The codes that the opening task's failure line shows as a number. They differ from
+// SFWdReturnCode: 9, 10 and 13 have names there but are unknown here, and 5 the reverse. Intended.
 bool isKnownOpeningFailure(std::size_t result) {
   return (result >= 4 && result <= 8) || result == 15;
 }
@@ -48,12 +49,14 @@ bool openUpdate(const ProgressCallback& progress) {
   return false;
 }
 
-// The whole-number percentage at which chunk `i` is reported. At most 100: `i` reaches the
-// count of whole chunks only at a last, incomplete one.
+// The percentage at which chunk `i` is reported: a whole number, rounded down. At most 100, as `i`
+// equals the count of whole chunks only at a last, incomplete one.
 double percentage(std::size_t i, std::size_t length) {
+  constexpr std::size_t kMost = std::numeric_limits<std::ptrdiff_t>::max();
   const std::size_t whole_chunks = length / kChunkSize;
   if (whole_chunks == 0) fatal("progress of less than one chunk");
-  const std::size_t percent = i * 100 / whole_chunks;  // rounded down
+  if (i > kMost / 100) fatal("progress of more chunks than a percentage can count");
+  const std::size_t percent = i * 100 / whole_chunks;
   return static_cast<double>(percent);
 }
 
@@ -63,8 +66,8 @@ std::string failureText(const std::optional<std::size_t>& result) {
   return hexadecimal(*result);
 }
 
-// Sends one block, and once more after a pause when it was not taken. Only the second
-// attempt's reason is told.
+// Sends one block, and once more after a pause when the device did not take it. Only the second
+// attempt's failure is printed.
 bool writeBlock(ByteView block) {
   const std::optional<std::size_t> first = resultOf(sfwd(block));
   if (first == 0) return true;
@@ -77,27 +80,32 @@ bool writeBlock(ByteView block) {
   return false;
 }
 
-// Grouped by itself, so that an update needs no second copy of the image.
+// Groups one chunk at a time, so that an update needs no second copy of the image.
 Bytes chunkAt(ByteView data, std::size_t i) {
-  const ByteView rest = data.subspan(i * kChunkSize);
-  return std::move(grouper(rest.first(std::min(kChunkSize, rest.size())), kErased, kChunkSize)[0]);
+  const ByteView remaining = data.subspan(i * kChunkSize);
+  const ByteView part = remaining.first(std::min(kChunkSize, remaining.size()));
+  return std::move(grouper(part, kErased, kChunkSize)[0]);
 }
 
 }  // namespace
+
+std::size_t chunk_count(ByteView update_data) {
+  return (update_data.size() + kChunkSize - 1) / kChunkSize;
+}
 
 bool common_update(Driver&, ByteView update_data, const ProgressCallback& progress) {
   log("Sending SFWi for unsecure_update flow");
   if (!openUpdate(progress)) return false;
 
   Bytes previous(kChunkSize, kErased);
-  for (std::size_t i = 0; i * kChunkSize < update_data.size(); ++i) {
+  for (std::size_t i = 0; i < chunk_count(update_data); ++i) {
     const std::string number = std::to_string(i);
     if (progress) progress("Writing SFWd chunk:" + number, percentage(i, update_data.size()));
     print("Writing SFWd chunk " + number);
     Bytes chunk = chunkAt(update_data, i);
     ByteView block = chunk;
     if (chunk == previous) {
-      // Sent all the same, despite the line: the device takes four bytes for a repetition.
+      // Despite the line, a task is sent: its four bytes tell the device to repeat the chunk.
       print("Not sending this chunk, same as last");
       block = block.first(kRepeatedBlockSize);
     }

@@ -7,6 +7,8 @@
 namespace qm5 {
 
 class HeadlineLabel : public QLabel {
+  Q_OBJECT
+
  public:
   explicit HeadlineLabel(QWidget* parent);
 

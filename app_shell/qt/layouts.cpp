@@ -1,14 +1,16 @@
 #include "app_shell/qt/layouts.h"
 
+#include "app_shell/qt/picture.h"
 #include "ui_Main.h"
 #include "ui_ProgressWindow.h"
 
 namespace qm5 {
 
 std::unique_ptr<NativeWindow> makeMainLayout() {
-  auto window = std::make_unique<NativeWindow>(NativeWindow::Closing::byPerson);
+  auto window = std::make_unique<NativeWindow>(NativeWindow::Closing::byPerson, nullptr);
   Ui::Main layout;
   layout.setupUi(window.get());
+  showPicture(*layout.imgDevice, "qm5");
   // The box puts the buttons where the desktop has them, which a layout file can't.
   layout.buttonBox->addButton(layout.btnNext, QDialogButtonBox::AcceptRole);
   layout.buttonBox->addButton(layout.btnExit, QDialogButtonBox::RejectRole);
@@ -16,13 +18,15 @@ std::unique_ptr<NativeWindow> makeMainLayout() {
   return window;
 }
 
-std::unique_ptr<NativeWindow> makeProgressLayout() {
-  auto window = std::make_unique<NativeWindow>(NativeWindow::Closing::byProgramOnly);
+std::unique_ptr<NativeWindow> makeProgressLayout(QWidget* parent) {
+  auto window = std::make_unique<NativeWindow>(NativeWindow::Closing::byProgramOnly, parent);
   Ui::ProgressWindow layout;
   layout.setupUi(window.get());
   layout.buttonBox->addButton(layout.btnAbort, QDialogButtonBox::RejectRole);
-  // Return is what people press on and on; it must not lead to the question whether to quit.
+  // Return and Space are what people press on and on; they must not lead to the question whether
+  // to quit.
   layout.btnAbort->setAutoDefault(false);
+  window->setFocusOnNothing();
   return window;
 }
 

@@ -10,7 +10,7 @@ namespace qm5 {
 /// The main window. Main thread.
 std::unique_ptr<NativeWindow> makeMainLayout();
 
-/// The progress window. Main thread.
-std::unique_ptr<NativeWindow> makeProgressLayout();
+/// The progress window, which stands on `parent`, or on nothing for nullptr. Main thread.
+std::unique_ptr<NativeWindow> makeProgressLayout(QWidget* parent);
 
 }  // namespace qm5

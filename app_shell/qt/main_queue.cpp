@@ -10,8 +10,13 @@ namespace qm5 {
 
 namespace {
 
+// Two frames of a usual screen: nobody can read a text that changes more often, and each drawing
+// takes time from the update where cores are few. Not 33, as the window's two wake-ups, for its end
+// and for a step or the drawing, would then come more than 60 times per second.
+constexpr int kCoalesceWindow = 34;  // milliseconds
+
 // How long steps run before keys and drawing have their turn: well within a frame.
-constexpr std::chrono::milliseconds kTurn{4};
+constexpr std::chrono::milliseconds kLongestRun{4};
 
 QEvent::Type stepsWaiting() {
   static const int type = QEvent::registerEventType();
@@ -21,15 +26,13 @@ QEvent::Type stepsWaiting() {
 }  // namespace
 
 void MainQueue::async(Step step) {
-  const std::lock_guard lock(mutex_);
-  steps_.push_back(std::move(step));
-  wake();
-}
-
-// Called with the mutex held.
-void MainQueue::wake() {
-  if (std::exchange(woken_, true)) return;
-  QCoreApplication::postEvent(this, new QEvent(stepsWaiting()));
+  bool was_at_rest = false;
+  {
+    const std::lock_guard lock(mutex_);
+    steps_.push_back(std::move(step));
+    was_at_rest = std::exchange(is_at_rest_, false);
+  }
+  if (was_at_rest) QCoreApplication::postEvent(this, new QEvent(stepsWaiting()));
 }
 
 void MainQueue::perform(Step step) {
@@ -39,17 +42,35 @@ void MainQueue::perform(Step step) {
 
 bool MainQueue::event(QEvent* event) {
   if (event->type() != stepsWaiting()) return QObject::event(event);
-  {
-    const std::lock_guard lock(mutex_);
-    woken_ = false;
-  }
-  const QDeadlineTimer turn(kTurn);
-  do {
-    const Step step = takeStep();
-    if (!step) break;
-    step();
-  } while (!turn.hasExpired());
+  continues_ = false;
+  isTurnOpen() ? runSteps() : beginTurn();
   return true;
+}
+
+void MainQueue::timerEvent(QTimerEvent*) {
+  if (!restWhenEmpty()) return beginTurn();
+  window_.stop();
+  emit turnEnded();  // for the steps that have run since the last one
+}
+
+// The timer is a new one each time, started before the steps: Qt fires no timer again while its
+// event is being handled, and a step may enter an event loop of its own, in which this timer sees
+// to the steps behind it.
+void MainQueue::beginTurn() {
+  window_.start(kCoalesceWindow, this);
+  runSteps();
+  emit turnEnded();
+}
+
+void MainQueue::runSteps() {
+  const QDeadlineTimer end(kLongestRun);
+  while (!end.hasExpired()) {
+    const Step step = takeStep();
+    if (!step) return;
+    step();
+  }
+  if (std::exchange(continues_, true)) return;
+  QCoreApplication::postEvent(this, new QEvent(stepsWaiting()));
 }
 
 // The first step; empty when there is none.
@@ -58,9 +79,13 @@ MainQueue::Step MainQueue::takeStep() {
   if (steps_.empty()) return nullptr;
   Step step = std::move(steps_.front());
   steps_.pop_front();
-  // This step may enter an event loop of its own, and those behind it are then served there.
-  if (!steps_.empty()) wake();
   return step;
+}
+
+bool MainQueue::restWhenEmpty() {
+  const std::lock_guard lock(mutex_);
+  is_at_rest_ = steps_.empty();
+  return is_at_rest_;
 }
 
 }  // namespace qm5

@@ -1,9 +1,12 @@
 #include "app_shell/qt/native_window.h"
 
+#include <QApplication>
 #include <QCloseEvent>
+#include <QPushButton>
 #include <utility>
 
-#include "app_shell/qt/alert.h"
+#include "app_shell/qt/alert_dialog.h"
+#include "app_shell/qt/press_guard.h"
 
 namespace qm5 {
 
@@ -19,14 +22,21 @@ Qt::WindowFlags controls(NativeWindow::Closing closing) {
 
 }  // namespace
 
-NativeWindow::NativeWindow(Closing closing)
-    : QDialog(nullptr, controls(closing)), closing_(closing) {
+NativeWindow::NativeWindow(Closing closing, QWidget* parent)
+    : QDialog(parent, controls(closing)), closing_(closing) {
+  PressGuard::start();
   // A window that the person can't close is there to be run modally. Qt takes modality
   // with the showing, which is before the run.
   if (closing == Closing::byProgramOnly) setWindowModality(Qt::ApplicationModal);
 }
 
-NativeWindow::~NativeWindow() = default;
+NativeWindow::~NativeWindow() {
+  closeAttached();
+}
+
+void NativeWindow::setCloseRequested(std::function<void()> callback) {
+  close_requested_ = std::move(callback);
+}
 
 void NativeWindow::setWillDisappear(std::function<void()> callback) {
   will_disappear_ = std::move(callback);
@@ -43,18 +53,63 @@ void NativeWindow::setPainted(std::function<void()> callback) {
   awaits_paint_ = true;
 }
 
+void NativeWindow::setFocusOnNothing() {
+  focus_on_nothing_ = true;
+  setFocusPolicy(Qt::StrongFocus);
+}
+
+void NativeWindow::restore() {
+  setWindowState(windowState() & ~Qt::WindowMinimized);
+}
+
+void NativeWindow::bringToFront() {
+  restore();
+  raise();
+  activateWindow();
+}
+
 void NativeWindow::setVisible(bool visible) {
-  if (visible && timer_.interval() > 0) timer_.start();
-  if (!visible && isVisible()) {
+  const bool changes = visible != isVisible();
+  if (changes && visible) {
+    if (timer_.interval() > 0) timer_.start();
+    if (focus_on_nothing_) setFocus();
+    if (comes_unasked_) PressGuard::ignoreFirstPresses(*this);
+  }
+  if (changes && !visible) {
     timer_.stop();
-    abortAlerts(*this);
+    closeAttached();
     if (will_disappear_) will_disappear_();
   }
   QDialog::setVisible(visible);
 }
 
+// Windows of the program's own that stand on this one are left to those who show them.
+void NativeWindow::closeAttached() {
+  for (QDialog* dialog : findChildren<QDialog*>(QString(), Qt::FindDirectChildrenOnly)) {
+    if (auto* alert = qobject_cast<AlertDialog*>(dialog)) {
+      alert->abort();
+    } else if (!qobject_cast<NativeWindow*>(dialog)) {
+      dialog->close();
+    }
+  }
+}
+
+void NativeWindow::askForAttention() {
+  for (QPushButton* button : findChildren<QPushButton*>()) {
+    if (button->isDefault()) button->setFocus();
+  }
+  bringToFront();
+  QApplication::alert(this);
+}
+
 void NativeWindow::closeEvent(QCloseEvent* event) {
   event->setAccepted(closing_ == Closing::byPerson);
+  if (event->isAccepted()) return;
+  if (close_requested_) {
+    close_requested_();
+  } else {
+    askForAttention();
+  }
 }
 
 // What is painted reaches the screen only at the end of the turn.

@@ -8,15 +8,21 @@
 namespace qm5 {
 
 class NativeWindow : public QDialog {
+  Q_OBJECT
+
  public:
   enum class Closing {
     byPerson,       ///< it has a close control, and closing the last one ends the program
-    byProgramOnly,  ///< no close control; the window manager's request is ignored
+    byProgramOnly,  ///< no close control; what uses one all the same is told to the callback
   };
 
-  explicit NativeWindow(Closing closing);
+  /// `parent` is the window that it stands on, or nullptr.
+  NativeWindow(Closing closing, QWidget* parent);
   ~NativeWindow() override;
 
+  /// Has `callback` called when the person asks to close a window that only the program closes.
+  /// Without one, the window asks for attention to its default button.
+  void setCloseRequested(std::function<void()> callback);
   /// Has `callback` called just before the window leaves the screen, whatever takes it.
   void setWillDisappear(std::function<void()> callback);
 
@@ -25,6 +31,18 @@ class NativeWindow : public QDialog {
 
   /// Has `callback` called once, when the window's first picture is on the screen.
   void setPainted(std::function<void()> callback);
+
+  /// The window comes up while the person may be busy with another one: presses in its first half
+  /// second count for nothing.
+  void setComesUnasked() { comes_unasked_ = true; }
+  /// The window itself has the focus when it comes up: keys press nothing until the person has
+  /// moved to a button.
+  void setFocusOnNothing();
+
+  /// Restores it when it is minimised.
+  void restore();
+  /// Restores it, brings it to the front and asks for the keyboard.
+  void bringToFront();
 
   // Qt calls it for every way on and off the screen. On the way off, alerts go first.
   void setVisible(bool visible) override;
@@ -36,9 +54,15 @@ class NativeWindow : public QDialog {
   void paintEvent(QPaintEvent* event) override;
 
  private:
+  void closeAttached();
+  void askForAttention();
+
   Closing closing_;
+  std::function<void()> close_requested_;
   std::function<void()> will_disappear_;
   QTimer timer_;
+  bool comes_unasked_ = false;
+  bool focus_on_nothing_ = false;
   bool awaits_paint_ = false;
   QTimer after_paint_;
 };

@@ -4,7 +4,8 @@
 #include <algorithm>
 #include <cmath>
 
-#include "app_shell/qt/image_widget.h"
+#include "app_shell/qt/picture.h"
+#include "app_shell/qt/status_box.h"
 
 namespace qm5 {
 
@@ -29,8 +30,8 @@ PointsView::PointsView(Size points, QWidget* parent) : QWidget(parent), points_(
 PointsView::~PointsView() = default;
 
 void PointsView::addImage(const ImageView& image) {
-  auto* view = new ImageWidget(this);
-  view->setImageNamed(QString::fromStdString(image.imageNamed));
+  auto* view = new QLabel(this);
+  showPicture(*view, image.imageNamed);
   place(view, image.frame, QSize());
 }
 
@@ -59,15 +60,29 @@ QPushButton* PointsView::addButton(const PushButton& button) {
   return view;
 }
 
+StatusBox* PointsView::makeStatusBox() {
+  constexpr int kLines = 4;  // of the longest text
+  auto* box = new StatusBox(this);
+  const QMargins around = marginsAbove();
+  box->fixRoom(width() - around.left() - around.right(), kLines);
+  return box;
+}
+
+QMargins PointsView::marginsAbove() const {
+  constexpr double kSide = 10;  // points, as the button and the labels have it
+  const auto margin = static_cast<int>(std::lround(kSide * pixels_per_point_));
+  return {margin, margin, margin, 0};
+}
+
 void PointsView::place(QWidget* view, const Rect& frame, QSize needed) {
-  pixels_a_point_ = std::max(
-      {pixels_a_point_, needed.width() / frame.size.width, needed.height() / frame.size.height});
+  pixels_per_point_ = std::max(
+      {pixels_per_point_, needed.width() / frame.size.width, needed.height() / frame.size.height});
   placed_.push_back({view, frame});
   arrange();
 }
 
 void PointsView::arrange() {
-  const double scale = pixels_a_point_;
+  const double scale = pixels_per_point_;
   setFixedSize((QSizeF(points_.width, points_.height) * scale).toSize());
   for (const auto& [view, frame] : placed_) {
     const double top = points_.height - frame.origin.y - frame.size.height;

@@ -7,11 +7,15 @@
 #include <QWidget>
 #include <vector>
 
-#include "app_shell/toolkit.h"
+#include "app_shell/ports/window.h"
 
 namespace qm5 {
 
+class StatusBox;
+
 class PointsView : public QWidget {
+  Q_OBJECT
+
  public:
   explicit PointsView(Size points, QWidget* parent = nullptr);
   ~PointsView() override;
@@ -21,6 +25,12 @@ class PointsView : public QWidget {
   void addImage(const ImageView& image);
   void addLabel(const Label& label);
   QPushButton* addButton(const PushButton& button);
+
+  /// A status box that is to stand above the view, marginsAbove() within its width. The view's
+  /// child.
+  StatusBox* makeStatusBox();
+  /// Around a box above the view.
+  QMargins marginsAbove() const;
 
  private:
   struct Placed {
@@ -33,7 +43,7 @@ class PointsView : public QWidget {
   void arrange();
 
   Size points_;
-  double pixels_a_point_ = 1;
+  double pixels_per_point_ = 1;
   std::vector<Placed> placed_;
 };
 

@@ -10,12 +10,12 @@ namespace qm5 {
 
 namespace {
 
-// The bar moves by whole steps: tenths of a percent are finer than its pixels.
-constexpr int kStepsAPercent = 10;
+// The bar counts in tenths of a percent, which are finer than its pixels.
+constexpr int kUnitsPerPercent = 10;
 
 }  // namespace
 
-QtButton::QtButton(QPushButton& widget) : widget_(widget) {
+QtButton::QtButton(QPushButton& widget) : widget_(widget), is_default_(widget.isDefault()) {
   QObject::connect(&widget, &QPushButton::clicked, &widget, [this] {
     if (action_) action_(this);
   });
@@ -26,31 +26,54 @@ void QtButton::setAction(Action action) {
 }
 
 void QtButton::setEnabled(bool enabled) {
+  const bool was_enabled = widget_.isEnabled();
   widget_.setEnabled(enabled);
+  // Qt took the focus to another button when it disabled this one, and doesn't bring it back.
+  if (is_default_ && enabled && !was_enabled) widget_.setFocus();
 }
 
-QtTextField::QtTextField(QLabel& widget)
-    : text_(widget.text()), frames_(widget, [this, &widget] { widget.setText(text_); }) {}
+void QtButton::setHidden(bool hidden) {
+  widget_.setVisible(!hidden);
+}
+
+QtTextField::QtTextField(QLabel& widget, MainQueue& main_queue)
+    : widget_(widget), main_queue_(main_queue) {
+  QObject::connect(&main_queue, &MainQueue::turnEnded, &widget, [this] { show(); });
+}
 
 void QtTextField::setStringValue(std::string_view text) {
   text_ = qtText(text);
-  frames_.changed();
+  is_shown_ = false;
+  if (!main_queue_.isTurnOpen()) show();
 }
 
-void QtStatusLine::setStatus(Status status, std::string_view text) {
-  widget_.setStatus(status, qtText(text));
+void QtTextField::show() {
+  if (!std::exchange(is_shown_, true)) widget_.setText(text_);
 }
 
-QtProgressIndicator::QtProgressIndicator(QProgressBar& widget)
-    : frames_(widget, [this, &widget] { widget.setValue(steps_); }) {
-  widget.setRange(0, 100 * kStepsAPercent);
+void QtStatusIndicator::setStatus(StatusKind kind, std::string_view text) {
+  widget_.setStatus(kind, qtText(text));
+}
+
+QtProgressIndicator::QtProgressIndicator(QProgressBar& widget, MainQueue& main_queue)
+    : widget_(widget), main_queue_(main_queue) {
+  widget.setRange(0, 100 * kUnitsPerPercent);
   widget.setValue(0);
+  QObject::connect(&main_queue, &MainQueue::turnEnded, &widget, [this] { show(); });
 }
 
 void QtProgressIndicator::setDoubleValue(double value) {
   const double percent = std::clamp(value, 0.0, 100.0);
-  steps_ = static_cast<int>(std::lround(percent * kStepsAPercent));
-  frames_.changed();
+  value_ = static_cast<int>(std::lround(percent * kUnitsPerPercent));
+  if (!main_queue_.isTurnOpen()) show();
+}
+
+void QtProgressIndicator::show() {
+  if (value_ == widget_.value()) return;
+  // QProgressBar itself only repaints when the bar has grown by the width of one of the style's
+  // chunks, 3 % of it. Asked for before the value is set, it never paints twice.
+  widget_.update();
+  widget_.setValue(value_);
 }
 
 }  // namespace qm5

@@ -3,22 +3,25 @@
 #include <QGuiApplication>
 #include <QScreen>
 #include <QVBoxLayout>
-#include <QWindow>
 #include <utility>
 
-#include "app_shell/qt/alert.h"
+#include "app_shell/qt/alert_dialog.h"
 #include "app_shell/qt/qt_text.h"
+#include "app_shell/qt/report_dialog.h"
 #include "platform/fatal.h"
 
 namespace qm5 {
 
 namespace {
 
-template <typename Control, typename Widget>
-auto controlsOf(const QWidget& window) {
+template <typename Control, typename Widget, typename... Context>
+auto controlsOf(const QWidget& window, Context&... context) {
   std::map<std::string, std::shared_ptr<Control>, std::less<>> controls;
   for (Widget* widget : window.findChildren<Widget*>()) {
-    controls[widget->objectName().toStdString()] = std::make_shared<Control>(*widget);
+    // Of two widgets of one name the first counts. A control that is replaced would leave its
+    // connections to the widget behind.
+    auto& control = controls[widget->objectName().toStdString()];
+    if (!control) control = std::make_shared<Control>(*widget, context...);
   }
   return controls;
 }
@@ -29,70 +32,60 @@ auto outletOf(const Outlets& outlets, std::string_view name) {
   return found == outlets.end() ? nullptr : found->second;
 }
 
-// Qt counts from the top of the primary screen downwards, the port from its bottom upwards.
-// The same turns both ways: the y of an upper edge and of the height below it.
-double turnedOver(double y, double height) {
+// Qt counts from the top of the primary screen downwards, the port from its bottom upwards. Turns
+// the y of an upper edge into that of the lower edge, `height` below it, and the other way round.
+double flipY(double y, double height) {
   const QRect screen = QGuiApplication::primaryScreen()->geometry();
   return screen.y() + screen.height() - y - height;
 }
 
 }  // namespace
 
-QtWindow::QtWindow(MainQueue& main_queue, std::unique_ptr<NativeWindow> native,
-                   const QtWindow* owner)
+QtWindow::QtWindow(MainQueue& main_queue, std::unique_ptr<NativeWindow> native)
     : main_queue_(main_queue),
       native_(std::move(native)),
-      owner_(owner),
       buttons_(controlsOf<QtButton, QPushButton>(*native_)),
-      text_fields_(controlsOf<QtTextField, QLabel>(*native_)),
-      progress_indicators_(controlsOf<QtProgressIndicator, QProgressBar>(*native_)),
-      status_lines_(controlsOf<QtStatusLine, StatusBox>(*native_)) {}
+      text_fields_(controlsOf<QtTextField, QLabel>(*native_, main_queue)),
+      progress_indicators_(controlsOf<QtProgressIndicator, QProgressBar>(*native_, main_queue)),
+      status_indicators_(controlsOf<QtStatusIndicator, StatusBox>(*native_)) {}
 
-QtWindow::QtWindow(MainQueue& main_queue, Size content, const QtWindow* owner)
-    : QtWindow(main_queue, std::make_unique<NativeWindow>(NativeWindow::Closing::byProgramOnly),
-               owner) {
+QtWindow::QtWindow(MainQueue& main_queue, Size content, QWidget* parent)
+    : QtWindow(main_queue,
+               std::make_unique<NativeWindow>(NativeWindow::Closing::byProgramOnly, parent)) {
+  native_->setComesUnasked();
   points_view_ = new PointsView(content);
   auto* layout = new QVBoxLayout(native_.get());
   layout->setContentsMargins(QMargins());
+  layout->setSpacing(0);
   layout->setSizeConstraint(QLayout::SetFixedSize);
   layout->addWidget(points_view_);
 }
 
-// Measuring a window's texts takes a while: the start must not wait for that of windows to come.
-const NativeWindow& QtWindow::measured() const {
-  if (!native_->isVisible()) native_->adjustSize();
-  return *native_;
+// Computed only when asked for. It measures all texts of the window, which takes a while, and the
+// start of the program must not wait for the windows that come later.
+QSize QtWindow::contentSize() const {
+  return native_->isVisible() ? native_->size() : native_->sizeHint();
 }
 
-// The window manager tells the margins only some time after the showing. Until then they are
-// taken to be those of the owner, which has been on the screen for long.
-QMargins QtWindow::frameMargins() const {
-  const QWindow* handle = native_->windowHandle();
-  const QMargins known = handle ? handle->frameMargins() : QMargins();
-  return known.isNull() && owner_ ? owner_->frameMargins() : known;
-}
-
-Rect QtWindow::frame() const {
-  const QRect area = measured().geometry().marginsAdded(frameMargins());
-  return {{static_cast<double>(area.x()), turnedOver(area.y(), area.height())},
-          {static_cast<double>(area.width()), static_cast<double>(area.height())}};
+// Before a window is on the screen, Qt does not know its frame and takes it for nothing.
+Rect QtWindow::frame() {
+  const QRect area = native_->frameGeometry();
+  const QSizeF size = area.size() - native_->size() + contentSize();
+  return {{static_cast<double>(area.x()), flipY(area.y(), size.height())},
+          {size.width(), size.height()}};
 }
 
 void QtWindow::setFrameOrigin(Point origin) {
-  const QMargins margins = frameMargins();
-  const double top = turnedOver(origin.y, frame().size.height);
-  const QPointF content(origin.x + margins.left(), top + margins.top());
-  // The place of the content, not of the frame, as Qt may not know the frame yet.
-  native_->setGeometry(QRect(content.toPoint(), native_->size()));
+  native_->move(QPointF(origin.x, flipY(origin.y, frame().size.height)).toPoint());
 }
 
 void QtWindow::setTitle(std::string_view title) {
   native_->setWindowTitle(qtText(title));
 }
 
-std::optional<Size> QtWindow::contentViewSize() const {
+std::optional<Size> QtWindow::contentViewSize() {
   if (points_view_) return points_view_->points();
-  const QSize size = measured().size();
+  const QSize size = contentSize();
   return Size{static_cast<double>(size.width()), static_cast<double>(size.height())};
 }
 
@@ -108,12 +101,16 @@ std::shared_ptr<ProgressIndicator> QtWindow::progressIndicator(std::string_view 
   return outletOf(progress_indicators_, outlet);
 }
 
-std::shared_ptr<StatusLine> QtWindow::statusLine(std::string_view outlet) {
-  return outletOf(status_lines_, outlet);
+std::shared_ptr<StatusIndicator> QtWindow::statusIndicator(std::string_view outlet) {
+  return outletOf(status_indicators_, outlet);
 }
 
 void QtWindow::setAction(std::string_view button, Action action) {
   if (const auto found = outletOf(buttons_, button)) found->setAction(std::move(action));
+}
+
+void QtWindow::setCloseRequested(std::function<void()> callback) {
+  native_->setCloseRequested(std::move(callback));
 }
 
 void QtWindow::setViewWillDisappear(std::function<void()> callback) {
@@ -131,7 +128,6 @@ PointsView& QtWindow::pointsView() {
 void QtWindow::keepCentred(const std::function<void()>& change) {
   const Rect before = frame();
   change();
-  native_->adjustSize();
   const Size size = frame().size;
   if (size.width == before.size.width && size.height == before.size.height) return;
   setFrameOrigin({before.origin.x + (before.size.width - size.width) / 2,
@@ -154,22 +150,36 @@ void QtWindow::addSubview(const PushButton& button) {
   });
 }
 
+std::shared_ptr<StatusIndicator> QtWindow::growStatusIndicator() {
+  if (grown_) return grown_;
+  const QRect before = native_->frameGeometry();
+  StatusBox* box = pointsView().makeStatusBox();
+  auto* above = new QVBoxLayout;
+  above->setContentsMargins(pointsView().marginsAbove());
+  above->addWidget(box);
+  const int growth = above->contentsMargins().top() + box->height();
+  if (before.top() - growth < native_->screen()->availableGeometry().top()) {
+    delete above;
+    delete box;
+    return nullptr;
+  }
+  qobject_cast<QVBoxLayout*>(native_->layout())->insertLayout(0, above);
+  native_->layout()->activate();
+  native_->move(before.topLeft() - QPoint(0, growth));
+  grown_ = std::make_shared<QtStatusIndicator>(*box);
+  return grown_;
+}
+
 void QtWindow::show() {
   // The font may have changed since. A window that only then grows would lose the place that
   // the window manager picks for it.
-  measured();
-  if (owner_) {
-    native_->winId();  // makes the native window, which is what can belong to another
-    native_->windowHandle()->setTransientParent(owner_->native_->windowHandle());
-  }
+  if (!native_->isVisible()) native_->adjustSize();
   native_->show();
 }
 
 void QtWindow::makeKeyAndOrderFront() {
   show();
-  native_->setWindowState(native_->windowState() & ~Qt::WindowMinimized);
-  native_->raise();
-  native_->activateWindow();
+  native_->bringToFront();
 }
 
 void QtWindow::close() {
@@ -183,8 +193,14 @@ void QtWindow::setReleasedWhenClosed(bool) {}
 
 void QtWindow::beginSheet(const Alert& alert, AlertCompletion completion) {
   main_queue_.perform([window = weak_from_this(), alert, completion = std::move(completion)] {
-    if (const auto kept = window.lock()) openAlert(*kept->native_, alert, completion);
+    const auto kept = window.lock();
+    if (!kept) return completion(kModalResponseAbort);
+    AlertDialog::show(alert, completion, *kept->native_);
   });
+}
+
+void QtWindow::showText(const TextReport& report) {
+  (new ReportDialog(report, native_.get()))->open();
 }
 
 }  // namespace qm5

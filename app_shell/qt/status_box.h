@@ -1,31 +1,39 @@
-// A framed line of text with a sign in front of it, which tell what is so.
+// A framed text with a sign in front of it, which tell what is so.
 #pragma once
 
-#include <QFrame>
+#include <QWidget>
 
-#include "app_shell/qt/steady_label.h"
-#include "app_shell/toolkit.h"
+#include "app_shell/ports/window.h"
+
+class QLabel;
 
 namespace qm5 {
 
-class StatusBox : public QFrame {
+class StatusSign;
+
+/// Hidden as long as its text is empty. As wide as its place, into which its text wraps at words,
+/// and as high as its text: one line for one line.
+class StatusBox : public QWidget {
+  Q_OBJECT
+
  public:
   explicit StatusBox(QWidget* parent = nullptr);
 
-  /// The longest text that the box will show: it has room for it from the start.
-  void setLongestText(const QString& text) { text_->setWidestText(text); }
-  /// Shows the sign for `status`, and tells assistive technology of the change.
-  void setStatus(Status status, const QString& text);
+  /// Has the box keep that width and the room for that many lines of text, shown or hidden, and
+  /// wrap its text at words. Without it, the box is as wide as the lines of its text.
+  void fixRoom(int width, int lines);
+  /// Shows the sign of `kind`, and announces a change to assistive technology.
+  void setStatus(StatusKind kind, const QString& text);
 
  protected:
-  void changeEvent(QEvent* event) override;
+  void paintEvent(QPaintEvent* event) override;
 
  private:
-  void drawSign();
+  void announce();
 
-  Status status_ = Status::information;
-  QLabel* const sign_;
-  SteadyLabel* const text_;
+  StatusKind kind_ = StatusKind::information;
+  StatusSign* const sign_;
+  QLabel* const text_;
 };
 
 }  // namespace qm5

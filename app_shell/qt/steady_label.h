@@ -7,6 +7,8 @@
 namespace qm5 {
 
 class SteadyLabel : public QLabel {
+  Q_OBJECT
+
  public:
   explicit SteadyLabel(QWidget* parent = nullptr);
 

@@ -2,23 +2,29 @@
 
 #include <chrono>
 #include <thread>
+#include <utility>
 
 namespace qm5 {
 namespace {
 
-// Longer than the host takes from one request to the next; much shorter than it takes a person
-// to miss what nobody has handled meanwhile.
-constexpr std::chrono::milliseconds kRest{20};
+// Longer than the host takes from one request to the next; too short for a person to notice that
+// an arrival or a removal is handled that much later.
+constexpr std::chrono::milliseconds kIdlePollInterval{20};
 
 }  // namespace
 
-int EventTurns::handleEvents() {
-  // Looked at from time to time only: to be woken would cost every request.
-  for (std::uint64_t begun = begun_; begun != begun_before_ || begun != ended_; begun = begun_) {
-    begun_before_ = begun;
-    std::this_thread::sleep_for(kRest);
-  }
+// Polled: having the request's thread wake this one would cost every request.
+int EventTurns::handleEventsBetweenRequests() {
+  while (areRequestsHandlingEvents()) std::this_thread::sleep_for(kIdlePollInterval);
   return libusb_handle_events(context_);
+}
+
+// Since the last poll a request was answered, or one has been waiting for its answer all the time.
+bool EventTurns::areRequestsHandlingEvents() {
+  const std::uint64_t ended = ended_;  // read first: a request ends after it has begun
+  const Counts before = std::exchange(last_poll_, {begun_, answered_});
+  const bool is_one_waiting = last_poll_.begun != ended && last_poll_.begun == before.begun;
+  return is_one_waiting || last_poll_.answered != before.answered;
 }
 
 }  // namespace qm5

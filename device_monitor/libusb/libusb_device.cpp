@@ -11,10 +11,10 @@ namespace qm5 {
 namespace {
 
 static_assert(kIOReturnNotPermitted == LIBUSB_ERROR_ACCESS);
+static_assert(kIOReturnNoDevice == LIBUSB_ERROR_NO_DEVICE);
 static_assert(kIOReturnExclusiveAccess == LIBUSB_ERROR_BUSY);
 static_assert(kIOReturnError == LIBUSB_ERROR_OTHER);
 
-#ifdef __linux__
 // The kernel's name of a device: bus, then the ports on the way to it, as in "1-4.2".
 std::string kernelName(libusb_device* device) {
   std::array<std::uint8_t, 7> ports{};  // USB allows no deeper tree
@@ -27,6 +27,11 @@ std::string kernelName(libusb_device* device) {
   return name;
 }
 
+void fill(io_name_t& name, const std::string& text) {
+  std::copy_n(text.begin(), std::min(text.size(), name.size() - 1), name.begin());
+}
+
+#ifdef __linux__
 bool readProduct(libusb_device* device, std::string& product) {
   std::ifstream file("/sys/bus/usb/devices/" + kernelName(device) + "/product");
   return static_cast<bool>(std::getline(file, product));
@@ -58,20 +63,27 @@ bool LibusbDevice::matches(const MatchingDictionary& matching) const {
 }
 
 IOReturn LibusbDevice::name(io_name_t& name) const {
-  std::shared_ptr<libusb_device> reference;
-  {
-    const std::lock_guard lock(mutex_);
-    reference = reference_;
-  }
-  if (!reference) return LIBUSB_ERROR_NO_DEVICE;
+  const std::shared_ptr<libusb_device> present = reference();
+  if (!present) return LIBUSB_ERROR_NO_DEVICE;
   std::string product;
-  if (!readProduct(reference.get(), product)) return LIBUSB_ERROR_NOT_FOUND;
-  const std::size_t length = std::min(product.size(), name.size() - 1);
-  std::copy_n(product.begin(), length, name.begin());
+  if (!readProduct(present.get(), product)) return LIBUSB_ERROR_NOT_FOUND;
+  fill(name, product);
   return kIOReturnSuccess;
 }
 
-void LibusbDevice::leave() {
+IOReturn LibusbDevice::location(io_name_t& location) const {
+  const std::shared_ptr<libusb_device> present = reference();
+  if (!present) return LIBUSB_ERROR_NO_DEVICE;
+  fill(location, kernelName(present.get()));
+  return kIOReturnSuccess;
+}
+
+std::shared_ptr<libusb_device> LibusbDevice::reference() const {
+  const std::lock_guard lock(mutex_);
+  return reference_;
+}
+
+void LibusbDevice::closeAfterRemoval() {
   const std::lock_guard lock(mutex_);
   handle_.reset();
   reference_.reset();
@@ -110,11 +122,12 @@ IOReturn LibusbDevice::DeviceRequest(IOUSBDevRequest& request) {
     handle = handle_;
   }
   if (!handle) return LIBUSB_ERROR_NO_DEVICE;
-  const EventTurns::Request turn(turns_);
+  EventTurns::RequestScope scope(turns_);
   constexpr unsigned kNoTimeout = 0;
   const int moved =
       libusb_control_transfer(handle.get(), request.bmRequestType, request.bRequest, request.wValue,
                               request.wIndex, request.pData, request.wLength, kNoTimeout);
+  if (moved >= 0 || moved == LIBUSB_ERROR_PIPE) scope.answered();  // a refusal is an answer
   if (moved < 0) return moved;
   request.wLenDone = static_cast<std::uint32_t>(moved);
   return kIOReturnSuccess;

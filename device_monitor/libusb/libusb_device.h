@@ -24,11 +24,13 @@ class LibusbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInInterfa
   bool matches(const MatchingDictionary& matching) const;
   /// The product string that the operating system read when the device arrived.
   IOReturn name(io_name_t& name) const;
+  /// The kernel's name of the place that it is plugged in at.
+  IOReturn location(io_name_t& location) const;
   IOCFPlugInInterfaceStruct** plugInInterface() { return &plug_in_; }
 
-  /// The device has left: closes the operating system's handle as soon as no request uses
-  /// it, and has every further request answered with LIBUSB_ERROR_NO_DEVICE. Any thread.
-  void leave();
+  /// Closes the operating system's handle as soon as no request uses it; from then on every
+  /// request fails with LIBUSB_ERROR_NO_DEVICE. Any thread but libusb's hot-plug callbacks.
+  void closeAfterRemoval();
 
   IOReturn QueryInterface(const UUIDBytes& identifier, IOUSBDeviceStruct942**& device) override;
   IOReturn USBDeviceOpen() override;
@@ -37,6 +39,8 @@ class LibusbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInInterfa
   IOReturn DeviceRequest(IOUSBDevRequest& request) override;
 
  private:
+  std::shared_ptr<libusb_device> reference() const;
+
   const std::uint64_t id_;
   const libusb_device* const key_;  // compared only
   EventTurns& turns_;

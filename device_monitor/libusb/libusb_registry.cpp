@@ -9,6 +9,10 @@
 
 namespace qm5 {
 
+LibusbRegistry& LibusbRegistry::create() {
+  return *new LibusbRegistry;
+}
+
 io_port_t LibusbRegistry::notificationPortCreate() {
   if (!connect()) return 0;
   const std::lock_guard lock(mutex_);
@@ -36,7 +40,7 @@ IOReturn LibusbRegistry::serviceAddMatchingNotification(io_port_t port, IONotifi
   Watch& watch = watches_[iterator];
   watch = {type, matching, std::move(callback), ports_[port], {}, false};
   if (type == IONotificationType::firstMatch) {
-    for (const auto& device : present_) offer(iterator, watch, device);
+    for (const auto& device : present_) enqueue(iterator, watch, device);
   }
   return kIOReturnSuccess;
 }
@@ -56,12 +60,16 @@ io_service_t LibusbRegistry::iteratorNext(io_iterator_t iterator) {
 }
 
 IOReturn LibusbRegistry::registryEntryGetRegistryEntryID(io_service_t service, std::uint64_t& id) {
-  id = find(service)->id();
+  id = findService(service)->id();
   return kIOReturnSuccess;
 }
 
 IOReturn LibusbRegistry::registryEntryGetName(io_service_t service, io_name_t& name) {
-  return find(service)->name(name);
+  return findService(service)->name(name);
+}
+
+IOReturn LibusbRegistry::registryEntryGetLocation(io_service_t service, io_name_t& location) {
+  return findService(service)->location(location);
 }
 
 IOReturn LibusbRegistry::createPlugInInterfaceForService(io_service_t service,
@@ -70,7 +78,7 @@ IOReturn LibusbRegistry::createPlugInInterfaceForService(io_service_t service,
                                                          IOCFPlugInInterfaceStruct**& plug_in) {
   if (plug_in_type != kIOUSBDeviceUserClientTypeID || interface_type != kIOCFPlugInInterfaceID)
     return LIBUSB_ERROR_NOT_SUPPORTED;
-  const std::shared_ptr<LibusbDevice> device = find(service);
+  const std::shared_ptr<LibusbDevice> device = findService(service);
   plug_in = device->plugInInterface();
   const std::lock_guard lock(mutex_);
   handed_out_.push_back(device);
@@ -86,7 +94,12 @@ void LibusbRegistry::runLoop() {
   // An error is no reason to stop listening, but a lasting one must not take a whole core.
   constexpr double kPauseAfterError = 1.0;  // seconds
   while (true) {
-    if (turns_.handleEvents() != LIBUSB_SUCCESS) processClock().sleep(kPauseAfterError);
+    // Without any watch nothing has connected yet.
+    const int result =
+        connect() ? turns_.handleEventsBetweenRequests() : static_cast<int>(LIBUSB_ERROR_OTHER);
+    // An interrupted system call is an error that does not last.
+    if (result == LIBUSB_SUCCESS || result == LIBUSB_ERROR_INTERRUPTED) continue;
+    processClock().sleep(kPauseAfterError);
   }
 }
 
@@ -96,12 +109,12 @@ bool LibusbRegistry::connect() {
   libusb_context* context = nullptr;
   if (libusb_init(&context) != LIBUSB_SUCCESS) return false;
   turns_.setContext(context);
-  if (libusb_hotplug_register_callback(
-          context, LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED | LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT,
-          LIBUSB_HOTPLUG_ENUMERATE, LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY,
-          LIBUSB_HOTPLUG_MATCH_ANY, hotplug, this, nullptr) != LIBUSB_SUCCESS)
-    return false;
-  return connected_ = true;
+  connected_ = libusb_hotplug_register_callback(
+                   context, LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED | LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT,
+                   LIBUSB_HOTPLUG_ENUMERATE, LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY,
+                   LIBUSB_HOTPLUG_MATCH_ANY, hotplug, this, nullptr) == LIBUSB_SUCCESS;
+  if (!connected_) libusb_exit(context);
+  return connected_;
 }
 
 int LIBUSB_CALL LibusbRegistry::hotplug(libusb_context*, libusb_device* device,
@@ -127,7 +140,7 @@ void LibusbRegistry::arrived(libusb_device* device) {
   if (findPresent(device) != present_.end()) return;
   present_.push_back(std::make_shared<LibusbDevice>(device, ++last_entry_id_, turns_));
   for (auto& [iterator, watch] : watches_) {
-    if (watch.type == IONotificationType::firstMatch) offer(iterator, watch, present_.back());
+    if (watch.type == IONotificationType::firstMatch) enqueue(iterator, watch, present_.back());
   }
 }
 
@@ -138,13 +151,13 @@ void LibusbRegistry::left(libusb_device* device) {
   present_.erase(known);
   for (auto& [iterator, watch] : watches_) {
     if (watch.type != IONotificationType::terminate || !gone->matches(watch.matching)) continue;
-    watch.queue->async([gone] { gone->leave(); });
-    offer(iterator, watch, gone);
+    watch.queue->async([gone] { gone->closeAfterRemoval(); });
+    enqueue(iterator, watch, gone);
   }
 }
 
-void LibusbRegistry::offer(io_iterator_t iterator, Watch& watch,
-                           const std::shared_ptr<LibusbDevice>& device) {
+void LibusbRegistry::enqueue(io_iterator_t iterator, Watch& watch,
+                             const std::shared_ptr<LibusbDevice>& device) {
   if (!device->matches(watch.matching)) return;
   watch.pending.push_back(device);
   if (!watch.armed) return;
@@ -152,7 +165,7 @@ void LibusbRegistry::offer(io_iterator_t iterator, Watch& watch,
   watch.queue->async([callback = watch.callback, iterator] { callback(iterator); });
 }
 
-std::shared_ptr<LibusbDevice> LibusbRegistry::find(io_service_t service) {
+std::shared_ptr<LibusbDevice> LibusbRegistry::findService(io_service_t service) {
   const std::lock_guard lock(mutex_);
   const auto found = services_.find(service);
   if (found == services_.end()) fatal("a service that was released already");

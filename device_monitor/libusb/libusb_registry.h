@@ -1,8 +1,8 @@
 // The USB registry on libusb-1.0.
 //
-// libusb runs hot-plug callbacks on whatever thread handles events, a thread in the
-// middle of a transfer included. So a callback here only notes what it was told and
-// queues; opening, closing and announcing happen on the watch's queue.
+// libusb calls the hot-plug callback on whatever thread handles its events, which may be one in
+// the middle of a request. So the callback only notes which device came or went and queues the
+// rest: opening, closing and announcing happen on the watch's queue.
 #pragma once
 
 #include <libusb.h>
@@ -19,9 +19,11 @@
 
 namespace qm5 {
 
-/// Lives for the rest of the process, as do the threads that serve it.
 class LibusbRegistry final : public USBRegistry {
  public:
+  /// A registry that lives for the rest of the process, as do the threads that serve it.
+  static LibusbRegistry& create();
+
   io_port_t notificationPortCreate() override;
   void notificationPortSetDispatchQueue(io_port_t port,
                                         std::shared_ptr<DispatchQueue> queue) override;
@@ -33,6 +35,7 @@ class LibusbRegistry final : public USBRegistry {
   io_service_t iteratorNext(io_iterator_t iterator) override;
   IOReturn registryEntryGetRegistryEntryID(io_service_t service, std::uint64_t& id) override;
   IOReturn registryEntryGetName(io_service_t service, io_name_t& name) override;
+  IOReturn registryEntryGetLocation(io_service_t service, io_name_t& location) override;
   IOReturn createPlugInInterfaceForService(io_service_t service, const UUIDBytes& plug_in_type,
                                            const UUIDBytes& interface_type,
                                            IOCFPlugInInterfaceStruct**& plug_in) override;
@@ -48,8 +51,11 @@ class LibusbRegistry final : public USBRegistry {
     MatchingCallback callback;
     std::shared_ptr<DispatchQueue> queue;
     std::deque<std::shared_ptr<LibusbDevice>> pending;  // what its iterator will yield
-    bool armed = false;                                 // drained since it last called back
+    bool armed = false;                                 // drained since the last callback
   };
+
+  LibusbRegistry() = default;
+  ~LibusbRegistry() override = default;  // nobody may destroy it
 
   bool connect();
   static int LIBUSB_CALL hotplug(libusb_context* context, libusb_device* device,
@@ -57,8 +63,8 @@ class LibusbRegistry final : public USBRegistry {
   Devices::iterator findPresent(const libusb_device* device);
   void arrived(libusb_device* device);
   void left(libusb_device* device);
-  void offer(io_iterator_t iterator, Watch& watch, const std::shared_ptr<LibusbDevice>& device);
-  std::shared_ptr<LibusbDevice> find(io_service_t service);
+  void enqueue(io_iterator_t iterator, Watch& watch, const std::shared_ptr<LibusbDevice>& device);
+  std::shared_ptr<LibusbDevice> findService(io_service_t service);
 
   bool connected_ = false;  // used by the thread that arms the watches, then serves
   EventTurns turns_;
@@ -66,8 +72,8 @@ class LibusbRegistry final : public USBRegistry {
   std::mutex mutex_;  // guards all that follows
   std::uint64_t last_entry_id_ = 0;
   std::uint32_t last_handle_ = 0;
-  // The bus as libusb last told it, in order of arrival. libusb may tell an arrival twice,
-  // once from its list of devices and once as an event: the second finds the device here.
+  // The devices that libusb has reported and not yet reported gone, in order of arrival. libusb may
+  // report an arrival twice, from its list of devices and as an event: the second is ignored.
   Devices present_;
   std::map<io_port_t, std::shared_ptr<DispatchQueue>> ports_;
   std::map<io_iterator_t, Watch> watches_;

@@ -1,9 +1,9 @@
-// A byte stream is the QM5 of one run: it decides each reply, failure, attach and detach.
-// Whatever it does, the run ends in an outcome and a good QM5 is updated next.
+// The input decides how the QM5 behaves during one run: each reply, failure, plug and unplug.
+// Whatever it decides, the run ends in an outcome and a QM5 without faults is updated next.
 #include <algorithm>
 
 #include "fuzz_target.h"
-#include "simulator/qm5_model.h"
+#include "simulator/device/qm5_model.h"
 
 namespace qm5::test {
 namespace {
@@ -12,7 +12,7 @@ class StreamedQm5 final : public ControlEndpoint {
  public:
   explicit StreamedQm5(ByteView stream) : stream_(stream) {}
 
-  /// The next byte; 0 from the stream's end on, which leaves all to the model.
+  /// The next byte. 0, which leaves the request to the model, after the end of the input.
   std::uint8_t next() {
     if (stream_.empty()) return 0;
     const std::uint8_t byte = stream_.front();

@@ -1,16 +1,16 @@
-// The input is the packaged image. A success means that the device holds its payload and
-// has accepted its signature.
+// The input is the packaged image. After a success the QM5 must hold its payload and have accepted
+// its signature.
+#include "firmware_image/firmware_image.h"
 #include "fuzz_target.h"
-#include "tools/firmware_image.h"
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace qm5::test;
   const qm5::Bytes image(data, data + size);
-  // A payload of less than one block has no percentage: the shell stops there, by design.
+  // With a payload of less than one block the percentage divides by zero: fatal, by design.
   const qm5::Bytes magic = {0x01, 0x00, 0xEF, 0xAC};
   if (size > 772 && size < 772 + 64 && std::equal(magic.begin(), magic.end(), data)) return 0;
   WholeApp& app = fuzzedApp();
-  app.toolkit.image = image;
+  app.application.image = image;
   app.start();
   qm5::FaultyQm5 device;
   const Outcome outcome = updateGoodDevice(device);

@@ -1,9 +1,8 @@
-// What both fuzz targets have in common: the program that takes all inputs one after the
-// other, and what must hold after each.
+// Shared by both fuzz targets: the program that all inputs are run on, one after the other.
 #pragma once
 
 #include "platform/fatal.h"
-#include "simulator/faulty_qm5.h"
+#include "simulator/device/faulty_qm5.h"
 #include "support/whole_app.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
@@ -16,7 +15,7 @@ inline WholeApp& fuzzedApp() {
   return *app;
 }
 
-/// An update of a QM5 with which nothing is wrong.
+/// Updates `device`, on which nothing may go wrong.
 inline Outcome updateGoodDevice(FaultyQm5& device) {
   WholeApp& app = fuzzedApp();
   app.during_sleep = {};

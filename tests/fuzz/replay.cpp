@@ -1,5 +1,5 @@
-// Feeds the files of a folder to a fuzz target, with any compiler: what a fuzzer once found
-// stays found. Usage: fuzz_..._replay FOLDER
+// Runs a fuzz target on the files of a folder, built by any compiler, so that what a fuzzer once
+// found is tested always. Usage: fuzz_..._replay FOLDER
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>

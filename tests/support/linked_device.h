@@ -1,5 +1,5 @@
-// A test's world below the update engine: a scripted device, a virtual clock, and the one
-// Driver on top of both.
+// Fixture for tests of the device link and the update engine: a scripted device, a virtual clock
+// and the process's Driver.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,7 +8,7 @@
 
 #include "device_link/driver.h"
 #include "scripted_usb_device.h"
-#include "simulator/direct_bus.h"
+#include "simulator/direct_bus/direct_bus.h"
 #include "transcript.h"
 #include "virtual_clock.h"
 
@@ -38,7 +38,7 @@ class LinkedDevice : public testing::Test {
   ScriptedUsbDevice device;
 
  private:
-  DirectBus bus_;  // nothing is on it: the device is announced by the test itself
+  DirectBus bus_;  // empty: attach() announces the device
 };
 
 }  // namespace qm5::test

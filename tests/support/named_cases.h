@@ -1,4 +1,4 @@
-// Tables of named cases: the name of a case shows in the test's name.
+// Tables of named cases: the name of a case becomes a part of the test's name.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -22,7 +22,7 @@ inline constexpr CaseName named;
 
 }  // namespace qm5::test
 
-// gtest prints a case by this when a test fails.
+// Declares how gtest prints a case when a test fails.
 #define QM5_PRINTS_NAME(Case)                                 \
   inline void PrintTo(const Case& shown, std::ostream* out) { \
     *out << shown.name;                                       \

@@ -1,5 +1,5 @@
-// The device side of the USB port. Strict: it answers the requests that it was told to
-// expect, in that order; another request or a leftover one fails the test.
+// The device side of the USB port. Strict: it answers the requests that the test scripted, in that
+// order; any other request, and a scripted one that never comes, fails the test.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,7 +14,7 @@ namespace qm5::test {
 
 inline constexpr IOReturn kRefused = -9;  // LIBUSB_ERROR_PIPE
 
-/// What the steps to an opened device answer.
+/// What each step of opening the device returns.
 struct ScriptedOpening {
   bool has_plug_in_table = true;
   IOReturn query_result = kIOReturnSuccess;
@@ -31,14 +31,14 @@ class ScriptedUsbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInIn
     EXPECT_TRUE(expected_.empty()) << "never came: " << describe(expected_.front().request);
   }
 
-  // Script it. No reply is a refused request; one may be shorter than asked for.
+  // Script it. Without a reply the request fails; a reply may be shorter than asked for.
   void expect(const WireRequest& request, const std::optional<Bytes>& reply = Bytes()) {
     expected_.push_back({request, reply});
   }
   void expectRead(std::uint16_t address, std::uint16_t length, const std::optional<Bytes>& reply) {
     expect(registerRead(address, length), reply);
   }
-  /// A task that is ready at the first poll.
+  /// A task that has ended at the first poll.
   void expectTask(std::string_view command, const Bytes& data, std::uint16_t reply_length,
                   const std::optional<Bytes>& reply) {
     for (const WireRequest& request : taskRequests(command, data, reply_length)) {
@@ -49,7 +49,7 @@ class ScriptedUsbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInIn
   }
   ScriptedOpening opening;
 
-  // Hand it out.
+  // Pass it on.
   IOUSBDeviceStruct942** interface() { return &device_; }
   IOCFPlugInInterfaceStruct** plugIn() {
     if (!opening.has_plug_in_table) plug_in_ = nullptr;

@@ -1,5 +1,5 @@
-// The registry side of the USB port. Strict: services must be released once, iterators be
-// those that it gave, and the steps are noted in the order in which they came.
+// The registry side of the USB port. Strict: each service must be released once, and an iterator
+// must be one that it returned. Notes the calls in their order.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -17,17 +17,18 @@
 
 namespace qm5::test {
 
-/// One device as the registry knows it, with what each step on it answers.
+/// One device in the registry, with what each step on it returns.
 struct ScriptedService {
   std::optional<std::uint64_t> id = 7;           // none: the id can't be read
   std::optional<std::string_view> name = "QM5";  // none: the name can't be read
+  std::string_view location = "1-4.2";
   IOReturn plug_in_result = kIOReturnSuccess;
   bool has_plug_in = true;
   IOReturn release_result = kIOReturnSuccess;
   ScriptedUsbDevice* device = nullptr;
 };
 
-/// Used by one thread at a time: a call back is waited for.
+/// Used by one thread at a time: arrive() and remove() wait for the monitor's callback.
 class ScriptedUSBRegistry final : public USBRegistry {
  public:
   ScriptedUSBRegistry() { setUSBRegistry(this); }
@@ -40,9 +41,9 @@ class ScriptedUSBRegistry final : public USBRegistry {
   bool has_port = true;
   bool has_matching = true;
   void attach(ScriptedService service) { waiting_[kArrivals].push_back(service); }
-  /// Has the watch call back on its queue and waits until that has been served.
+  /// Makes the watch call back on its queue and waits until the callback has returned.
   void arrive(const std::vector<ScriptedService>& services) { callBack(kArrivals, services); }
-  void leave(const std::vector<ScriptedService>& services) { callBack(kRemovals, services); }
+  void remove(const std::vector<ScriptedService>& services) { callBack(kRemovals, services); }
 
   // Read it back.
   Lines takeSteps() { return steps_.take(); }
@@ -93,6 +94,11 @@ class ScriptedUSBRegistry final : public USBRegistry {
     const ScriptedService& found = services_.at(service);
     if (!found.name) return kRefused;
     std::copy(found.name->begin(), found.name->end(), name.begin());
+    return kIOReturnSuccess;
+  }
+  IOReturn registryEntryGetLocation(io_service_t service, io_name_t& location) override {
+    const std::string_view found = services_.at(service).location;
+    std::copy(found.begin(), found.end(), location.begin());
     return kIOReturnSuccess;
   }
   IOReturn createPlugInInterfaceForService(io_service_t service, const UUIDBytes& plug_in_type,

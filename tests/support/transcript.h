@@ -1,5 +1,5 @@
-// Everything that leaves the system in one list, in order: console lines ("out: ..."),
-// system-log lines ("log: ...") and whatever the fakes note.
+// Everything that leaves the system, in one list in order: console lines ("out: ..."), system-log
+// lines ("log: ...") and what the fakes note.
 #pragma once
 
 #include <mutex>
@@ -15,14 +15,14 @@ namespace qm5::test {
 
 using Lines = std::vector<std::string>;
 
-/// Lines noted from any thread.
+/// A list of lines. Any thread.
 class Notes {
  public:
   void note(std::string line) {
     const std::lock_guard lock(mutex_);
     lines_.push_back(std::move(line));
   }
-  /// What came since the last call.
+  /// Returns the lines noted since the last call.
   Lines take() {
     const std::lock_guard lock(mutex_);
     return std::exchange(lines_, {});

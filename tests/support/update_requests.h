@@ -1,5 +1,5 @@
-// Control requests as they go over the wire: register writes, tasks, and those of a whole
-// update, made from the image alone.
+// The control requests that must go over the wire: of a register write, of a task, and of a whole
+// update of an image. Written without the product's code, so that tests can compare the two.
 #pragma once
 
 #include <algorithm>
@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
-#include "simulator/control_request.h"
-#include "tools/firmware_image.h"
+#include "firmware_image/firmware_image.h"
+#include "simulator/device/control_request.h"
 
 namespace qm5::test {
 
@@ -18,7 +18,7 @@ struct WireRequest {
 };
 using WireRequests = std::vector<WireRequest>;
 
-/// For comparison.
+/// One line of text, so that tests can compare requests and show the difference.
 inline std::string describe(const WireRequest& request) {
   const auto& [type, code, value, index, length] = request.setup;
   std::string text;
@@ -37,7 +37,7 @@ inline WireRequest registerRead(std::uint16_t address, std::uint16_t length) {
   return {{0xC0, 0xFE, address, 0, length}, {}};
 }
 
-/// At most 8 bytes a request, the total with the first.
+/// At most 8 bytes per request; the first carries the total length in wIndex.
 inline WireRequests registerWrite(std::uint16_t address, ByteView data) {
   WireRequests requests;
   for (std::size_t at = 0; at < data.size(); at += 8) {
@@ -49,7 +49,7 @@ inline WireRequests registerWrite(std::uint16_t address, ByteView data) {
   return requests;
 }
 
-/// A task that is ready at the first poll.
+/// A task that has ended at the first poll.
 inline WireRequests taskRequests(std::string_view command, ByteView data,
                                  std::uint16_t reply_length) {
   WireRequests requests = registerWrite(0x1F, data);

@@ -1,4 +1,4 @@
-// The clock port: records the sleeps and costs no time.
+// The clock port's fake: records the sleeps and returns from them at once.
 #pragma once
 
 #include <functional>
@@ -14,9 +14,10 @@ class VirtualClock final : public Clock {
   VirtualClock() { setProcessClock(this); }
   ~VirtualClock() override { setProcessClock(nullptr); }
 
-  /// Called in each sleep, on the sleeping thread.
+  /// Called during each sleep, on the sleeping thread.
   std::function<void(double)> during_sleep;
 
+  /// Returns the sleeps since the last call, in seconds.
   std::vector<double> takeSleeps() {
     const std::lock_guard lock(mutex_);
     return std::exchange(sleeps_, {});

@@ -11,8 +11,8 @@
 
 #include "app_shell/main_storyboard.h"
 #include "app_shell/view_controller.h"
-#include "scripted_toolkit.h"
-#include "simulator/direct_bus.h"
+#include "scripted_application.h"
+#include "simulator/direct_bus/direct_bus.h"
 #include "virtual_clock.h"
 
 namespace qm5::test {
@@ -37,50 +37,61 @@ class WholeApp {
  public:
   explicit WholeApp(Bytes image) {
     setUSBRegistry(&bus);
-    toolkit.image = std::move(image);
-    toolkit.during_finish_dialog = [this] { ended_ = true; };
+    application.image = std::move(image);
+    application.during_finish_dialog = [this] {
+      ended_ = true;
+      if (during_finish_dialog) during_finish_dialog();
+    };
     // A job's first second is enough for the progress window to come up.
     clock.during_sleep = [this](double) {
-      toolkit.waitUntilModal();
+      application.waitUntilModal();
       if (during_sleep) during_sleep();
     };
     start();
     bus.waitUntilWatched();
   }
   ~WholeApp() {
-    toolkit.controller.reset();
-    while (!watch_.expired()) std::this_thread::yield();
+    end();
     global_driver.reset();
   }
 
   /// Starts the program.
   void start() {
-    toolkit.applicationMain(0, nullptr, mainStoryboard());
-    watch_ = toolkit.controller;
+    application.applicationMain(0, nullptr, mainStoryboard());
+    watch_ = application.controller;
     ended_ = false;
   }
   /// Presses Next and sees the run to its end. Starts the program again where the finish
   /// dialog has ended it, and only there.
   Outcome update() {
-    if (ended_) start();
     transcript.take();
-    toolkit.main->press("btnNext");
-    if (!ended_) toolkit.runUntilAlert();
+    application.main->press("btnNext");
+    if (!ended_) application.runUntilAlert();
     Outcome outcome = read(transcript.take());
-    if (!ended_) toolkit.answer(kAlertFirstButtonReturn);
+    if (!ended_) application.answer(kAlertFirstButtonReturn);
     const Lines ready = {"log: OK pressed", "btnExit enabled", "btnNext enabled"};
     EXPECT_EQ(transcript.take(), ended_ ? Lines{} : ready);
     clock.takeSleeps();
+    if (ended_) {
+      end();
+      start();
+    }
     return outcome;
   }
 
   Transcript transcript;
   VirtualClock clock;
   std::function<void()> during_sleep;
+  std::function<void()> during_finish_dialog;
   DirectBus bus;
-  ScriptedToolkit toolkit{transcript};
+  ScriptedApplication application{transcript};
 
  private:
+  // Jobs keep their controller alive.
+  void end() {
+    application.controller.reset();
+    while (!watch_.expired()) std::this_thread::yield();
+  }
   static Outcome read(const Lines& lines) {
     Outcome outcome;
     for (const std::string& line : lines) {

@@ -1,0 +1,95 @@
+#include "app_shell/process/start_conditions.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <condition_variable>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "app_shell/process/descriptor.h"
+#include "platform/fatal.h"
+#include "platform/thread.h"
+
+namespace qm5 {
+namespace {
+
+// What the program has taken by the time its window stands and an update runs, with some in
+// reserve: 23 descriptors and 14 threads on X, with logind and the desktop's session bus.
+constexpr std::size_t kDescriptors = 32;
+constexpr std::size_t kThreads = 16;
+constexpr std::size_t kMemory = std::size_t{96} << 20;  // bytes, besides the threads' stacks
+
+void requireDescriptors() {
+  std::vector<Descriptor> opened;
+  while (opened.size() < kDescriptors) {
+    opened.emplace_back(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0));
+    if (!opened.back().isOpen())
+      cannotStart(std::string("no more files can be opened: ").append(std::strerror(errno)));
+  }
+}
+
+void requireMemory() {
+  const std::unique_ptr<void, decltype(&std::free)> memory(std::malloc(kMemory), &std::free);
+  if (!memory) cannotStart("there is not enough memory");
+}
+
+// Has as many threads at the same time as the program will have.
+void requireThreads() {
+  struct Gate {
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool open = false;
+    std::size_t ended = 0;
+  };
+  const auto gate = std::make_shared<Gate>();
+  for (std::size_t i = 0; i < kThreads; ++i) {
+    Thread thread("StartCheck", [gate] {
+      std::unique_lock lock(gate->mutex);
+      gate->changed.wait(lock, [&] { return gate->open; });
+      ++gate->ended;
+      gate->changed.notify_all();
+    });
+    if (!thread.start()) cannotStart("there are not enough threads, or no memory for them");
+  }
+  std::unique_lock lock(gate->mutex);
+  gate->open = true;
+  gate->changed.notify_all();
+  gate->changed.wait(lock, [&] { return gate->ended == kThreads; });
+}
+
+}  // namespace
+
+void openStandardStreams() {
+  std::vector<int> closed;
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (::fcntl(stream, F_GETFD) != -1 || errno != EBADF) continue;
+    closed.push_back(stream);
+    // The root folder, which takes no lines, keeps the place: the null device may be missing, and
+    // on an emulated bus it takes a second descriptor, a connection that lines must not go into.
+    ::open("/", O_RDONLY | O_DIRECTORY);
+  }
+  if (closed.empty()) return;
+  const Descriptor null(::open("/dev/null", O_RDWR | O_CLOEXEC));
+  for (const int stream : closed) ::dup2(null.get(), stream);
+}
+
+void ignoreWriteSignals() {
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+}
+
+void requireStartResources() {
+  requireDescriptors();
+  requireMemory();
+  requireThreads();
+}
+
+}  // namespace qm5

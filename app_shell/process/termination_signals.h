@@ -1,0 +1,24 @@
+// The signals that ask a process to end: SIGINT, SIGTERM and SIGHUP. While something runs that
+// must not be cut off, the person is asked first; a second signal ends the process even if nobody
+// answers or the main thread is stuck.
+#pragma once
+
+#include <functional>
+
+namespace qm5 {
+
+/// Keeps these signals from ending the process by themselves, in this thread and in all that it
+/// starts: call it before the first thread is started. A signal that the process was started to
+/// ignore (by nohup, or in the background of a script) stays ignored.
+void blockTerminationSignals();
+
+/// Starts the thread that waits for the signals. The first signal calls `ask` on that thread; it
+/// must not block. A further one that comes before terminationDeclined() ends the process at once
+/// with status 0. Signals within 0.1 s after the first count as one with it: at the end of a
+/// session several come at the same moment. Ends the process when no thread can be had.
+void followTerminationSignals(std::function<void()> ask);
+
+/// The decision that the process goes on: the next signal asks again. Any thread.
+void terminationDeclined();
+
+}  // namespace qm5

@@ -1,0 +1,43 @@
+// Alerts attached to a window.
+#pragma once
+
+#include <QDialog>
+
+#include "app_shell/ports/window.h"
+
+class QDialogButtonBox;
+
+namespace qm5 {
+
+/// An alert that blocks its parent only. However it goes away, it has been answered once: by the
+/// button that was pressed, and otherwise by the last one, the safe one. It deletes itself then.
+class AlertDialog : public QDialog {
+  Q_OBJECT
+
+ public:
+  AlertDialog(const Alert& alert, AlertCompletion completion, QWidget* parent);
+  ~AlertDialog() override;
+
+  /// Shows an alert and returns at once. Main thread.
+  static void show(const Alert& alert, AlertCompletion completion, QWidget& parent);
+
+  /// The program takes the alert away: its response is kModalResponseAbort.
+  void abort();
+  /// Closing it by whatever means answers with the last button.
+  void reject() override;
+
+ protected:
+  void showEvent(QShowEvent* event) override;
+
+ private:
+  void addTexts(const Alert& alert);
+  void addButtons(const Alert& alert);
+  void answer(int response);
+
+  AlertCompletion completion_;
+  int last_response_;
+  bool comes_unasked_;
+  QDialogButtonBox* const buttons_;
+};
+
+}  // namespace qm5

@@ -1,0 +1,191 @@
+#include "app_shell/qt/qt_application.h"
+
+#include <QApplication>
+#include <QEventLoop>
+#include <QIcon>
+#include <QSessionManager>
+#include <clocale>
+#include <cstdlib>
+#include <utility>
+
+#include "app_shell/qt/alert_dialog.h"
+#include "app_shell/qt/layouts.h"
+#include "app_shell/qt/main_queue.h"
+#include "app_shell/qt/qt_window.h"
+#include "platform/fatal.h"
+#include "platform/line_writer.h"
+
+namespace qm5 {
+
+namespace {
+
+// Qt has taken the person's locale for the whole process. The program's texts are English,
+// the system's messages in them too, and its numbers have a point.
+void keepTextsOutOfTheLocale() {
+  std::setlocale(LC_NUMERIC, "C");
+  std::setlocale(LC_MESSAGES, "C");
+}
+
+QIcon applicationIcon() {
+  QIcon icon;
+  for (const char* size : {"32x32", "64x64", "128x128"}) {
+    icon.addFile(QStringLiteral("%1/../share/icons/hicolor/%2/apps/qm5-updater.png")
+                     .arg(QCoreApplication::applicationDirPath(), QLatin1String(size)));
+  }
+  return icon;
+}
+
+// Qt itself would write to standard error and wait there for a reader who has stopped reading.
+void writeMessage(QtMsgType type, const QMessageLogContext& context, const QString& message) {
+  const std::string line = qFormatLogMessage(type, context, message).toStdString();
+  if (type == QtFatalMsg) fatal(line);
+  writeLine(StandardStream::error, line);
+}
+
+// The delegate while events are served.
+ApplicationDelegate* served = nullptr;
+
+// Qt's plug-in for X ends the process by exit(), on the main thread, when the display has gone.
+// What must not be cut off goes on without one then. At any other exit(), nobody is served.
+void endWithoutDisplay() {
+  if (!served) return;
+  const int status = std::exchange(served, nullptr)->applicationLostDisplay();
+  flushLines();
+  std::_Exit(status);
+}
+
+}  // namespace
+
+QtApplication::QtApplication() : main_queue_(std::make_unique<MainQueue>()) {
+  qInstallMessageHandler(writeMessage);
+  // A Wayland compositor that has gone may come back. Qt 6.8 waits for that where it is told to;
+  // other versions take no notice.
+  qputenv("QT_WAYLAND_RECONNECT", "1");
+}
+
+QtApplication::~QtApplication() = default;
+
+int QtApplication::applicationMain(int argc, char** argv, const MainStoryboard& storyboard) {
+  QApplication::setHighDpiScaleFactorRoundingPolicy(
+      Qt::HighDpiScaleFactorRoundingPolicy::PassThrough);
+  // Its display name stays unset: Qt would add it to every window's title.
+  QApplication::setApplicationName("QM5 Updater");
+  QApplication::setDesktopFileName("qm5-updater");
+  QApplication application(argc, argv);
+  keepTextsOutOfTheLocale();
+  QApplication::setQuitOnLastWindowClosed(false);
+  QObject::connect(&application, &QApplication::lastWindowClosed, [this] { lastWindowClosed(); });
+  QObject::connect(&application, &QApplication::commitDataRequest,
+                   [this](QSessionManager& session) { sessionEnds(session); });
+
+  delegate_ = storyboard.makeDelegate();
+  auto layout = makeMainLayout();
+  // The icon is not in the window, so the window does not wait for it.
+  layout->setPainted([] { QApplication::setWindowIcon(applicationIcon()); });
+  main_window_ = std::make_shared<QtWindow>(*main_queue_, std::move(layout));
+  main_controller_ = storyboard.makeMainController(main_window_);
+  main_window_->show();
+  delegate_->applicationDidFinishLaunching();
+  // The last one to be registered is called first, before what Qt and others take apart.
+  [[maybe_unused]] static const int registered = std::atexit(endWithoutDisplay);
+  served = delegate_.get();
+  const int status = QApplication::exec();
+  served = nullptr;
+  // Here the desktop has asked the program to quit. Jobs may be at work, so nothing that
+  // they use is taken apart.
+  terminate();
+  return status;
+}
+
+void QtApplication::showNotice(int argc, char** argv, const Alert& alert) {
+  QApplication::setApplicationName("QM5 Updater");
+  QApplication::setDesktopFileName("qm5-updater");
+  QApplication application(argc, argv);
+  QApplication::setWindowIcon(applicationIcon());
+  QWidget unseen;
+  unseen.setWindowTitle("QM5 Updater");
+  AlertDialog::show(
+      alert, [](int) { QApplication::exit(); }, unseen);
+  QApplication::exec();
+}
+
+void QtApplication::lastWindowClosed() {
+  if (delegate_->applicationShouldTerminateAfterLastWindowClosed()) terminate();
+}
+
+std::shared_ptr<Window> QtApplication::mainWindow() {
+  return main_window_;
+}
+
+// The windows that can be run are modal by themselves, from their showing on.
+void QtApplication::runModalForWindow(const std::shared_ptr<Window>&) {
+  QEventLoop run;
+  modal_runs_.push_back(&run);
+  run.exec();
+  modal_runs_.pop_back();
+}
+
+void QtApplication::stopModal() {
+  main_queue_->perform([this] {
+    if (!modal_runs_.empty()) modal_runs_.back()->exit();
+  });
+}
+
+void QtApplication::terminate() {
+  if (delegate_) delegate_->applicationWillTerminate();
+  flushLines();
+  std::_Exit(0);
+}
+
+void QtApplication::requestTermination(std::function<void()> declined) {
+  main_queue_->async([this, declined = std::move(declined)] {
+    if (delegate_->applicationShouldTerminate(declined)) terminate();
+  });
+}
+
+void QtApplication::sessionEnds(QSessionManager& session) {
+  if (delegate_->applicationShouldTerminate([] {})) return terminate();
+  // A refusal counts only with the leave to ask. That it is granted is of no matter: where it
+  // is not, the session ends whatever a program says.
+  session.allowsInteraction();
+  session.cancel();
+}
+
+void QtApplication::activate(const std::string& activation_token) {
+  // Under Wayland, Qt takes the token from there and from nowhere else; elsewhere the window
+  // manager goes by itself.
+  if (!activation_token.empty()) qputenv("XDG_ACTIVATION_TOKEN", activation_token.c_str());
+  // The token is good for one window: the one that the person can use now. Some window managers
+  // minimise the windows that it stands on as well, others leave it behind.
+  main_window_->native().restore();
+  QWidget* const modal = QApplication::activeModalWidget();
+  if (!modal) return main_window_->makeKeyAndOrderFront();
+  for (QWidget* window = modal; window; window = window->parentWidget()) {
+    window->setWindowState(window->windowState() & ~Qt::WindowMinimized);
+  }
+  modal->raise();
+  modal->activateWindow();
+}
+
+void QtApplication::mainQueueAsync(std::function<void()> step) {
+  main_queue_->async(std::move(step));
+}
+
+std::shared_ptr<Window> QtApplication::instantiateWindow(std::string_view storyboard,
+                                                         std::string_view identifier) {
+  if (storyboard != "Main" || identifier != "ProgressWindow") return nullptr;
+  return std::make_shared<QtWindow>(*main_queue_, makeProgressLayout(mainWidget()));
+}
+
+// Titled only is the one style that there is.
+std::shared_ptr<Window> QtApplication::makeWindow(Rect content, WindowStyle) {
+  auto window = std::make_shared<QtWindow>(*main_queue_, content.size, mainWidget());
+  window->setFrameOrigin(content.origin);
+  return window;
+}
+
+QWidget* QtApplication::mainWidget() const {
+  return main_window_ ? &main_window_->native() : nullptr;
+}
+
+}  // namespace qm5

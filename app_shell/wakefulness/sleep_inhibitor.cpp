@@ -1,0 +1,95 @@
+#include "app_shell/wakefulness/sleep_inhibitor.h"
+
+#include <utility>
+
+#include "platform/system_log.h"
+
+#ifdef __APPLE__
+// Untested: nobody has built this on a Mac yet.
+#include <IOKit/pwr_mgt/IOPMLib.h>
+
+#include <string>
+#else
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusReply>
+#include <QDBusUnixFileDescriptor>
+#include <QString>
+
+#include "platform/dispatch_queue.h"
+#endif
+
+namespace qm5 {
+
+#ifdef __APPLE__
+
+std::shared_ptr<void> SleepInhibitor::beginActivity(std::string_view reason,
+                                                    std::function<void()> refused) {
+  const CFStringRef shown =
+      CFStringCreateWithCString(nullptr, std::string(reason).c_str(), kCFStringEncodingUTF8);
+  IOPMAssertionID assertion = kIOPMNullAssertionID;
+  const IOReturn result = IOPMAssertionCreateWithName(kIOPMAssertPreventUserIdleSystemSleep,
+                                                      kIOPMAssertionLevelOn, shown, &assertion);
+  CFRelease(shown);
+  if (result != kIOReturnSuccess) {
+    log("The computer may fall asleep: error " + std::to_string(result));
+    refused();
+    return nullptr;
+  }
+  return {nullptr, [assertion](void*) { IOPMAssertionRelease(assertion); }};
+}
+
+#else
+
+namespace {
+
+constexpr int kReplyTimeout = 10'000;  // milliseconds
+
+// The call to logind waits for the system bus, so it runs on a queue of its own and never on
+// the main thread.
+DispatchQueue& logindQueue() {
+  static auto* const queue =
+      new DispatchQueue("tool.qm5-updater.awake", DispatchQueue::Attribute::serial);
+  return *queue;
+}
+
+// Takes logind's lock. It holds until every copy of the returned descriptor is closed; the
+// descriptor is invalid when logind has refused.
+QDBusUnixFileDescriptor inhibitSleep(const QString& reason) {
+  const QString connection = "qm5-updater-awake";
+  QDBusMessage inhibit =
+      QDBusMessage::createMethodCall("org.freedesktop.login1", "/org/freedesktop/login1",
+                                     "org.freedesktop.login1.Manager", "Inhibit");
+  inhibit.setArguments({"sleep:idle:handle-lid-switch", "QM5 Updater", reason, "block"});
+  // A new connection for each call, since the system bus may have started or restarted.
+  const QDBusReply<QDBusUnixFileDescriptor> reply =
+      QDBusConnection::connectToBus(QDBusConnection::SystemBus, connection)
+          .call(inhibit, QDBus::Block, kReplyTimeout);
+  QDBusConnection::disconnectFromBus(connection);
+  if (!reply.isValid())
+    log("The computer may fall asleep: " + reply.error().message().toStdString());
+  return reply.value();
+}
+
+}  // namespace
+
+std::shared_ptr<void> SleepInhibitor::beginActivity(std::string_view reason,
+                                                    std::function<void()> refused) {
+  // When the caller drops the token during the call, the queue's copy keeps the descriptor
+  // until the call has returned, and then closes it.
+  auto inhibitor = std::make_shared<QDBusUnixFileDescriptor>();
+  const bool submitted = logindQueue().async(
+      [inhibitor, reason = QString::fromStdString(std::string(reason)), refused] {
+        *inhibitor = inhibitSleep(reason);
+        if (!inhibitor->isValid()) refused();
+      });
+  if (!submitted) {
+    log("The computer may fall asleep: there is no thread left to ask logind");
+    refused();
+  }
+  return inhibitor;
+}
+
+#endif
+
+}  // namespace qm5

@@ -1,0 +1,198 @@
+// qm5-simulator: starts an unchanged program on an emulated USB bus with a software QM5, and
+// prints one line about the device when the program has ended.
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "firmware_image/firmware_image.h"
+#include "simulator/command/options.h"
+#include "simulator/command/trace.h"
+#include "simulator/command/verdict.h"
+#include "simulator/device/faulty_qm5.h"
+#include "simulator/usb_bus/emulated_bus.h"
+
+namespace qm5 {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kWrongUse = 2;
+constexpr int kCommandNotFound = 127;  // as in a shell
+constexpr int kSignalled = 128;        // plus the number of the signal that ended the program
+
+sigset_t controlSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int each : {SIGUSR1, SIGUSR2, SIGCHLD, SIGINT, SIGTERM, SIGHUP}) {
+    sigaddset(&signals, each);
+  }
+  return signals;
+}
+
+/// Starts the program with no signal blocked; empty when it can't be started.
+std::optional<pid_t> start(const std::vector<std::string>& program) {
+  std::vector<std::string> words = program;
+  std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
+  for (std::string& word : words) arguments.push_back(word.data());
+  arguments.push_back(nullptr);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  pid_t process = 0;
+  const int error =
+      posix_spawnp(&process, arguments[0], nullptr, &attributes, arguments.data(), environ);
+  posix_spawnattr_destroy(&attributes);
+  if (error == 0) return process;
+  std::cerr << "qm5-simulator: " << program[0] << ": " << std::strerror(error) << "\n";
+  return std::nullopt;
+}
+
+constexpr Clock::time_point kNever = Clock::time_point::max();
+
+/// The next of `signals`; empty when `deadline` comes first.
+std::optional<siginfo_t> nextSignal(const sigset_t& signals, Clock::time_point deadline) {
+  siginfo_t signal{};
+  do {
+    const auto left = std::max(deadline - Clock::now(), Clock::duration::zero());
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+    const std::chrono::nanoseconds rest = left - seconds;
+    const timespec time{seconds.count(), rest.count()};
+    if (sigtimedwait(&signals, &signal, &time) > 0) return signal;
+  } while (errno != EAGAIN);
+  return std::nullopt;
+}
+
+/// The exit status of `process` as in a shell; empty while it runs.
+std::optional<int> exitStatus(pid_t process) {
+  int status = 0;
+  if (waitpid(process, &status, WNOHANG) != process) return std::nullopt;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : kSignalled + WTERMSIG(status);
+}
+
+/// Passes a signal on to the program.
+void forward(const siginfo_t& signal, pid_t process) {
+  // A terminal has sent its Ctrl-C to the program as well.
+  const bool from_terminal = signal.si_signo == SIGINT && signal.si_code == SI_KERNEL;
+  if (!from_terminal) kill(process, signal.si_signo);
+}
+
+/// Plugs the device in and out at `attach_at` and as signals ask for it, until the program ends;
+/// returns the program's exit status.
+int runBus(pid_t process, EmulatedBus& bus, Clock::time_point attach_at) {
+  const sigset_t signals = controlSignals();
+  while (true) {
+    const auto signal = nextSignal(signals, attach_at);
+    if (!signal) {
+      bus.plug();
+      attach_at = kNever;
+      continue;
+    }
+    switch (signal->si_signo) {
+      case SIGUSR1:
+        bus.unplug();
+        break;
+      case SIGUSR2:
+        bus.setPermitted(true);
+        bus.plug();
+        break;
+      case SIGCHLD:
+        if (const auto status = exitStatus(process)) return *status;
+        break;
+      default:
+        forward(*signal, process);
+    }
+  }
+}
+
+/// What the flash must hold after an update with the image of that path; empty when it
+/// can't be read.
+std::optional<Bytes> expectedFlash(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  const Bytes image{std::istreambuf_iterator<char>(file), {}};
+  if (!file || image.size() < kImagePayloadStart) return std::nullopt;
+  return flashContents(ByteView(image).subspan(kImagePayloadStart));
+}
+
+/// Prints the one line, behind whatever the program has written.
+void printVerdict(const std::string& verdict, int program_status) {
+  std::cout << "qm5-simulator: " << verdict << ", the program ended with " << program_status
+            << std::endl;
+}
+
+int failToUse(const std::string& problem) {
+  std::cerr << "qm5-simulator: " << problem << "\n";
+  return kWrongUse;
+}
+
+void writeTrace(FaultyQm5& device, std::ostream& trace, Clock::time_point start_time) {
+  device.setObserver([&trace, start_time](const RequestRecord& request) {
+    trace << traceLine(request, start_time) << std::endl;
+  });
+}
+
+/// Starts the program on a bus with the device; returns the program's exit status, or empty when
+/// it can't be started.
+std::optional<int> runProgram(const SimulatorOptions& options, FaultyQm5& device,
+                              Clock::time_point start_time) {
+  EmulatedBus bus(device, options.bus);
+  const bool plugged_later = options.attach_after.count() > 0;
+  if (!plugged_later) bus.plug();
+  const auto process = start(options.program);
+  if (!process) return std::nullopt;
+  const int status =
+      runBus(*process, bus, plugged_later ? start_time + options.attach_after : kNever);
+  bus.unplug();
+  return status;
+}
+
+int simulate(const SimulatorOptions& options) {
+  std::optional<Bytes> expected;
+  if (options.image && !(expected = expectedFlash(*options.image)))
+    return failToUse("no image can be read from " + *options.image);
+  std::ofstream trace;
+  if (options.trace) trace.open(*options.trace);
+  if (!trace) return failToUse(*options.trace + " can't be written");
+  // Blocked before the bus starts threads, which inherit it: runBus() alone gets the signals.
+  const sigset_t signals = controlSignals();
+  sigprocmask(SIG_BLOCK, &signals, nullptr);
+
+  FaultyQm5 device{Qm5Model(options.device)};
+  for (const Fault& fault : options.faults) device.addFault(fault);
+  const auto start_time = Clock::now();
+  if (options.trace) writeTrace(device, trace, start_time);
+  const std::optional<int> status = runProgram(options, device, start_time);
+  if (!status) return kCommandNotFound;
+  const Verdict verdict = judge(device, expected);
+  printVerdict(verdict.line, *status);
+  return verdict.good && *status == 0 ? 0 : 1;
+}
+
+}  // namespace
+}  // namespace qm5
+
+int main(int argc, char** argv) {
+  const auto parsed = qm5::parseSimulatorOptions({argv + 1, argv + argc});
+  if (const auto* const notice = std::get_if<qm5::SimulatorNotice>(&parsed)) {
+    (notice->exit_status == 0 ? std::cout : std::cerr) << notice->text;
+    return notice->exit_status;
+  }
+  qm5::EmulatedBus::enterMockEnvironment(argv);
+  return qm5::simulate(std::get<qm5::SimulatorOptions>(parsed));
+}

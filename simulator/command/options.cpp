@@ -1,0 +1,213 @@
+#include "simulator/command/options.h"
+
+#include <getopt.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <utility>
+
+#include "simulator/device/register_map.h"
+
+namespace qm5 {
+namespace {
+
+constexpr const char* kHelp =
+    R"(usage: qm5-simulator [options] -- PROGRAM [ARGUMENTS]
+
+Starts PROGRAM on an emulated USB bus with a software QM5, waits until it ends, and prints one
+line: what the QM5's flash holds, and what PROGRAM did wrong.
+
+  --version HEX          version that the QM5 reports (default 4201)
+  --flash-size BYTES     size of the QM5's flash (default 1048576)
+  --busy TASK=POLLS      number of polls that find each task of that name busy (default 0)
+  --fault WHERE:N=KIND   a fault at request number N, or at the Nth task of a name. WHERE is
+                         "request", SFWi, SFWd or SFWs. KIND is
+                           stall         the request is refused
+                           stall-on      this request and all later ones are refused
+                           result:CODE   the reply carries that result code (1 to 15)
+                           short:BYTES   the last BYTES bytes of the reply are missing
+                           silent        the request is never answered
+                           busy          no task ends any more
+                           unplug        the QM5 leaves the bus
+                           replug        the QM5 leaves the bus and comes back after 0.2 s
+                         May be given more than once.
+  --attach-after SECONDS plug the QM5 in that long after the start of PROGRAM
+  --no-product           the QM5 has no product name
+  --no-permission        PROGRAM may not open the QM5 until SIGUSR2 has plugged it in again
+  --latency-ms N         time that each request takes (default 0)
+  --image FILE           firmware image that the flash must hold in the end
+  --trace FILE           write each request to FILE as a line of JSON
+  --help                 print this text
+
+While PROGRAM runs, SIGUSR1 unplugs the QM5 and SIGUSR2 plugs it in. SIGINT, SIGTERM and
+SIGHUP are passed on to PROGRAM.
+
+The exit status is 0 when flash and signature are right, PROGRAM kept to the protocol without
+any deviation, and ended with status 0. It is 1 when one of that is not so, 2 when the options
+are wrong or a file can't be used, and 127 when PROGRAM can't be started.
+)";
+
+template <typename Number>
+bool parseNumber(std::string_view text, Number& number, auto... base) {
+  const char* const end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, number, base...);
+  return error == std::errc() && stop == end;
+}
+
+/// The parts of `text` before and after the first `separator`; the second part is empty when
+/// there is no separator.
+std::pair<std::string_view, std::string_view> split(std::string_view text, char separator) {
+  const std::size_t at = text.find(separator);
+  if (at == std::string_view::npos) return {text, {}};
+  return {text.substr(0, at), text.substr(at + 1)};
+}
+
+struct NamedKind {
+  std::string_view name;
+  FaultKind kind;
+  bool has_value;
+};
+constexpr std::array<NamedKind, 8> kKinds = {{{"stall", FaultKind::stall, false},
+                                              {"stall-on", FaultKind::stall_on, false},
+                                              {"result", FaultKind::result, true},
+                                              {"short", FaultKind::short_reply, true},
+                                              {"silent", FaultKind::silent, false},
+                                              {"busy", FaultKind::busy_for_ever, false},
+                                              {"unplug", FaultKind::unplug, false},
+                                              {"replug", FaultKind::replug, false}}};
+
+// A result code has four bits, and 0 means that nothing is wrong.
+constexpr std::uint8_t kLastResultCode = 15;
+
+// The functions below set a part of their result, and return false when the text is wrong.
+
+bool parseFaultPoint(std::string_view text, Fault& fault) {
+  const auto [where, number] = split(text, ':');
+  if (where != "request" && !isTask(where)) return false;
+  if (where != "request") fault.task = where;
+  return parseNumber(number, fault.number) && fault.number > 0;
+}
+
+bool parseFaultKind(std::string_view text, Fault& fault) {
+  const auto [name, value] = split(text, ':');
+  const auto kind =
+      std::find_if(kKinds.begin(), kKinds.end(),
+                   [&, wanted = name](const NamedKind& each) { return each.name == wanted; });
+  if (kind == kKinds.end()) return false;
+  fault.kind = kind->kind;
+  if (!kind->has_value) return value.empty();
+  if (!parseNumber(value, fault.value)) return false;
+  return fault.kind != FaultKind::result || (fault.value >= 1 && fault.value <= kLastResultCode);
+}
+
+bool addFault(std::string_view text, std::vector<Fault>& faults) {
+  const std::optional<Fault> fault = parseFault(text);
+  if (fault) faults.push_back(*fault);
+  return fault.has_value();
+}
+
+bool parseBusy(std::string_view text, Qm5Model::Options& device) {
+  const auto [task, polls] = split(text, '=');
+  return isTask(task) && parseNumber(polls, device.busy_polls[std::string(task)]);
+}
+
+bool parseMilliseconds(std::string_view text, std::chrono::milliseconds& time) {
+  std::uint32_t count = 0;
+  if (!parseNumber(text, count)) return false;
+  time = std::chrono::milliseconds(count);
+  return true;
+}
+
+bool parseSeconds(std::string_view text, std::chrono::milliseconds& time) {
+  double seconds = 0;
+  if (!parseNumber(text, seconds) || !(seconds >= 0 && seconds < 1e6)) return false;
+  time = std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
+  return true;
+}
+
+bool parsePath(std::string_view text, std::optional<std::string>& path) {
+  path = text;
+  return !text.empty();
+}
+
+/// One option of the command line. `set` gets an empty text when the option has no value.
+struct OptionRule {
+  const char* name;
+  int has_value;
+  bool (*set)(std::string_view value, SimulatorOptions& options);
+};
+const std::array<OptionRule, 10> kRules = {{
+    {"version", required_argument,
+     [](auto value, auto& options) { return parseNumber(value, options.device.version, 16); }},
+    {"flash-size", required_argument,
+     [](auto value, auto& options) { return parseNumber(value, options.device.flash_bytes); }},
+    {"busy", required_argument,
+     [](auto value, auto& options) { return parseBusy(value, options.device); }},
+    {"fault", required_argument,
+     [](auto value, auto& options) { return addFault(value, options.faults); }},
+    {"attach-after", required_argument,
+     [](auto value, auto& options) { return parseSeconds(value, options.attach_after); }},
+    {"no-product", no_argument,
+     [](auto, auto& options) { return options.bus.product.reset(), true; }},
+    {"no-permission", no_argument,
+     [](auto, auto& options) { return !(options.bus.permitted = false); }},
+    {"latency-ms", required_argument,
+     [](auto value, auto& options) { return parseMilliseconds(value, options.bus.latency); }},
+    {"image", required_argument,
+     [](auto value, auto& options) { return parsePath(value, options.image); }},
+    {"trace", required_argument,
+     [](auto value, auto& options) { return parsePath(value, options.trace); }},
+}};
+constexpr int kHelpOption = kRules.size();
+constexpr int kEndOfOptions = -1;
+
+/// The next option as its index in kRules, or kHelpOption, kEndOfOptions, '?' for an unknown
+/// option, or ':' for one whose value is missing. `words` ends in a null pointer.
+int nextOption(std::vector<char*>& words) {
+  std::array<option, kHelpOption + 2> options{};  // the last one stays empty, as their end
+  for (std::size_t i = 0; i < kRules.size(); ++i)
+    options[i] = {kRules[i].name, kRules[i].has_value, nullptr, static_cast<int>(i)};
+  options[kHelpOption] = {"help", no_argument, nullptr, kHelpOption};
+  // "+": the options end where PROGRAM begins. ":": print nothing.
+  const int count = static_cast<int>(words.size()) - 1;
+  return getopt_long(count, words.data(), "+:", options.data(), nullptr);
+}
+
+SimulatorNotice wrong(const std::string& what) {
+  return {"qm5-simulator: " + what + "; --help lists the options\n", 2};
+}
+
+}  // namespace
+
+std::optional<Fault> parseFault(std::string_view text) {
+  const auto [point, kind] = split(text, '=');
+  Fault fault;
+  if (!parseFaultPoint(point, fault) || !parseFaultKind(kind, fault)) return std::nullopt;
+  return fault;
+}
+
+std::variant<SimulatorOptions, SimulatorNotice> parseSimulatorOptions(
+    std::vector<std::string> arguments) {
+  arguments.insert(arguments.begin(), "qm5-simulator");
+  std::vector<char*> words;
+  for (std::string& argument : arguments) words.push_back(argument.data());
+  words.push_back(nullptr);
+  SimulatorOptions options;
+  optind = 0;  // getopt_long starts anew
+  for (int found = nextOption(words); found != kEndOfOptions; found = nextOption(words)) {
+    if (found == kHelpOption) return SimulatorNotice{kHelp, 0};
+    const std::string last_word = arguments[static_cast<std::size_t>(optind - 1)];
+    if (found == '?') return wrong("wrong option " + last_word);
+    if (found == ':') return wrong(last_word + " needs a value");
+    const OptionRule& rule = kRules[static_cast<std::size_t>(found)];
+    const std::string value = rule.has_value == no_argument ? "" : optarg;
+    if (!rule.set(value, options))
+      return wrong(std::string("wrong value of --").append(rule.name).append(": ").append(value));
+  }
+  options.program.assign(arguments.begin() + optind, arguments.end());
+  if (options.program.empty()) return wrong("no program to start");
+  return options;
+}
+
+}  // namespace qm5

@@ -1,0 +1,228 @@
+#include "simulator/usb_bus/emulated_bus.h"
+
+#include <umockdev.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "platform/fatal.h"
+#include "platform/text.h"
+#include "simulator/usb_bus/usbfs_node.h"
+
+namespace qm5 {
+namespace {
+
+constexpr unsigned int kLastAddress = 127;  // an address on USB has seven bits
+constexpr unsigned int kFirstAddress = 2;
+constexpr const char* kRootHubPath = "/devices/pci0000:00/0000:00:14.0/usb1";
+constexpr const char* kDevicePath = "/devices/pci0000:00/0000:00:14.0/usb1/1-1";
+
+// Descriptors: a device (18 bytes), followed by its one configuration, which has one interface
+// without endpoints of its own.
+constexpr const char* kConfiguration =
+    "09021200010100803209040000"
+    "00ff000000";
+constexpr const char* kRootHubDescriptor = "12010002090000406b1d0200000600000001";
+constexpr const char* kDeviceDescriptor =
+    "12010002ff000040"
+    "5104e1ac"
+    "000100010001";
+
+// A file that nobody may open for writing, not even root. As the device's node it gives a program
+// the same error as a node without permission.
+constexpr const char* kForbiddenToAll = "/proc/sys/kernel/ostype";
+
+/// A number of at most three digits, with leading zeros as in the names of nodes.
+std::string threeDigits(unsigned int number) {
+  const std::string digits = std::to_string(number);
+  return std::string(3 - digits.size(), '0') + digits;
+}
+
+std::string nodePath(unsigned int address) {
+  return "/dev/bus/usb/001/" + threeDigits(address);
+}
+
+/// A device in umockdev's notation.
+std::string describe(const std::string& path, unsigned int address, const std::string& attributes,
+                     const std::string& descriptor) {
+  const std::string number = threeDigits(address);
+  return "P: " + path + "\nE: DEVNAME=" + nodePath(address) +
+         "\nE: DEVTYPE=usb_device\nE: SUBSYSTEM=usb\nE: BUSNUM=001\nE: DEVNUM=" + number +
+         "\nE: MAJOR=189\nE: MINOR=" + std::to_string(address - 1) +
+         "\nA: dev=189:" + std::to_string(address - 1) +
+         "\nA: busnum=1\nA: devnum=" + std::to_string(address) +
+         "\nA: speed=480\nA: bConfigurationValue=1\n" + attributes +
+         "H: descriptors=" + descriptor + kConfiguration + "\n\n";
+}
+
+std::string describeRootHub() {
+  return describe(kRootHubPath, 1, "A: idVendor=1d6b\nA: idProduct=0002\n", kRootHubDescriptor);
+}
+
+std::string describeQm5(unsigned int address, const std::optional<std::string>& product) {
+  std::string attributes = "A: idVendor=0451\nA: idProduct=ace1\n";
+  if (product) attributes += "A: product=" + *product + "\n";
+  return describe(kDevicePath, address, attributes, kDeviceDescriptor);
+}
+
+}  // namespace
+
+struct EmulatedBus::Kernel {
+  GObjectPointer<UMockdevTestbed> test_bed{umockdev_testbed_new()};
+  GObjectPointer<UMockdevIoctlBase> handler;  // null when no device is plugged in
+  UsbfsNode* node = nullptr;                  // owned by the handler
+  std::string node_path;
+
+  std::string rootDirectory() const {
+    const std::unique_ptr<gchar, decltype(&g_free)> path(
+        umockdev_testbed_get_root_dir(test_bed.get()), g_free);
+    return path.get();
+  }
+
+  /// Makes the node of a device. To be called before add(), which announces the device: a
+  /// program may open the node at once.
+  void makeNode(const std::string& path, bool permitted) const {
+    const std::filesystem::path real = rootDirectory() + path;
+    std::error_code error;
+    std::filesystem::create_directories(real.parent_path(), error);
+    if (permitted) {
+      std::ofstream(real).close();
+    } else {
+      std::filesystem::create_symlink(kForbiddenToAll, real, error);
+    }
+    if (!std::filesystem::exists(real)) fatal("the emulated bus can't make a device node");
+  }
+
+  void add(const std::string& description) const {
+    if (!umockdev_testbed_add_from_string(test_bed.get(), description.c_str(), nullptr)) {
+      fatal("umockdev refuses the description of a device");
+    }
+  }
+};
+
+void EmulatedBus::enterMockEnvironment(char** argv) {
+  // umockdev_in_mock_environment() is of no use: asked before the test bed exists, it says no for
+  // the rest of the process.
+  const char* const preloaded = std::getenv("LD_PRELOAD");
+  if (preloaded != nullptr && std::strstr(preloaded, "libumockdev-preload") != nullptr) return;
+  std::array<char, 4096> self{};
+  if (readlink("/proc/self/exe", self.data(), self.size() - 1) < 0)
+    fatal("/proc/self/exe can't be read");
+  std::vector<char*> words;
+  std::string wrapper = "umockdev-wrapper";
+  words.push_back(wrapper.data());
+  words.push_back(self.data());
+  for (char** word = argv + 1; *word != nullptr; ++word) words.push_back(*word);
+  words.push_back(nullptr);
+  execvp(words[0], words.data());
+  fatal("umockdev-wrapper can't be started; is umockdev installed?");
+}
+
+EmulatedBus::EmulatedBus(FaultyQm5& device, Options options)
+    : device_(device), options_(std::move(options)), kernel_(std::make_unique<Kernel>()) {
+  kernel_->makeNode(nodePath(1), true);
+  kernel_->add(describeRootHub());
+  departure_thread_ = std::thread([this] { handleDepartures(); });
+}
+
+EmulatedBus::~EmulatedBus() {
+  {
+    const std::lock_guard lock(departure_mutex_);
+    stopping_ = true;
+    departure_changed_.notify_all();
+  }
+  departure_thread_.join();
+  unplug();
+}
+
+void EmulatedBus::plug() {
+  const std::lock_guard lock(mutex_);
+  unplugDepartedLocked();
+  if (!kernel_->handler) plugLocked();
+}
+
+void EmulatedBus::unplug() {
+  const std::lock_guard lock(mutex_);
+  if (kernel_->handler) unplugLocked();
+}
+
+void EmulatedBus::setPermitted(bool permitted) {
+  const std::lock_guard lock(mutex_);
+  options_.permitted = permitted;
+}
+
+void EmulatedBus::plugLocked() {
+  device_.powerCycle();
+  // As in the kernel: the next address, and after the last one the first again.
+  address_ = address_ < kLastAddress ? address_ + 1 : kFirstAddress;
+  kernel_->node_path = nodePath(address_);
+  const auto control = [this](const ControlSetup& setup, ByteView data) {
+    return device_.control(setup, data);
+  };
+  const auto left = [this, address = address_](bool comes_back) {
+    const std::lock_guard lock(departure_mutex_);
+    departure_ = {address, comes_back};
+    departure_changed_.notify_all();
+  };
+  kernel_->handler = UsbfsNode::makeHandler({control, left, options_.latency}, kernel_->node);
+  // Before the device appears: a program may open it as soon as it does.
+  umockdev_testbed_attach_ioctl(kernel_->test_bed.get(), kernel_->node_path.c_str(),
+                                kernel_->handler.get(), nullptr);
+  kernel_->makeNode(kernel_->node_path, options_.permitted);
+  kernel_->add(describeQm5(address_, options_.product));
+}
+
+void EmulatedBus::unplugLocked() {
+  kernel_->node->disconnect();
+  const std::string path = std::string("/sys") + kDevicePath;
+  umockdev_testbed_detach_ioctl(kernel_->test_bed.get(), kernel_->node_path.c_str(), nullptr);
+  // The event needs the device's properties, so it is sent before the device is removed.
+  umockdev_testbed_uevent(kernel_->test_bed.get(), path.c_str(), "remove");
+  umockdev_testbed_remove_device(kernel_->test_bed.get(), path.c_str());
+  kernel_->node = nullptr;
+  kernel_->handler.reset();
+}
+
+// Takes a device that has left by itself off the bus, unless that has been done already. Returns
+// whether the device is to come back. The caller holds mutex_.
+bool EmulatedBus::unplugDepartedLocked() {
+  std::optional<Departure> departure;
+  {
+    const std::lock_guard lock(departure_mutex_);
+    departure.swap(departure_);
+  }
+  // It may have been unplugged and plugged in again in the meantime.
+  if (!departure || !kernel_->handler || departure->address != address_) return false;
+  unplugLocked();
+  return departure->comes_back;
+}
+
+void EmulatedBus::handleDepartures() {
+  std::unique_lock lock(departure_mutex_);
+  while (!stopping_) {
+    departure_changed_.wait(lock, [&] { return stopping_ || departure_; });
+    if (stopping_) return;
+    lock.unlock();
+    bool comes_back = false;
+    {
+      const std::lock_guard bus_lock(mutex_);
+      comes_back = unplugDepartedLocked();
+    }
+    lock.lock();
+    if (!comes_back) continue;
+    departure_changed_.wait_for(lock, options_.replug_delay, [&] { return stopping_; });
+    if (stopping_) return;
+    lock.unlock();
+    plug();
+    lock.lock();
+  }
+}
+
+}  // namespace qm5
