@@ -159,7 +159,7 @@ TEST_P(Presses, AreHeardWhenTheyAreMeantAndCloseNoWindow) {
   const auto buttons = top->findChildren<QPushButton*>();
   const auto is_down = [](const QPushButton* button) { return button->isDown(); };
   EXPECT_FALSE(heard.empty() && std::any_of(buttons.begin(), buttons.end(), is_down));
-  EXPECT_TRUE(QTest::qWaitFor([&] { return heard_.size() >= heard.size(); }));
+  EXPECT_TRUE(QTest::qWaitFor([&, wanted = heard.size()] { return heard_.size() >= wanted; }));
   EXPECT_EQ(heard_, heard);
   EXPECT_TRUE(shown->isVisible());
 }

@@ -10,10 +10,10 @@ namespace qm5 {
 
 namespace {
 
-// Two frames of a usual screen: nobody can read a text that changes more often, and each drawing
-// takes time from the update where cores are few. Not 33, as the window's two wake-ups, for its end
-// and for a step or the drawing, would then come more than 60 times per second.
-constexpr int kCoalesceWindow = 34;  // milliseconds
+// About two frames of a usual screen: nobody can read a text that changes more often, and each
+// drawing takes time from the update where cores are few. A window costs two wake-ups, one for its
+// end and one for a step or the drawing; 36 ms keeps them below 60 per second.
+constexpr int kCoalesceWindow = 36;  // milliseconds
 
 // How long steps run before keys and drawing have their turn: well within a frame.
 constexpr std::chrono::milliseconds kLongestRun{4};
@@ -26,13 +26,13 @@ QEvent::Type stepsWaiting() {
 }  // namespace
 
 void MainQueue::async(Step step) {
-  bool was_at_rest = false;
+  bool was_idle = false;
   {
     const std::lock_guard lock(mutex_);
     steps_.push_back(std::move(step));
-    was_at_rest = std::exchange(is_at_rest_, false);
+    was_idle = std::exchange(is_idle_, false);
   }
-  if (was_at_rest) QCoreApplication::postEvent(this, new QEvent(stepsWaiting()));
+  if (was_idle) QCoreApplication::postEvent(this, new QEvent(stepsWaiting()));
 }
 
 void MainQueue::perform(Step step) {
@@ -48,7 +48,7 @@ bool MainQueue::event(QEvent* event) {
 }
 
 void MainQueue::timerEvent(QTimerEvent*) {
-  if (!restWhenEmpty()) return beginTurn();
+  if (!becomeIdleIfEmpty()) return beginTurn();
   window_.stop();
   emit turnEnded();  // for the steps that have run since the last one
 }
@@ -82,10 +82,10 @@ MainQueue::Step MainQueue::takeStep() {
   return step;
 }
 
-bool MainQueue::restWhenEmpty() {
+bool MainQueue::becomeIdleIfEmpty() {
   const std::lock_guard lock(mutex_);
-  is_at_rest_ = steps_.empty();
-  return is_at_rest_;
+  is_idle_ = steps_.empty();
+  return is_idle_;
 }
 
 }  // namespace qm5

@@ -1,10 +1,10 @@
 // The main queue: steps from any thread, run on the main thread one by one in the order of
 // submission, in whatever event loop is innermost.
 //
-// A step that comes after a rest wakes the main thread and runs at once. From then on the main
+// A step that comes to an idle queue wakes the main thread and runs at once. From then on the main
 // thread looks for further steps once per coalescing window, until it finds none. So however fast
 // steps come, a submitter pays for no wake-up, and the main thread wakes at most 60 times per
-// second: once per window by the timer and, at worst, once by a step that comes right after a rest.
+// second: once per window by the timer and, at worst, once by a step that comes to the idle queue.
 #pragma once
 
 #include <QBasicTimer>
@@ -47,17 +47,17 @@ class MainQueue : public QObject {
   void beginTurn();
   void runSteps();
   Step takeStep();
-  bool restWhenEmpty();
+  bool becomeIdleIfEmpty();
 
   const std::thread::id main_thread_ = std::this_thread::get_id();
-  QBasicTimer window_;      // runs unless the queue is at rest; main thread
+  QBasicTimer window_;      // runs unless the queue is idle; main thread
   bool continues_ = false;  // an event is on its way that goes on with the steps; main thread
 
   // A lock of our own orders the steps for every observer, ThreadSanitizer included, which can't
   // see into Qt's; Qt only wakes the main thread.
   std::mutex mutex_;
   std::deque<Step> steps_;
-  bool is_at_rest_ = true;  // the next step has to wake the main thread
+  bool is_idle_ = true;  // the next step has to wake the main thread
 };
 
 }  // namespace qm5
