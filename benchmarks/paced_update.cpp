@@ -4,19 +4,21 @@
 //   update, bare    seconds from the first request's beginning to the last one's end
 //   boundary        microseconds from the end of one block's last request to the beginning of the
 //                   next block's first one: the median over all blocks
-//   wakeups         how often the main event loop was woken per second of the update
+//   within          the same between two writes of one block
+//   wakeups         how often the main thread was woken per second of the update
 //   percents        how many whole percents the bar has been painted at
 #include <sys/prctl.h>
+#include <unistd.h>
 
-#include <QAbstractEventDispatcher>
 #include <QProgressBar>
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
+#include <fstream>
 #include <set>
+#include <string>
 #include <vector>
 
 #include "benchmarks/watched_application.h"
@@ -95,19 +97,40 @@ class PacedQm5 final : public IOUSBDeviceStruct942 {
   std::vector<Request> requests_;  // the job's thread, until the update has ended
 };
 
-// The median time between two blocks in microseconds. A block ends with the reading of its reply,
-// and the next one begins with a write of data.
-double boundaryOf(const std::vector<PacedQm5::Request>& requests) {
-  std::vector<double> gaps;
-  for (std::size_t i = 1; i < requests.size(); ++i) {
-    const bool is_after_reply =
-        requests[i - 1].fields.wValue == 0x1F && requests[i - 1].fields.bmRequestType >= 0x80;
-    if (is_after_reply && requests[i].fields.wValue == 0x1F)
-      gaps.push_back(1e6 * secondsBetween(requests[i - 1].ended, requests[i].begun));
-  }
-  const auto middle = gaps.begin() + static_cast<std::ptrdiff_t>(gaps.size() / 2);
-  std::nth_element(gaps.begin(), middle, gaps.end());
+double median(std::vector<double> values) {
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
   return *middle;
+}
+
+struct Gaps {
+  std::vector<double> between_blocks;  // microseconds
+  std::vector<double> within_a_block;
+};
+
+// A block ends with the reading of its reply, and the next one begins with a write of data.
+Gaps gapsOf(const std::vector<PacedQm5::Request>& requests) {
+  Gaps gaps;
+  for (std::size_t i = 1; i < requests.size(); ++i) {
+    const auto& [before, begun, ended] = requests[i - 1];
+    const auto& now = requests[i];
+    if (before.wValue != 0x1F || now.fields.wValue != 0x1F) continue;
+    auto& kind = before.bmRequestType >= 0x80 ? gaps.between_blocks : gaps.within_a_block;
+    kind.push_back(1e6 * secondsBetween(ended, now.begun));
+  }
+  return gaps;
+}
+
+// How often the main thread has given up its core to wait, so far.
+long waitsOfMainThread() {
+  const std::string process = std::to_string(getpid());
+  std::ifstream status("/proc/" + process + "/task/" + process + "/status");
+  const std::string wanted = "voluntary_ctxt_switches:";
+  std::string name;
+  while (status >> name && name != wanted) status.ignore(4096, '\n');
+  long count = -1;
+  status >> count;
+  return count;
 }
 
 // How many whole percents the bar has been painted at.
@@ -135,22 +158,22 @@ class PacedUpdate final : public WatchedApplication {
   void repeat() {
     const auto& requests = device_.requests();
     update_ = secondsBetween(requests.front().begun, requests.back().ended);
-    wakeups_ = sleeps_.load();
-    boundary_ = boundaryOf(requests);
+    wakeups_ = static_cast<double>(waitsOfMainThread() - waits_before_) / update_;
+    gaps_ = gapsOf(requests);
     bare_ = device_.repeatAll();
   }
 
  protected:
   void updateBegan() override {
-    auto* const dispatcher = QAbstractEventDispatcher::instance();
-    QObject::connect(dispatcher, &QAbstractEventDispatcher::aboutToBlock, [this] { ++sleeps_; });
+    waits_before_ = waitsOfMainThread();
     bar_ = std::make_unique<PaintedPercents>();
   }
   void updateEnded() override {
     std::fprintf(stderr,
-                 "{\"update\": %.6f, \"bare\": %.6f, \"boundary\": %.2f, \"wakeups\": %.1f, "
-                 "\"percents\": %zu}\n",
-                 update_, bare_, boundary_, static_cast<double>(wakeups_) / update_, bar_->count());
+                 "{\"update\": %.6f, \"bare\": %.6f, \"boundary\": %.2f, \"within\": %.2f, "
+                 "\"wakeups\": %.1f, \"percents\": %zu}\n",
+                 update_, bare_, median(gaps_.between_blocks), median(gaps_.within_a_block),
+                 wakeups_, bar_->count());
   }
 
  private:
@@ -158,9 +181,9 @@ class PacedUpdate final : public WatchedApplication {
   std::unique_ptr<PaintedPercents> bar_;
   double update_ = 0;
   double bare_ = 0;
-  double boundary_ = 0;
-  std::atomic<long> sleeps_ = 0;  // of the main event loop, since the update began
-  long wakeups_ = 0;
+  Gaps gaps_;
+  long waits_before_ = 0;
+  double wakeups_ = 0;
 };
 
 }  // namespace

@@ -35,7 +35,15 @@ class WatchedApplication : public QtApplication, public FilePackage {
     setWakefulness(new SleepInhibitor);
     MainStoryboard storyboard = mainStoryboard();
     storyboard.makeMainController = [make = storyboard.makeMainController](const auto& window) {
-      QTimer::singleShot(300, [] { qobject_cast<QPushButton*>(findWidget("btnNext"))->click(); });
+      auto* const presses = new QTimer;
+      QObject::connect(presses, &QTimer::timeout, [presses] {
+        auto* const next = qobject_cast<QPushButton*>(findWidget("btnNext"));
+        if (!next->isEnabled()) return;
+        presses->stop();
+        presses->deleteLater();
+        next->click();
+      });
+      presses->start(300);
       return make(window);
     };
     return applicationMain(argc, argv, storyboard);
