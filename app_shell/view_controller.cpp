@@ -201,10 +201,8 @@ void ViewController::checkAfterPowerCycle() {
 void ViewController::callbackUpdateProgress(std::string_view, double progress) {
   ++stepsOfRun;
   if (!isProgressDisplay) return;
-  const auto device = USB_Handle->deviceInfo();
-  const ProgressStep step = {.number = stepsOfRun,
-                             .percent = progress,
-                             .device = device ? std::optional(device->id) : std::nullopt};
+  const ProgressStep step = {
+      .number = stepsOfRun, .percent = progress, .device = USB_Handle->deviceId()};
   application().mainQueueAsync([self = shared_from_this(), step] { self->showProgress(step); });
 }
 

@@ -1,11 +1,13 @@
 #include "platform/line_recorder.h"
 
+#include <mutex>
+
 #include "platform/fatal.h"
 
 namespace qm5 {
 namespace {
 
-std::mutex recorder_mutex;  // taken before a recorder's own
+std::mutex recorder_mutex;  // for the recorder's lines as well
 LineRecorder* recorder = nullptr;
 
 }  // namespace
@@ -22,7 +24,7 @@ LineRecorder::~LineRecorder() {
 }
 
 std::vector<std::string> LineRecorder::lines() const {
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(recorder_mutex);
   std::vector<std::string> lines;
   if (left_out_ > 0) lines.push_back(std::to_string(left_out_).append(" earlier lines left out"));
   lines.insert(lines.end(), lines_.begin(), lines_.end());
@@ -32,7 +34,6 @@ std::vector<std::string> LineRecorder::lines() const {
 void recordLine(std::string_view line) {
   const std::lock_guard lock(recorder_mutex);
   if (recorder == nullptr) return;
-  const std::lock_guard own_lock(recorder->mutex_);
   recorder->lines_.emplace_back(line);
   if (recorder->lines_.size() <= LineRecorder::kLinesKept) return;
   recorder->lines_.pop_front();

@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <deque>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -29,7 +28,6 @@ class LineRecorder {
  private:
   friend void recordLine(std::string_view line);
 
-  mutable std::mutex mutex_;
   std::deque<std::string> lines_;
   std::size_t left_out_ = 0;
 };

@@ -7,15 +7,15 @@
 #include <cstddef>
 #include <map>
 #include <optional>
-#include <string>
+#include <string_view>
 
 #include "platform/bytes.h"
 
 namespace qm5 {
 
-/// A decoded reply: values by name. "result" is the task's 4-bit result code. Empty only when
-/// sfwd() got no reply.
-using ReplyDictionary = std::map<std::string, std::size_t, std::less<>>;
+/// A decoded reply: values by name, which is a literal. "result" is the task's 4-bit result code.
+/// Empty only when sfwd() got no reply.
+using ReplyDictionary = std::map<std::string_view, std::size_t>;
 
 /// The value under "result"; empty when the reply has none.
 std::optional<std::size_t> resultOf(const ReplyDictionary& reply);
