@@ -9,25 +9,31 @@
 #include "platform/system_log.h"
 
 namespace qm5 {
+namespace {
+
+// As laid out: the title of the update before has said how far that one came.
+constexpr std::string_view kTitleAtFirst = "Preparing the update …";
+
+// When the job looks for the QM5. Until then, one that comes is as good as one that has left.
+constexpr double kLooksAfter = 1;  // second
+
+}  // namespace
 
 ProgressViewController::ProgressViewController(std::shared_ptr<DeviceStatusPresenter> bus)
     : bus_(std::move(bus)) {}
 
 void ProgressViewController::updateBegan(std::size_t chunks) {
   is_up_ = true;
-  is_begun_ = false;
+  start_ = processClock().now();
+  device_.reset();
   replacement_.reset();
-  pace_ = UpdatePace(processClock().now(), chunks);
+  pace_ = UpdatePace(start_, chunks);
+  required(txtTitle2.lock(), "no txtTitle2").setStringValue(kTitleAtFirst);
   required(sleepStatus.lock(), "no sleepStatus").setStatus(StatusKind::caution, "");
   showPace();
 }
 
 void ProgressViewController::progressed(const ProgressStep& step) {
-  if (!std::exchange(is_begun_, true)) {
-    device_ = step.device;
-    const DeviceState state = bus_->state();
-    location_ = state.used == device_ ? state.location : "";
-  }
   const double now = processClock().now();
   pace_.progressed(step.number, now);
   if (pace_.phase(now) != phase_) showPace();
@@ -43,7 +49,7 @@ void ProgressViewController::busChanged() {
 
 void ProgressViewController::showPace() {
   const double now = processClock().now();
-  pace_.deviceIs(updatedDevice());
+  pace_.deviceIs(updatedDevice(now));
   phase_ = pace_.phase(now);
   required(txtElapsed.lock(), "no txtElapsed").setStringValue(pace_.elapsed(now));
   required(txtRemaining.lock(), "no txtRemaining").setStringValue(pace_.remaining(now));
@@ -52,12 +58,16 @@ void ProgressViewController::showPace() {
       .setStatus(StatusKind::caution, pace_.warning(now));
 }
 
-UpdatedDevice ProgressViewController::updatedDevice() {
+UpdatedDevice ProgressViewController::updatedDevice(double now) {
   const DeviceState state = bus_->state();
   if (!state.used) return UpdatedDevice::away;
-  if (!is_begun_ || state.used == device_) return UpdatedDevice::there;
+  if (!device_ || now - start_ < kLooksAfter) {
+    device_ = state.used;
+    location_ = state.location;
+  }
+  if (state.used == device_) return UpdatedDevice::there;
   // Both were there at once: it is another one for good, even when the first one leaves.
-  if (device_ && state.present.contains(*device_)) replacement_ = state.used;
+  if (state.present.contains(*device_)) replacement_ = state.used;
   const bool is_same_port =
       location_.empty() || state.location.empty() || state.location == location_;
   return is_same_port && state.used != replacement_ ? UpdatedDevice::cameBack

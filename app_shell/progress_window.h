@@ -18,9 +18,8 @@ namespace qm5 {
 
 /// A step of an update as the job reports it.
 struct ProgressStep {
-  std::size_t number;                   ///< among the steps of its update, from 1
-  double percent;                       ///< 0.0 to 100.0
-  std::optional<std::uint64_t> device;  ///< the one that the link used at this step
+  std::size_t number;  ///< among the steps of its update, from 1
+  double percent;      ///< 0.0 to 100.0
 };
 
 /// All on the main thread.
@@ -66,16 +65,16 @@ class ProgressViewController final : public BaseViewController,
  private:
   void ask(bool unasked);
   void goOn();
-  UpdatedDevice updatedDevice();
+  UpdatedDevice updatedDevice(double now);
 
   const std::shared_ptr<DeviceStatusPresenter> bus_;
   bool is_up_ = false;
+  double start_ = 0;
   UpdatePace pace_{0, 0};
   std::string_view phase_;                    // as shown
   std::optional<std::uint64_t> device_;       // that this update was begun with
   std::string location_;                      // where that one was; empty: not known
   std::optional<std::uint64_t> replacement_;  // came while that one was there, and is used
-  bool is_begun_ = false;                     // a step was reported
   bool is_asking_ = false;
   std::vector<std::function<void()>> waiting_;  // for the answer
 };

@@ -11,7 +11,7 @@ namespace qm5 {
 
 /// What has become of the QM5 that the update was begun with.
 enum class UpdatedDevice {
-  there,     ///< the link uses it; also before the update was begun, while the link has any
+  there,     ///< the link uses it; also before the job looks for one, while the link has any
   away,      ///< the link has no device
   cameBack,  ///< it has left, and the link uses one that arrived since at the same USB port
   replaced,  ///< the link uses another one: from another port, or that came while it was there

@@ -201,8 +201,7 @@ void ViewController::checkAfterPowerCycle() {
 void ViewController::callbackUpdateProgress(std::string_view, double progress) {
   ++stepsOfRun;
   if (!isProgressDisplay) return;
-  const ProgressStep step = {
-      .number = stepsOfRun, .percent = progress, .device = USB_Handle->deviceId()};
+  const ProgressStep step = {.number = stepsOfRun, .percent = progress};
   application().mainQueueAsync([self = shared_from_this(), step] { self->showProgress(step); });
 }
 

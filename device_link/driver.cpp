@@ -39,11 +39,6 @@ std::optional<USBDevice> Driver::deviceInfo() const {
   return device_info_;
 }
 
-std::optional<std::uint64_t> Driver::deviceId() const {
-  const std::lock_guard lock(mutex_);
-  return device_info_ ? std::optional(device_info_->id) : std::nullopt;
-}
-
 void Driver::usbConnected(const Notification& notification) {
   const auto* device = objectValue<USBDevice>(notification, "device");
   if (device == nullptr) return;

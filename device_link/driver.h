@@ -28,8 +28,6 @@ class Driver {
 
   /// The attached device; of several the one announced last; empty when there is none. Any thread.
   std::optional<USBDevice> deviceInfo() const;
-  /// Its id alone, without a copy of its texts: for what asks with every block. Any thread.
-  std::optional<std::uint64_t> deviceId() const;
 
   /// Observe the monitor's notifications, on the thread that posts them. A notification without
   /// the expected object is ignored.

@@ -127,11 +127,11 @@ TEST_F(Bus, ShowsInTheProgressWindowAtOnceWhatBecomesOfItsDevice) {
     content.updateBegan(100);
     EXPECT_EQ(shownIn("txtPhase"), "Preparing the update.");
     EXPECT_EQ(shownIn("sleepStatus"), "");
-    content.progressed({.number = 1, .percent = 1, .device = id});
+    content.progressed({.number = 1, .percent = 1});
     EXPECT_EQ(shownIn("txtPhase") + "\n", kWriting.substr(1)) << "at once";
-    content.progressed({.number = 2, .percent = 0, .device = id});
+    content.progressed({.number = 2, .percent = 0});
     clock.sleep(50);
-    content.progressed({.number = 27, .percent = 25, .device = id});
+    content.progressed({.number = 27, .percent = 25});
     application.progress->tick();
     EXPECT_EQ(shownIn("txtElapsed"), "Elapsed: 0:50");
     EXPECT_EQ(shownIn("txtRemaining"), "About 3 minutes left to write");

@@ -146,7 +146,7 @@ class Windows : public LinkedDevice {
     content.updateBegan(20);
     progress.showWindow();
     application_.look("progress, looking");
-    content.progressed({.number = 1, .percent = 1, .device = 7});
+    content.progressed({.number = 1, .percent = 1});
     const std::string longest = "Updating firmware version from DDDD -> 4208, (100.0 %)";
     content.txtTitle2.lock()->setStringValue(longest);
     content.progressBar.lock()->setDoubleValue(37.5);
@@ -154,7 +154,7 @@ class Windows : public LinkedDevice {
                                                {"waiting", 6000.0, std::size_t{0}},
                                                {"checking", 0.0, std::size_t{22}}}) {
       clock.sleep(seconds);
-      if (step > 0) content.progressed({.number = step, .percent = 50, .device = 7});
+      if (step > 0) content.progressed({.number = step, .percent = 50});
       content.showPace();
       application_.look(std::string("progress, ") + state);
     }

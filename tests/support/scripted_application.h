@@ -43,9 +43,17 @@ class ScriptedMainThread {
     if (std::this_thread::get_id() == thread_) return action();
     async(std::move(action));
   }
-  /// What the texts beside the run show, by outlet; no lines, as they follow bus and clock. Two
-  /// windows have a "deviceStatus": the progress window's is "progress deviceStatus".
-  std::map<std::string, std::string> shown;
+  /// Calls `look` on the calling thread while the main one has nothing to do and waits for its
+  /// next step, so that what it shows can be read. Any other thread.
+  void whenIdle(const std::function<void()>& look) {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return idle_ && steps_.empty(); });
+    look();
+  }
+  /// What each outlet shows; also "alert", "finish" with all texts of that dialog, and "progress"
+  /// while that window is up. Two windows have a "deviceStatus": the progress window's is
+  /// "progress deviceStatus".
+  std::map<std::string, std::string, std::less<>> shown;
   AlertCompletion sheet;  ///< of the alert that is up
   bool sheet_came_unasked = false;
 
@@ -56,7 +64,11 @@ class ScriptedMainThread {
   bool serveUntil(const std::function<bool()>& ended, std::chrono::seconds patience = kPatience) {
     while (!ended()) {
       std::unique_lock lock(mutex_);
-      if (!changed_.wait_for(lock, patience, [this] { return !steps_.empty(); })) return false;
+      idle_ = true;
+      if (steps_.empty()) changed_.notify_all();
+      const bool comes = changed_.wait_for(lock, patience, [this] { return !steps_.empty(); });
+      idle_ = false;
+      if (!comes) return false;
       const auto step = std::move(steps_.front());
       steps_.pop_front();
       lock.unlock();
@@ -71,6 +83,7 @@ class ScriptedMainThread {
   Transcript& transcript_;
   const std::thread::id thread_ = std::this_thread::get_id();
   std::deque<std::function<void()>> steps_;
+  bool idle_ = false;
 };
 
 /// Every control of a layout in one: notes what is set on it.
@@ -88,16 +101,18 @@ class ScriptedControl final : public Button,
   void setEnabled(bool enabled) override {
     main_thread_.noteOnMain(name_ + (enabled ? " enabled" : " disabled"));
   }
-  void setHidden(bool hidden) override { main_thread_.shown[name_] = hidden ? "" : "shown"; }
+  void setHidden(bool hidden) override { shown_ = hidden ? "" : "shown"; }
   void setStringValue(std::string_view text) override {
     static const std::set<std::string> kBeside = {"txtElapsed", "txtRemaining", "txtPhase",
                                                   "txtPackagedVersion"};
-    if (kBeside.contains(name_)) return setStatus({}, text);
-    main_thread_.noteOnMain(name_ + ": " + std::string(text));
+    setStatus({}, text);
+    // No lines of these, as they follow bus and clock.
+    if (!kBeside.contains(name_)) main_thread_.noteOnMain(name_ + ": " + shown_);
   }
   void setStatus(StatusKind, std::string_view text) override { shown_ = text; }
   void setDoubleValue(double value) override {
-    main_thread_.noteOnMain(name_ + ": " + std::to_string(value));
+    shown_ = std::to_string(value);
+    main_thread_.noteOnMain(name_ + ": " + shown_);
   }
 
  private:
@@ -135,7 +150,10 @@ class ScriptedWindow final : public Window, public std::enable_shared_from_this<
     frame_.origin = origin;
     noteOnMain("at" + describe(frame_));
   }
-  void setTitle(std::string_view title) override { noteOnMain("titled " + std::string(title)); }
+  void setTitle(std::string_view title) override {
+    noteOnMain("titled " + std::string(title));
+    display(std::string(title));
+  }
   std::optional<Size> contentViewSize() override { return content_size_; }
   std::shared_ptr<Button> button(std::string_view outlet) override { return control(outlet); }
   std::shared_ptr<TextField> textField(std::string_view outlet) override { return control(outlet); }
@@ -166,20 +184,26 @@ class ScriptedWindow final : public Window, public std::enable_shared_from_this<
     if (const auto bold = label.boldSystemFontOfSize)
       line.append(" bold ").append(std::to_string(static_cast<int>(*bold)));
     main_thread_.noteOnMain(line.append(label.wraps ? " wraps " : " ").append(label.text));
+    display(label.text);
   }
   void addSubview(const PushButton& button) override {
     EXPECT_EQ(button.bezelStyle, BezelStyle::rounded);
     main_thread_.noteOnMain("button" + describe(button.frame) + " " + button.title);
+    display(button.title);
     actions_[button.title] = button.action;
   }
   std::shared_ptr<StatusIndicator> growStatusIndicator() override {
     return has_room ? control("powerCycle") : nullptr;
   }
-  void show() override { noteOnMain("shown"); }
+  void show() override {
+    noteOnMain("shown");
+    display("up");
+  }
   void makeKeyAndOrderFront() override { noteOnMain("in front"); }
   void close() override {
     main_thread_.note(name_ + " closed");
     main_thread_.perform([self = shared_from_this()] {
+      self->main_thread_.shown[self->name_].clear();
       if (self->will_disappear_) self->will_disappear_();
     });
   }
@@ -195,15 +219,17 @@ class ScriptedWindow final : public Window, public std::enable_shared_from_this<
     for (const std::string& button : alert.otherButtons)
       line.append(" [").append(button).append("]");
     main_thread_.note(line);
-    main_thread_.perform([this, completion, unasked = alert.comesUnasked] {
+    main_thread_.perform([this, completion, alert] {
+      main_thread_.shown["alert"] = alert.messageText + "|" + alert.informativeText;
       main_thread_.sheet = completion;
-      main_thread_.sheet_came_unasked = unasked;
+      main_thread_.sheet_came_unasked = alert.comesUnasked;
     });
   }
   void showText(const TextReport& report) override { main_thread_.shown["text"] = report.text; }
 
  private:
   void noteOnMain(const std::string& what) { main_thread_.noteOnMain(name_ + " " + what); }
+  void display(const std::string& text) { main_thread_.shown[name_].append(text).append("|"); }
   std::shared_ptr<ScriptedControl> control(std::string_view outlet) {
     if (missing_outlets.contains(outlet)) return nullptr;
     auto& control = controls_[std::string(outlet)];
@@ -252,6 +278,7 @@ class ScriptedApplication final : public Application,
   /// Answers the alert that is up.
   void answer(int response) {
     ASSERT_TRUE(sheet);
+    shown["alert"].clear();
     std::exchange(sheet, nullptr)(response);
   }
 

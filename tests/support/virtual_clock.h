@@ -14,7 +14,8 @@ class VirtualClock final : public Clock {
   VirtualClock() { setProcessClock(this); }
   ~VirtualClock() override { setProcessClock(nullptr); }
 
-  /// Called during each sleep, on the sleeping thread.
+  /// Called on the sleeping thread: at the beginning of each sleep, and when its time has passed.
+  std::function<void()> before_sleep;
   std::function<void(double)> during_sleep;
 
   /// Returns the sleeps since the last call, in seconds.
@@ -23,12 +24,19 @@ class VirtualClock final : public Clock {
     return std::exchange(sleeps_, {});
   }
 
+  /// Lets time pass while nobody sleeps.
+  void pass(double seconds) {
+    const std::lock_guard lock(mutex_);
+    now_ += seconds;
+  }
+
   // The port.
   double now() override {
     const std::lock_guard lock(mutex_);
     return now_;
   }
   void sleep(double seconds) override {
+    if (before_sleep) before_sleep();
     {
       const std::lock_guard lock(mutex_);
       sleeps_.push_back(seconds);

@@ -43,8 +43,8 @@ class WholeApp {
       if (during_finish_dialog) during_finish_dialog();
     };
     // A job's first second is enough for the progress window to come up.
+    clock.before_sleep = [this] { application.waitUntilModal(); };
     clock.during_sleep = [this](double) {
-      application.waitUntilModal();
       if (during_sleep) during_sleep();
     };
     start();
@@ -68,11 +68,13 @@ class WholeApp {
     application.main->press("btnNext");
     if (!ended_) application.runUntilAlert();
     Outcome outcome = read(transcript.take());
+    if (!ended_ && during_alert) during_alert();
     if (!ended_) application.answer(kAlertFirstButtonReturn);
     const Lines ready = {"log: OK pressed", "btnExit enabled", "btnNext enabled"};
     EXPECT_EQ(transcript.take(), ended_ ? Lines{} : ready);
     clock.takeSleeps();
     if (ended_) {
+      for (const char* text : {"finish", "powerCycle"}) application.shown[text].clear();
       end();
       start();
     }
@@ -82,6 +84,7 @@ class WholeApp {
   Transcript transcript;
   VirtualClock clock;
   std::function<void()> during_sleep;
+  std::function<void()> during_alert;
   std::function<void()> during_finish_dialog;
   DirectBus bus;
   ScriptedApplication application{transcript};
