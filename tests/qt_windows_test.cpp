@@ -72,8 +72,9 @@ class QtWindows : public testing::Test {
                       [this](int response) { note(std::to_string(response)); });
     QTest::qWait(1);
   }
-  static QWidget* show(Window& window) {
+  QWidget* show(Window& window) {
     window.show();
+    clock_.sleep(0.5);  // nobody sees it yet
     QTest::qWait(1);
     return QApplication::activeWindow();
   }
