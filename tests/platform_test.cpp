@@ -9,6 +9,7 @@
 #include <chrono>
 #include <clocale>
 #include <csignal>
+#include <new>
 #include <sstream>
 #include <thread>
 
@@ -99,6 +100,28 @@ TEST(Text, WritesNumbersAlikeInEveryLocale) {
   EXPECT_EQ(upperHex(0xABC0), "ABC0");
   EXPECT_EQ(upperHexByte(0x0A), "0A");
   EXPECT_EQ(lowerHexByte(0xA0), "a0");
+}
+
+// What other threads may be reading must not move.
+TEST(Environment, StaysWhereItIsWhenAnActivationTokenComes) {
+  std::vector<std::string> behind;  // so that it can't grow where it is
+  for (int others = 0; others < 20; ++others) {
+    setenv(("QM5_TEST" + std::to_string(others)).c_str(), "", 1);
+    setEnvironment();
+    behind.emplace_back(1000, '.');
+    const char* const* const before = environ;
+    setenv("XDG_ACTIVATION_TOKEN", "token", 1);
+    EXPECT_EQ(environ, before) << others;
+    unsetenv("XDG_ACTIVATION_TOKEN");
+  }
+}
+
+TEST(StartResources, KeepMemoryForTheFirstAllocationThatFindsNone) {
+  requireStartResources();
+  const std::new_handler find_memory = std::get_new_handler();
+  ASSERT_NE(find_memory, nullptr);
+  find_memory();
+  EXPECT_THROW(find_memory(), std::bad_alloc);
 }
 
 class TerminationDeathTest : public testing::TestWithParam<int> {};
