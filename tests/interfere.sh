@@ -15,7 +15,7 @@ fi
 . "$(dirname "$0")/../tools/virtual_screen.sh"
 
 readonly program=$work/bin/qm5-updater success="Firmware update successful!"
-readonly locks=sleep:idle:handle-lid-switch
+readonly locks=shutdown:sleep:idle:handle-power-key:handle-suspend-key:handle-lid-switch
 install -D "$bin/qm5-updater" "$program"
 cp -r "$bin/../share" "$work"
 cp "$image" "$work"/share/qm5-updater/*.bin
