@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <new>
+#include <string>
 
 #include "app_shell/main_storyboard.h"
 #include "app_shell/package/file_package.h"
@@ -25,21 +26,24 @@ void setAdapters() {
   setUSBRegistry(&LibusbRegistry::create());
   setApplicationPackage(new FilePackage);
   setWakefulness(new SleepInhibitor);
-  setApplication(new QtApplication);
+  setApplication(new QtApplication(holdTermination));
 }
 
 int run(int argc, char** argv) {
-  blockTerminationSignals();
+  const std::string token = activationToken();
+  setEnvironment();
   requireStartResources();
-  auto claimed = claimBus(activationToken());
-  setAdapters();
+  auto claimed = claimBus(token);
   if (const auto* in_use = std::get_if<BusInUse>(&claimed)) {
+    setApplication(new QtApplication);
     showAlreadyRunning(argc, argv, *in_use);
     return 0;
   }
+  blockTerminationSignals();
+  setAdapters();
   followTerminationSignals([] { application().requestTermination(terminationDeclined); });
-  std::get<BusClaim>(claimed).followLaterStarts([](const std::string& token) {
-    application().mainQueueAsync([token] { application().activate(token); });
+  std::get<BusClaim>(claimed).followLaterStarts([](const std::string& later_token) {
+    application().mainQueueAsync([later_token] { application().activate(later_token); });
   });
   return application().applicationMain(argc, argv, mainStoryboard());
 }

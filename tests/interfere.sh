@@ -2,119 +2,130 @@
 # The program on a virtual screen, and what it has to do with the rest of the computer: it keeps
 # it awake, it is started again, signals want it to end, its streams are odd, its screen goes.
 # With QM5_LONG, it is killed and started again 300 times instead of 5.
-# usage: tests/interfere.sh BIN_FOLDER IMAGE LOGIND
+# usage: tests/interfere.sh BIN_FOLDER IMAGE LOGIND [PART]
+# All parts run at the same time, each on a screen of its own. IMAGE, a small one, is installed in
+# place of the packaged one.
 set -euo pipefail
-readonly bin=$1 image=$2 logind=$3
+readonly bin=$1 image=$2 logind=$3 part=${4-}
+if [ -z "$part" ]; then
+  for each in long_run odd_streams signals killed lost_display; do "$0" "$@" $each & done
+  for each in $(jobs -p); do wait "$each" || status=$?; done
+  exit "${status-0}"
+fi
 . "$(dirname "$0")/../tools/virtual_screen.sh"
 
-readonly program=$bin/qm5-updater success="Firmware update successful!"
+readonly program=$work/bin/qm5-updater success="Firmware update successful!"
+readonly locks=shutdown:sleep:idle:handle-power-key:handle-suspend-key:handle-lid-switch
+install -D "$bin/qm5-updater" "$program"
+cp -r "$bin/../share" "$work"
+cp "$image" "$work"/share/qm5-updater/*.bin
 
 # start OPTION...: sets $simulator and $updater, once the main window is there and has the keyboard.
 start() {
-  "$bin/qm5-simulator" "$@" -- "$program" >"$work/lines" 2>&1 &
+  "$bin/qm5-simulator" --attach-after 1000 "$@" -- "$program" >"$work/lines" 2>&1 &
   simulator=$!
   on_screen "QM5 Updater"
-  updater=$(cat "/proc/$simulator/task/$simulator/children")
-  updater=${updater% }
+  updater=$(child_of $simulator)
 }
+
+# plug SIMULATOR...: plugs QM5s in, waits until the programs have found them, and then has all stand
+# still: a simulator that is stopped answers nothing.
+plug() {
+  kill -USR2 "$@"
+  for each in "$@"; do await "the QM5 was not found" opened "$(child_of "$each")"; done
+  kill -STOP "$@"
+}
+opened() { find "/proc/$1/fd" -lname "*/dev/bus/usb/*" | grep .; }
 
 gone() { ! kill -0 "$1"; }
-# ended STATUS [SECONDS]: waits until the program has ended with that status.
 ended() {
-  within "${2-10}" gone "$simulator" || fail "the program does not end"
-  grep -q "the program ended with $1" "$work/lines" || fail "the program did not end with $1"
+  await "the program does not end" gone "$simulator"
+  wrote "the program ended with 0" >/dev/null || fail "the program did not end with 0"
 }
 
-count() { { window "$1" || true; } | wc -l; }
-shown() { [ "$(count "$1")" = "$2" ]; }
+shown() { [ "$({ window "$1" || true; } | wc -l)" = "$2" ]; }
 active() { [ "$(xdotool getactivewindow getwindowname)" = "$1" ] && shown "$1" "$2"; }
-wrote() { grep -c "Writing SFWd chunk" "$work/lines" || true; }
-wrote_more_than() { [ "$(wrote)" -gt "$1" ]; }
+wrote() { grep -c "$1" "$work/lines"; }
+wrote_more() { [ "$(wrote chunk)" -gt "$1" ]; }
+
+# Leaves an update near its beginning, standing still.
 begin_update() {
+  plug "$simulator"
   xdotool key alt+n # Next, wherever the focus is
-  within 30 wrote_more_than 5 || fail "no update began"
+  await "no update began" goes_on_to wrote chunk
+  kill -STOP "$simulator"
 }
+goes_on_to() { kill -CONT "$simulator"; "$@"; }
 
-# Starts the program again on the bus of the one that runs.
+# presses KEY ID CONDITION...: once more where the condition does not hold yet, as a window that has
+# come up by itself takes no presses at first. The window behind it must not mind that key.
+presses() { "${@:3}" || { xdotool windowfocus "$2" key "$1" && false; }; }
+top() { window "$1" | tail -n 1; }
+
+# Starts the program again on the bus of the one that runs, in the place of this shell.
 start_again() {
-  local environment
-  mapfile -t environment < <(tr '\0' '\n' <"/proc/$updater/environ" | grep -E '^(LD_PRE|UMOCK)')
-  timeout 5 env "${environment[@]}" "$program" || fail "a second start ended with $?"
+  mapfile -t bus < <(tr '\0' '\n' <"/proc/$updater/environ" | grep -E '^(LD_PRE|UMOCK)')
+  exec timeout 20 env "${bus[@]}" "$@" "$program"
 }
+again() { (start_again) || fail "a second start ended with $?"; }
 
-# minimise_all: whether no window is left; one that has just come up may take the wish no earlier.
 minimise_all() {
-  local id
-  for id in $(xdotool search --onlyvisible --name QM5); do xdotool windowminimize "$id" || true; done
+  for id in $(window ".*QM5.*"); do xdotool windowminimize "$id" || true; done
   shown ".*QM5.*" 0
 }
-
 # minimised TITLE COUNT: minimises all windows; a second start brings them back, one of that title,
 # of which there are so many, with the keyboard.
 minimised() {
-  within 10 minimise_all || fail "windows can't be minimised beside \"$1\""
-  start_again
-  within 10 active "$1" "$2" || fail "a second start did not bring \"$1\" back"
+  await "windows can't be minimised beside \"$1\"" minimise_all
+  again
+  await "a second start did not bring \"$1\" back" active "$1" "$2"
 }
 
-# question SIGNAL: sends it in the middle of a run, which has to go on under the question.
+# question SIGNAL: sends it in the middle of a run, which has to go on under the question, awake.
 question() {
-  sleep 0.2 # signals that come together count as one
   kill "-$1" "$updater"
-  # The alert has the title of its window.
-  within 10 shown "Updating the QM5" 2 || fail "$1 led to no question"
-  within 10 wrote_more_than "$(wrote)" || fail "$1 stopped the update"
+  await "$1 led to no question" shown "Updating the QM5" 2 # it has the title of its window
+  await "$1 stopped the update" goes_on_to wrote_more "$(wrote chunk)"
+  kill -STOP "$simulator"
+  ! grep -qs released "$work/awake" || fail "not awake under the question"
 }
 
-# The inhibitor that is taken with a press of Next.
-awake() {
-  within 10 grep -q "^Inhibit:sleep:idle:handle-lid-switch:QM5 Updater:.*:block$" "$work/awake" ||
-    fail "$1: not awake"
+start_logind() {
+  export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/bus
+  dbus-daemon --session --nofork --address="$DBUS_SYSTEM_BUS_ADDRESS" 2>/dev/null &
+  await "no bus came" test -S "$work/bus"
+  "$logind" >>"$work/awake" &
+  await "no logind came" grep -q ready "$work/awake"
+  : >"$work/awake"
 }
-still_awake() { ! grep -q released "$work/awake" || fail "$1: not awake any more"; }
-released() {
-  within 10 grep -q "^released$" "$work/awake" || fail "$1: still awake"
+# awake_until EVENT COMMAND...: an inhibitor has been taken with the press of Next, and is released
+# once the command has succeeded.
+awake_until() {
+  await "$1: not awake" grep "^Inhibit:$locks:QM5 Updater:.*:block$" "$work/awake"
+  await "$1 did not come" "${@:2}"
+  await "$1: still awake" grep -q "^released$" "$work/awake"
   [ "$(wc -l <"$work/awake")" = 2 ] || fail "$1: $(cat "$work/awake")"
   : >"$work/awake"
 }
 
-start_screen
-export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/bus
-dbus-daemon --session --nofork --address="$DBUS_SYSTEM_BUS_ADDRESS" &
-within 10 test -S "$work/bus" || fail "no bus came"
-"$logind" >>"$work/awake" &
-within 10 grep -q ready "$work/awake" || fail "no logind came"
-: >"$work/awake"
-
-one_long_run() {
-  start --attach-after 1000 --image "$image" --latency-ms 1
+long_run() {
+  start_logind
+  start --image "$image" --latency-ms 20
   minimised "QM5 Updater" 1
   xdotool key Return # Next
-  awake "no device"
-  within 10 shown "QM5 Updater" 2 || fail "no alert came"
-  released "no device"
+  awake_until "an alert" shown "QM5 Updater" 2
   minimised "QM5 Updater" 2
-  press Return # OK
-  within 10 shown "QM5 Updater" 1 || fail "the alert stayed"
-  kill -USR2 "$simulator" # plugs the QM5 in
-  sleep 1                 # a key that is pressed again sooner counts as held
+  await "the alert stayed" presses Escape "$(top "QM5 Updater")" shown "QM5 Updater" 1
   begin_update
-  awake success
-  kill -STOP "$updater"
-  start_again
-  kill -CONT "$updater"
+  hold "$simulator" again
   minimised "Updating the QM5" 1
   question TERM
   minimised "Updating the QM5" 2
-  press Escape # "Don't quit"
-  within 10 shown "Updating the QM5" 1 || fail "the question stayed"
+  await "no answer" presses Escape "$(top "Updating.*")" shown "Updating the QM5" 1
   question HUP # and nobody answers
-  still_awake success
-  within 60 window "$success" || fail "the update did not end"
-  released success
-  on_screen "$success"
-  press Return
-  ended 0
+  awake_until "success" goes_on_to window "$success"
+  await "the finish dialog stayed" presses Return "$(top "$success")" gone "$simulator"
+  ended
 }
 
 # A pipe of one page that nobody reads, a full disk, a limit of a file's size, closed streams: the
@@ -129,79 +140,71 @@ declare -A cases=(
   ["no streams"]='exec "$@" <&- >&- 2>&-'
 )
 odd_streams() {
-  local name id begun=0 left=${#cases[@]}
-  local -A simulators
+  local simulators=() begun=0 left=${#cases[@]}
   for name in "${!cases[@]}"; do
-    DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/none "$bin/qm5-simulator" --image "$image" -- \
-      bash -c "${cases[$name]}" "$work/limited" "$program" >"$work/${name// /_}" 2>&1 &
-    simulators[$name]=$!
+    "$bin/qm5-simulator" --attach-after 1000 --image "$image" -- \
+      bash -c "${cases[$name]}" "$work/limited" "$program" >"$work/streams.${name// /_}" 2>&1 &
+    simulators+=($!)
   done
-  within 30 shown "QM5 Updater" "$left" || fail "$(count "QM5 Updater") windows with odd streams"
+  await "not all windows came with odd streams" shown "QM5 Updater" "$left"
+  plug "${simulators[@]}"
   for id in $(window "QM5 Updater"); do
-    within 10 press_until runs $((++begun)) "$id" || fail "an update with odd streams did not begin"
+    await "an update with odd streams did not begin" presses Return "$id" shown "Updating the QM5" $((++begun))
   done
-  within 60 shown "$success" "$left" || fail "$(count "$success") updates with odd streams"
+  kill -CONT "${simulators[@]}"
+  await "not all updates succeeded with odd streams" shown "$success" "$left"
   for id in $(window "$success"); do
-    within 10 press_until shown_success $((--left)) "$id" || fail "a finish dialog stayed"
+    await "a finish dialog stayed" presses Return "$id" shown "$success" $((--left))
   done
-  for name in "${!cases[@]}"; do
-    within 10 gone "${simulators[$name]}" || fail "$name: no end"
-    wait "${simulators[$name]}" || fail "$name: $(cat "$work/${name// /_}")"
-  done
-}
-runs() { [ $(($(count "Updating the QM5") + $(count "$success"))) = "$1" ]; }
-shown_success() { shown "$success" "$1"; }
-# press_until CONDITION NUMBER WINDOW: once more, since a window that comes up takes the keyboard.
-press_until() {
-  "$1" "$2" || { xdotool windowfocus "$3" key Return && false; }
+  for each in "${simulators[@]}"; do wait "$each" || fail "$(tail -n 3 "$work"/streams.*)"; done
 }
 
-# Each time straight after a kill, while the killed one may still be on its way out.
-killed_and_started() {
+# Each time straight after a kill, while the killed one may still be on its way out: a look for its
+# window fails where that goes at the same moment.
+killed() {
   # shellcheck disable=SC2016 # the shell that is started expands them
-  "$bin/qm5-simulator" -- bash -c 'for _ in $(seq "$1"); do
+  timeout 500 "$bin/qm5-simulator" -- bash -ec 'for _ in $(seq "$1"); do
     "$0" & program=$!
-    looks=0 # one fails where a window goes that it looks at
-    until timeout 20 xdotool search --sync --onlyvisible --pid $program; do
-      kill -0 $program && [ $((++looks)) -lt 20 ] || exit 1
-    done
+    until timeout 20 xdotool search --sync --onlyvisible --pid $program; do kill -0 $program; done
     kill -9 $program
-  done 2>/dev/null' "$program" "$1" >"$work/lines" 2>&1 &
-  simulator=$!
-  within $((10 + $1)) gone "$simulator"
-  grep -q "the program ended with 0" "$work/lines" || fail "a killed program did not start again"
+  done' "$program" "$([ -z "${QM5_LONG-}" ] && echo 5 || echo 300)" >"$work/lines" 2>&1 ||
+    wrote "the program ended with 0" || fail "a killed program did not start again"
 }
 
 # Another updater on another bus takes no notice, and ends at a signal, as nothing runs there.
 signals() {
   start
+  (start_again DISPLAY="$DISPLAY.0") & # which counts as another display
+  local notice=$!
+  await "nothing says on which display the program is" shown "QM5 Updater" 2
+  kill -TERM $notice
+  await "the notice did not end at a signal" gone $notice
   kill -TERM "$updater"
-  ended 0
-  DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/none start --latency-ms 20
+  ended
+  start --latency-ms 20
   begin_update
   question HUP # a script's background ignores SIGINT
-  sleep 0.2
-  kill -TERM "$updater"
-  ended 0
-  [ "$(grep -c "may fall asleep" "$work/lines")" = 1 ] || fail "not one try to stay awake"
+  kill -CONT "$simulator"
+  await "a second signal did not end the program" insisted
+  ended
+  [ "$(wrote "may fall asleep")" = 1 ] || fail "not one try to stay awake"
 }
+insisted() { gone "$simulator" || { kill -TERM "$updater" && false; }; } # two at once count as one
 
-# The update goes on without anybody to tell, and the computer is kept awake for it.
+# The update goes on without anybody to tell, whatever signals say, and the computer is kept awake.
 lost_display() {
-  start --image "$image" --latency-ms 1
+  start_logind
+  start --image "$image" --latency-ms 20
   begin_update
+  question TERM
   kill "$screen"
-  within 10 wrote_more_than $(($(wrote) + 20)) || fail "the update ended with the display"
-  still_awake "lost display"
-  ended 0 60
-  # On standard output, and on standard error with the system log's line.
-  [ "$(grep -c "The display has gone. The update ended: $success" "$work/lines")" = 2 ] ||
-    fail "the outcome is not told"
-  released "lost display"
+  await "nothing says that the display has gone" wrote "The display has gone"
+  kill -HUP "$updater"
+  await "a signal ended the update" wrote "A signal wants the program to end"
+  awake_until "the outcome" goes_on_to wrote "The display has gone. The update ended: $success"
+  ended
 }
 
-odd_streams
-one_long_run
-signals
-killed_and_started "$([ -v QM5_LONG ] && echo 300 || echo 5)"
-lost_display
+export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/none
+start_screen
+"$part"

@@ -248,7 +248,9 @@ class Desk : public testing::Test {
   static QAbstractButton* button(const QString& title) {
     for (QWidget* widget : QApplication::allWidgets()) {
       auto* found = qobject_cast<QAbstractButton*>(widget);
-      if (found && found->text().remove('&') == title && found->isVisible()) return found;
+      if (found && found->text().remove('&') == title && found->isVisible() &&
+          found->window()->windowHandle()->isExposed())
+        return found;
     }
     return nullptr;
   }

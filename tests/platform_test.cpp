@@ -9,6 +9,7 @@
 #include <chrono>
 #include <clocale>
 #include <csignal>
+#include <new>
 #include <sstream>
 #include <thread>
 
@@ -99,6 +100,28 @@ TEST(Text, WritesNumbersAlikeInEveryLocale) {
   EXPECT_EQ(upperHex(0xABC0), "ABC0");
   EXPECT_EQ(upperHexByte(0x0A), "0A");
   EXPECT_EQ(lowerHexByte(0xA0), "a0");
+}
+
+// What other threads may be reading must not move.
+TEST(Environment, StaysWhereItIsWhenAnActivationTokenComes) {
+  std::vector<std::string> behind;  // so that it can't grow where it is
+  for (int others = 0; others < 20; ++others) {
+    setenv(("QM5_TEST" + std::to_string(others)).c_str(), "", 1);
+    setEnvironment();
+    behind.emplace_back(1000, '.');
+    const char* const* const before = environ;
+    setenv("XDG_ACTIVATION_TOKEN", "token", 1);
+    EXPECT_EQ(environ, before) << others;
+    unsetenv("XDG_ACTIVATION_TOKEN");
+  }
+}
+
+TEST(StartResources, KeepMemoryForTheFirstAllocationThatFindsNone) {
+  requireStartResources();
+  const std::new_handler find_memory = std::get_new_handler();
+  ASSERT_NE(find_memory, nullptr);
+  find_memory();
+  EXPECT_THROW(find_memory(), std::bad_alloc);
 }
 
 class TerminationDeathTest : public testing::TestWithParam<int> {};
@@ -240,36 +263,45 @@ INSTANTIATE_TEST_SUITE_P(
                     Command{"a missing value", {"-platform"}, 2}),
     named);
 
-// The claim of a bus that is this test's own.
-std::variant<BusClaim, BusInUse> claim(std::string_view token) {
+// A bus that is this test's own.
+const char* bus() {
   static char folder[] = "/dev/shm/qm5-bus-XXXXXX";
   static const char* const made = mkdtemp(folder);
   static const int at_end = std::atexit([] { rmdir(folder); });
   EXPECT_EQ(at_end, 0);
-  return claimBus(token, made);
+  return made;
 }
 
-// Kills the owner of the bus and claims it again at once.
+auto claim(std::string_view token) {
+  return claimBus(token, bus());
+}
+
+// A child that has claimed the bus, and waits to be killed once `use` has returned.
+pid_t claimInChild(void (*use)(BusClaim&)) {
+  int ready[2];
+  EXPECT_EQ(pipe(ready), 0);
+  bus();  // the same for both
+  const pid_t child = fork();
+  if (child == 0) {
+    auto claimed = claim("");
+    use(std::get<BusClaim>(claimed));
+    if (write(ready[1], "y", 1) == 1) pause();
+    _exit(7);
+  }
+  close(ready[1]);
+  char granted = 0;
+  EXPECT_EQ(read(ready[0], &granted, 1), 1);
+  close(ready[0]);
+  return child;
+}
+
 TEST(BusClaim, IsFreeStraightAfterItsOwnerWasKilled) {
   const int rounds = effort(20, 300);
   for (int round = 0; round < rounds; ++round) {
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    const pid_t owner = fork();
-    if (owner == 0) {
-      auto claimed = claim("");
-      const bool granted = std::holds_alternative<BusClaim>(claimed);
-      if (write(ready[1], granted ? "y" : "n", 1) != 1) _exit(7);
-      while (true) pause();
-    }
-    char granted = 0;
-    ASSERT_EQ(read(ready[0], &granted, 1), 1);
-    EXPECT_EQ(granted, 'y') << round;
+    const pid_t owner = claimInChild([](BusClaim&) {});
     kill(owner, SIGKILL);
     EXPECT_TRUE(std::holds_alternative<BusClaim>(claim(""))) << round;
     waitpid(owner, nullptr, 0);
-    close(ready[0]);
-    close(ready[1]);
   }
   report(std::to_string(rounds) + " times killed and started again: the bus was free each time");
 }
@@ -284,17 +316,23 @@ TEST(BusClaim, NamesAProgramThatKeepsTheBusAndDoesNotAnswer) {
 }
 
 TEST(BusClaim, IsAnsweredByItsOwnerWhoLearnsOfEachLaterStart) {
+  const pid_t impostor = claimInChild([](BusClaim& claim) {
+    claim.followLaterStarts([](const std::string&) {});
+    claim = BusClaim(Descriptor(), Descriptor());  // it answers all the same
+  });
   Notes notes;
   for (const char* variable : {"WAYLAND_DISPLAY", "DISPLAY"}) setenv(variable, ":7", 1);
   auto claimed = claim("");
   std::get<BusClaim>(claimed).followLaterStarts(
       [&](const std::string& token) { notes.note(token); });
-  EXPECT_EQ(std::get<BusInUse>(claim("token")).by, BusInUse::By::thisUser);
+  for (int starts = 0; starts < 20; ++starts)  // the impostor may be the first to answer
+    EXPECT_EQ(std::get<BusInUse>(claim("token")).by, BusInUse::By::thisUser);
   for (const char* variable : {"WAYLAND_DISPLAY", "DISPLAY"}) setenv(variable, ":8", 1);
   const auto elsewhere = std::get<BusInUse>(claim(""));
   EXPECT_EQ(elsewhere.by, BusInUse::By::thisUserElsewhere);
   EXPECT_EQ(elsewhere.name, ":7");
   EXPECT_EQ(notes.take()[0], "token");
+  kill(impostor, SIGKILL);
 }
 
 }  // namespace

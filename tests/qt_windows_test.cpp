@@ -72,8 +72,9 @@ class QtWindows : public testing::Test {
                       [this](int response) { note(std::to_string(response)); });
     QTest::qWait(1);
   }
-  static QWidget* show(Window& window) {
+  QWidget* show(Window& window) {
     window.show();
+    clock_.sleep(0.5);  // nobody sees it yet
     QTest::qWait(1);
     return QApplication::activeWindow();
   }
@@ -396,6 +397,11 @@ TEST(QtApplicationDeathTest, EndsWithItsLastWindowAndWhenToldTo) {
   const auto ended = testing::ExitedWithCode(0);
   EXPECT_EXIT(runUntil([](auto&) { QApplication::closeAllWindows(); }), ended, "will terminate");
   EXPECT_EXIT(runUntil([](auto&) { QApplication::quit(); }), ended, "will terminate");
+  const auto without_memory = [](QtApplication& application) {
+    application.mainQueueAsync([] { QApplication::quit(); });
+    throw std::bad_alloc();
+  };
+  EXPECT_EXIT(runUntil(without_memory), ended, "not enough memory.*\n.*will terminate");
   const auto lost = testing::ExitedWithCode(3);
   EXPECT_EXIT(runUntil([](auto&) { std::exit(1); }), lost, "") << "as the plug-in for X does";
   const auto session_then_signal = [](QtApplication& application) {

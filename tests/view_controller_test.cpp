@@ -2,9 +2,11 @@
 #include "app_shell/view_controller.h"
 
 #include <gmock/gmock.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <latch>
+#include <new>
 
 #include "app_shell/progress_window.h"
 #include "simulator/device/faulty_qm5.h"
@@ -206,6 +208,28 @@ INSTANTIATE_TEST_SUITE_P(
                "The firmware file of this package is no image, as it begins like none; "
                "nothing was written to the QM5."}),
     named);
+
+TEST_F(Shell, EndsARunInItsAlertWhereTheComputerHasNothingLeftForIt) {
+  start();
+  attach(0x4201);
+  const auto expect_reason = [&](const std::string& reason) {
+    application.main->press("btnNext");
+    application.runUntilAlert();
+    EXPECT_EQ(application.shown["runStatus"], reason);
+    const Lines lines = transcript.take();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                         "alert on main: " + std::string(kFlashError) + " [OK]"),
+              1);
+    application.answer(kOK);
+  };
+  clock.during_sleep = [](double) { throw std::bad_alloc(); };
+  expect_reason("The computer has not enough memory for the update.");
+  pthread_attr_t too_large;
+  pthread_attr_init(&too_large);
+  pthread_attr_setstacksize(&too_large, std::size_t{1} << 46);
+  pthread_setattr_default_np(&too_large);
+  expect_reason("The computer had no thread left for the update.");
+}
 
 Lines without(Lines lines, std::string_view prefix) {
   std::erase_if(lines, [&](const std::string& line) { return line.starts_with(prefix); });

@@ -3,7 +3,18 @@
 # Sourced by bash. What is started goes with the script, and so does the folder $work.
 
 work=$(mktemp -d) # for this user alone, as the run-time folder has to be
-trap 'kill $(jobs -p) 2>/dev/null || true; rm -rf "$work"' EXIT
+trap end_all EXIT
+
+# A program in the middle of an update ends at its second signal.
+end_all() {
+  for _ in {1..20}; do
+    [ -n "$(jobs -pr)" ] || break
+    # shellcheck disable=SC2046 # one word for each
+    kill $(jobs -pr) && kill -CONT $(jobs -pr)
+    sleep 0.15
+  done 2>/dev/null
+  rm -rf "$work"
+}
 
 fail() {
   printf 'qm5: %s\n' "$*" >&2
@@ -21,13 +32,19 @@ within() {
   done
 }
 
+# await MESSAGE COMMAND...: fails with that where the command does not succeed in half a minute.
+await() { within 30 "${@:2}" || fail "$1"; }
+
+# child_of PROCESS: the one process that it has started.
+child_of() { tr -d ' ' <"/proc/$1/task/$1/children"; }
+
 # start_display [WIDTHxHEIGHT]: a black one, which stays when its last program has gone.
 start_display() {
   exec 3> >(cat >"$work/display")
   Xvfb -displayfd 3 -screen 0 "${1-1280x900}x24" -br -noreset -nolisten tcp >/dev/null 2>&1 &
   # shellcheck disable=SC2034 # for the scripts that end it themselves
   screen=$!
-  within 60 test -s "$work/display" || fail "the virtual screen did not start"
+  await "the virtual screen did not start" test -s "$work/display"
   DISPLAY=:$(cat "$work/display")
   export DISPLAY QT_QPA_PLATFORM=xcb XDG_RUNTIME_DIR=$work
 }
@@ -43,8 +60,9 @@ start_screen() {
   <theme><name>Clearlooks</name><titleLayout>NL</titleLayout></theme>
 </openbox_config>
 XML
-  openbox --config-file "$work/openbox.xml" >/dev/null 2>&1 &
-  within 60 xdotool get_desktop || fail "the window manager did not start"
+  # Before it runs its start-up command, it may drop a window's wish to be shown.
+  openbox --config-file "$work/openbox.xml" --startup "touch $work/managed" >/dev/null 2>&1 &
+  await "the window manager did not start" test -e "$work/managed"
 }
 
 # Where a window goes at the wrong moment, xdotool would wait for it for ever.
@@ -54,7 +72,7 @@ window() { xdotool search --onlyvisible --name "^$1$"; }
 
 # on_screen TITLE: waits until that window is there and has the keyboard.
 on_screen() {
-  within 30 window "$1" || fail "no window \"$1\" came"
+  await "no window \"$1\" came" window "$1"
   xdotool windowfocus --sync "$(window "$1" | tail -n 1)"
 }
 
@@ -74,8 +92,7 @@ press() {
 # hold SIMULATOR COMMAND...: runs the command while the updater stands still.
 hold() {
   local updater
-  updater=$(cat "/proc/$1/task/$1/children")
-  updater=${updater% }
+  updater=$(child_of "$1")
   kill -STOP "$updater"
   "${@:2}"
   kill -CONT "$updater"

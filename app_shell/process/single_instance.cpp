@@ -153,9 +153,10 @@ class OwnerContact {
       if (!connection.isOpen()) continue;
       std::array<char, kLongestMessage> message{};
       const ssize_t size = ::recv(connection.get(), message.data(), message.size(), MSG_DONTWAIT);
-      if (size > 0) return read(connection, {message.data(), static_cast<std::size_t>(size)});
+      if (size > 0 && isOwner(connection))
+        return read(connection, {message.data(), static_cast<std::size_t>(size)});
       // An end without an answer: of a process that is dying, for instance.
-      if (size == 0 || errno != EAGAIN) connection = Descriptor();
+      if (size == 0 || (size < 0 && errno != EAGAIN)) connection = Descriptor();
     }
     return std::nullopt;
   }
@@ -170,6 +171,12 @@ class OwnerContact {
   }
 
  private:
+  // Any program can listen on these names. Both are 0 for an owner that this process can't see, in
+  // a container of its own.
+  bool isOwner(const Descriptor& connection) const {
+    return peerOf(connection).pid == lockHolder(bus_.get()).value_or(0);
+  }
+
   // Neither call waits: the kernel keeps the message for the owner.
   Descriptor connect(int number) const {
     Descriptor connection = newSocket(SOCK_NONBLOCK);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <csignal>
@@ -27,6 +28,20 @@ constexpr std::size_t kDescriptors = 32;
 constexpr std::size_t kThreads = 16;
 constexpr std::size_t kMemory = std::size_t{96} << 20;  // bytes, besides the threads' stacks
 
+// The variable in which Qt for Wayland looks for the token.
+constexpr const char* kActivationToken = "XDG_ACTIVATION_TOKEN";
+
+// What an alert takes, and what an update takes until it has ended.
+constexpr std::size_t kReserve = std::size_t{4} << 20;  // bytes
+std::atomic<void*> reserve = nullptr;
+
+// Called where `new` finds no memory; `new` tries again when it returns.
+void useReserve() {
+  void* const memory = reserve.exchange(nullptr);
+  if (memory == nullptr) throw std::bad_alloc();
+  std::free(memory);
+}
+
 void requireDescriptors() {
   std::vector<Descriptor> opened;
   while (opened.size() < kDescriptors) {
@@ -38,7 +53,9 @@ void requireDescriptors() {
 
 void requireMemory() {
   const std::unique_ptr<void, decltype(&std::free)> memory(std::malloc(kMemory), &std::free);
-  if (!memory) cannotStart("there is not enough memory");
+  reserve = std::malloc(kReserve);
+  if (!memory || reserve == nullptr) cannotStart("there is not enough memory");
+  std::set_new_handler(useReserve);
 }
 
 // Has as many threads at the same time as the program will have.
@@ -84,6 +101,15 @@ void openStandardStreams() {
 void ignoreWriteSignals() {
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
+}
+
+void setEnvironment() {
+  // A Wayland compositor that has gone may come back. Qt 6.8 waits for that where it is told to;
+  // other versions take no notice.
+  ::setenv("QT_WAYLAND_RECONNECT", "1", 1);
+  if (std::getenv(kActivationToken) != nullptr) return;
+  ::setenv(kActivationToken, "", 1);
+  ::unsetenv(kActivationToken);
 }
 
 void requireStartResources() {

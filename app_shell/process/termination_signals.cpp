@@ -10,6 +10,7 @@
 
 #include "platform/fatal.h"
 #include "platform/line_writer.h"
+#include "platform/system_log.h"
 #include "platform/thread.h"
 
 namespace qm5 {
@@ -20,6 +21,8 @@ constexpr std::chrono::milliseconds kCoalesceWindow{100};
 
 // A signal has been handed to `ask`, and terminationDeclined() has not followed yet.
 std::atomic<bool> undecided = false;
+
+std::atomic<bool> held = false;
 
 sigset_t handledSignals() {
   sigset_t handled;
@@ -57,6 +60,10 @@ void followTerminationSignals(std::function<void()> ask) {
     while (true) {
       int signal = 0;
       if (sigwait(&signals, &signal) != 0) continue;
+      if (held) {
+        log("A signal wants the program to end, which it does once the update has ended.");
+        continue;
+      }
       if (undecided.exchange(true)) {
         flushLines();
         std::_Exit(0);
@@ -71,6 +78,10 @@ void followTerminationSignals(std::function<void()> ask) {
 
 void terminationDeclined() {
   undecided = false;
+}
+
+void holdTermination() {
+  held = true;
 }
 
 }  // namespace qm5

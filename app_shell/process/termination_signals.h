@@ -8,8 +8,9 @@
 namespace qm5 {
 
 /// Keeps these signals from ending the process by themselves, in this thread and in all that it
-/// starts: call it before the first thread is started. A signal that the process was started to
-/// ignore (by nohup, or in the background of a script) stays ignored.
+/// starts: call it before the first thread that stays. Until then they end the process. A signal
+/// that the process was started to ignore (by nohup, or in the background of a script) stays
+/// ignored.
 void blockTerminationSignals();
 
 /// Starts the thread that waits for the signals. The first signal calls `ask` on that thread; it
@@ -20,5 +21,9 @@ void followTerminationSignals(std::function<void()> ask);
 
 /// The decision that the process goes on: the next signal asks again. Any thread.
 void terminationDeclined();
+
+/// From now on signals end nothing, and nobody is asked: each is noted in the log alone. For a
+/// process that nobody can be asked in, and that ends by itself. Any thread.
+void holdTermination();
 
 }  // namespace qm5

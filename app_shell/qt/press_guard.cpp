@@ -50,20 +50,30 @@ void PressGuard::start() {
 
 void PressGuard::ignoreFirstPresses(QWidget& window) {
   start();
-  started->first_presses_.push_back({&window, processClock().now() + kFirstPresses});
+  started->first_presses_.push_back({&window, std::nullopt});
 }
 
 bool PressGuard::eventFilter(QObject* receiver, QEvent* event) {
   const QEvent::Type type = event->type();
+  if (type == QEvent::Expose) countFromNow(*receiver);
   const bool is_key = type == QEvent::KeyPress || type == QEvent::KeyRelease;
   if (is_key && isRepetition(*receiver, static_cast<const QKeyEvent&>(*event))) return true;
   return isPress(type) && isTooEarly(*receiver);
 }
 
+void PressGuard::countFromNow(const QObject& window) {
+  for (FirstPresses& first : first_presses_) {
+    const bool is_this = first.window && first.window->windowHandle() == &window;
+    if (is_this && first.window->windowHandle()->isExposed() && !first.end)
+      first.end = processClock().now() + kFirstPresses;
+  }
+}
+
 bool PressGuard::isTooEarly(const QObject& receiver) {
   const double now = processClock().now();
-  std::erase_if(first_presses_,
-                [&](const FirstPresses& first) { return !first.window || now >= first.end; });
+  std::erase_if(first_presses_, [&](const FirstPresses& first) {
+    return !first.window || (first.end && now >= *first.end);
+  });
   for (const FirstPresses& first : first_presses_) {
     const auto* widget = qobject_cast<const QWidget*>(&receiver);
     if (widget && widget->window() == first.window) return true;

@@ -4,6 +4,7 @@
 #include <QObject>
 #include <QPointer>
 #include <map>
+#include <optional>
 #include <vector>
 
 class QKeyEvent;
@@ -22,7 +23,8 @@ class PressGuard : public QObject {
   /// Starts it, once there is an application; nothing happens when it has been started.
   static void start();
   /// Drops all presses of keys and mouse buttons in the first half second of `window`, which came
-  /// up by itself and has just been put on the screen: the person was busy with another one.
+  /// up by itself: the person was busy with another one. Call it before the window is shown; the
+  /// time counts from when it is on the screen.
   static void ignoreFirstPresses(QWidget& window);
 
  protected:
@@ -31,7 +33,7 @@ class PressGuard : public QObject {
  private:
   struct FirstPresses {
     QPointer<QWidget> window;
-    double end;  // by the process's clock
+    std::optional<double> end;  // by the process's clock; empty until it is on the screen
   };
 
   struct Held {
@@ -40,6 +42,7 @@ class PressGuard : public QObject {
   };
 
   using QObject::QObject;
+  void countFromNow(const QObject& window);
   bool isTooEarly(const QObject& receiver);
   bool isRepetition(QObject& receiver, const QKeyEvent& key);
 

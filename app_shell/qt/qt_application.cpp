@@ -6,6 +6,7 @@
 #include <QSessionManager>
 #include <clocale>
 #include <cstdlib>
+#include <new>
 #include <utility>
 
 #include "app_shell/qt/alert_dialog.h"
@@ -14,6 +15,7 @@
 #include "app_shell/qt/qt_window.h"
 #include "platform/fatal.h"
 #include "platform/line_writer.h"
+#include "platform/system_log.h"
 
 namespace qm5 {
 
@@ -42,25 +44,27 @@ void writeMessage(QtMsgType type, const QMessageLogContext& context, const QStri
   writeLine(StandardStream::error, line);
 }
 
-// The delegate while events are served.
-ApplicationDelegate* served = nullptr;
+// An event for which there is no memory is lost; all else goes on, an update above all.
+class GuardedApplication final : public QApplication {
+ public:
+  using QApplication::QApplication;
 
-// Qt's plug-in for X ends the process by exit(), on the main thread, when the display has gone.
-// What must not be cut off goes on without one then. At any other exit(), nobody is served.
-void endWithoutDisplay() {
-  if (!served) return;
-  const int status = std::exchange(served, nullptr)->applicationLostDisplay();
-  flushLines();
-  std::_Exit(status);
-}
+  bool notify(QObject* receiver, QEvent* event) override try {
+    return QApplication::notify(receiver, event);
+  } catch (const std::bad_alloc&) {
+    qWarning("There is not enough memory for all that the windows are to do.");
+    return true;
+  }
+};
+
+// The one that serves events.
+QtApplication* serving = nullptr;
 
 }  // namespace
 
-QtApplication::QtApplication() : main_queue_(std::make_unique<MainQueue>()) {
+QtApplication::QtApplication(std::function<void()> display_lost)
+    : display_lost_(std::move(display_lost)), main_queue_(std::make_unique<MainQueue>()) {
   qInstallMessageHandler(writeMessage);
-  // A Wayland compositor that has gone may come back. Qt 6.8 waits for that where it is told to;
-  // other versions take no notice.
-  qputenv("QT_WAYLAND_RECONNECT", "1");
 }
 
 QtApplication::~QtApplication() = default;
@@ -71,7 +75,7 @@ int QtApplication::applicationMain(int argc, char** argv, const MainStoryboard& 
   // Its display name stays unset: Qt would add it to every window's title.
   QApplication::setApplicationName("QM5 Updater");
   QApplication::setDesktopFileName("qm5-updater");
-  QApplication application(argc, argv);
+  GuardedApplication application(argc, argv);
   keepTextsOutOfTheLocale();
   QApplication::setQuitOnLastWindowClosed(false);
   QObject::connect(&application, &QApplication::lastWindowClosed, [this] { lastWindowClosed(); });
@@ -88,13 +92,25 @@ int QtApplication::applicationMain(int argc, char** argv, const MainStoryboard& 
   delegate_->applicationDidFinishLaunching();
   // The last one to be registered is called first, before what Qt and others take apart.
   [[maybe_unused]] static const int registered = std::atexit(endWithoutDisplay);
-  served = delegate_.get();
+  serving = this;
   const int status = QApplication::exec();
-  served = nullptr;
+  serving = nullptr;
   // Here the desktop has asked the program to quit. Jobs may be at work, so nothing that
   // they use is taken apart.
   terminate();
   return status;
+}
+
+// Qt's plug-in for X ends the process by exit(), on the main thread, when the display has gone.
+// What must not be cut off goes on without one then. At any other exit(), none serves.
+void QtApplication::endWithoutDisplay() {
+  if (!serving) return;
+  const QtApplication& application = *std::exchange(serving, nullptr);
+  application.display_lost_();
+  log("The display has gone.");
+  const int status = application.delegate_->applicationLostDisplay();
+  flushLines();
+  std::_Exit(status);
 }
 
 void QtApplication::showNotice(int argc, char** argv, const Alert& alert) {
@@ -153,8 +169,9 @@ void QtApplication::sessionEnds(QSessionManager& session) {
 
 void QtApplication::activate(const std::string& activation_token) {
   // Under Wayland, Qt takes the token from there and from nowhere else; elsewhere the window
-  // manager goes by itself.
-  if (!activation_token.empty()) qputenv("XDG_ACTIVATION_TOKEN", activation_token.c_str());
+  // manager goes by itself. The process has made room for it in the environment at its start.
+  if (!activation_token.empty() && QApplication::platformName().startsWith("wayland"))
+    qputenv("XDG_ACTIVATION_TOKEN", activation_token.c_str());
   // The token is good for one window: the one that the person can use now. Some window managers
   // minimise the windows that it stands on as well, others leave it behind.
   main_window_->native().restore();

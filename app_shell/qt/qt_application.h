@@ -1,6 +1,7 @@
 // The application on Qt 6 Widgets.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -19,7 +20,9 @@ class QtWindow;
 /// One per process, made on the main thread before any other thread that uses it.
 class QtApplication : public Application {
  public:
-  QtApplication();
+  /// `display_lost` is called on the main thread when the display has gone, before the delegate
+  /// is asked what is to become of the process.
+  explicit QtApplication(std::function<void()> display_lost = [] {});
   ~QtApplication() override;
 
   int applicationMain(int argc, char** argv, const MainStoryboard& storyboard) override;
@@ -39,10 +42,12 @@ class QtApplication : public Application {
   std::shared_ptr<Window> makeWindow(Rect content, WindowStyle style) override;
 
  private:
+  static void endWithoutDisplay();
   void lastWindowClosed();
   void sessionEnds(QSessionManager& session);
   QWidget* mainWidget() const;
 
+  const std::function<void()> display_lost_;
   std::unique_ptr<MainQueue> main_queue_;
   std::shared_ptr<ApplicationDelegate> delegate_;
   std::shared_ptr<QtWindow> main_window_;

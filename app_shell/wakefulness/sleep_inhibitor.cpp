@@ -45,6 +45,12 @@ namespace {
 
 constexpr int kReplyTimeout = 10'000;  // milliseconds
 
+// What would end an update: a shutdown, sleep, and the keys and the lid that lead there. systemd
+// 252 lets the person's own "systemctl suspend" pass all the same, and the update goes on after the
+// wake; 257 refuses it.
+constexpr const char* kLocks =
+    "shutdown:sleep:idle:handle-power-key:handle-suspend-key:handle-lid-switch";
+
 // The call to logind waits for the system bus, so it runs on a queue of its own and never on
 // the main thread.
 DispatchQueue& logindQueue() {
@@ -60,7 +66,7 @@ QDBusUnixFileDescriptor inhibitSleep(const QString& reason) {
   QDBusMessage inhibit =
       QDBusMessage::createMethodCall("org.freedesktop.login1", "/org/freedesktop/login1",
                                      "org.freedesktop.login1.Manager", "Inhibit");
-  inhibit.setArguments({"sleep:idle:handle-lid-switch", "QM5 Updater", reason, "block"});
+  inhibit.setArguments({kLocks, "QM5 Updater", reason, "block"});
   // A new connection for each call, since the system bus may have started or restarted.
   const QDBusReply<QDBusUnixFileDescriptor> reply =
       QDBusConnection::connectToBus(QDBusConnection::SystemBus, connection)
