@@ -12,10 +12,12 @@ struct TaskRules {
   std::size_t reply_bytes;
   std::size_t polls;
 };
+constexpr std::size_t kLongestReply = 11;
+
 TaskRules rulesOf(std::string_view task) {
   if (task == "SFWi") return {7, 15};
   if (task == "SFWd") return {2, 15};
-  return {11, 300};
+  return {kLongestReply, 300};
 }
 
 bool isSame(const ControlSetup& left, const ControlSetup& right) {
@@ -44,7 +46,8 @@ void HostJudge::observe(const ControlSetup& setup, ByteView sent, const ControlR
 }
 
 void HostJudge::powerCycled() {
-  interrupted_ = stage_ != Stage::closed;
+  // A host that has read the version may have sent SFWi while the power was off.
+  interrupted_ = stage_ != Stage::closed || version_read_;
   if (task_) task_->under_way = false;
   if (open_write_) open_write_->disturbed = true;
   if (input_) input_->disturbed = true;
@@ -67,11 +70,17 @@ void HostJudge::observeRead(const ControlSetup& setup, const ControlResult& answ
       limitRead(setup, kCommandBytes + 1);
       return observePoll(answer);
     case kData3Register:
-      limitRead(setup, task_ ? rulesOf(task_->name).reply_bytes : 0);
+      limitRead(setup, replyBytes());
       return observeReply(answer);
     default:
       return blame("read of unknown " + registerName(setup.wValue));
   }
+}
+
+// While the power was off, the host may have started a task that the device never heard of. So
+// after that, as before the first task, the reply may be that of any task.
+std::size_t HostJudge::replyBytes() const {
+  return task_ && !interrupted_ ? rulesOf(task_->name).reply_bytes : kLongestReply;
 }
 
 void HostJudge::limitRead(const ControlSetup& setup, std::size_t prescribed) {

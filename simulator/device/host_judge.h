@@ -58,6 +58,7 @@ class HostJudge {
   void observeRead(const ControlSetup& setup, const ControlResult& answer);
   void observePoll(const ControlResult& answer);
   void observeReply(const ControlResult& answer);
+  std::size_t replyBytes() const;
   void limitRead(const ControlSetup& setup, std::size_t prescribed);
 
   void observeWrite(const ControlSetup& setup, ByteView chunk, bool refused);
@@ -85,8 +86,8 @@ class HostJudge {
   std::optional<Task> task_;          // the last one that was started
 
   Stage stage_ = Stage::closed;
-  // The power went during an update. The host can't tell that from refused requests, so nothing
-  // but SFWi is judged by what came before it.
+  // The power went while an update may have been under way. The host can't tell that from refused
+  // requests, so nothing but SFWi is judged by what came before it.
   bool interrupted_ = false;
   std::size_t secure_blocks_ = 0;  // those that the device has confirmed
   Bytes confirmed_block_;          // the last whole block that the device has confirmed
