@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <any>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -22,10 +21,10 @@
 #include "device_monitor/libusb/libusb_registry.h"
 #include "device_monitor/usb_device_monitor.h"
 #include "platform/bytes.h"
-#include "platform/notification_center.h"
 #include "platform/thread.h"
 #include "simulator/usb_bus/emulated_bus.h"
 #include "support/allocation_count.h"
+#include "support/announcements.h"
 #include "support/effort.h"
 #include "support/transcript.h"
 #include "support/virtual_clock.h"
@@ -37,12 +36,6 @@ constexpr std::chrono::seconds kPatience{20};
 
 class Bus : public testing::Test {
  protected:
-  Bus()
-      : connected_(NotificationCenter::defaultCenter().addObserver(
-            USBDeviceConnected, [this](const Notification& posted) { connected(posted); })),
-        disconnected_(NotificationCenter::defaultCenter().addObserver(
-            USBDeviceDisconnected, [this](const Notification& posted) { removed(posted); })) {}
-
   // The registry, the monitor and their threads live to the end of the process, as in the
   // application.
   void start(std::vector<USBMonitorData> filters = {{0x0451, 0xACE1}}) {
@@ -73,29 +66,6 @@ class Bus : public testing::Test {
     EXPECT_EQ(announced(1).size(), 1U);
     return record_.name;
   }
-  void connected(const Notification& posted) {
-    const auto& device = std::any_cast<const USBDevice&>(
-        std::any_cast<const Dictionary&>(posted.object).at("device"));
-    EXPECT_EQ(device.vendorId, 0x0451);
-    EXPECT_EQ(device.productId, 0xACE1);
-    {
-      const std::lock_guard lock(mutex_);
-      record_ = device;
-    }
-    announce("connected " + std::to_string(device.id) + " " + device.name);
-  }
-  void removed(const Notification& posted) {
-    announce("disconnected " + std::to_string(std::any_cast<std::uint64_t>(
-                                   std::any_cast<const Dictionary&>(posted.object).at("id"))));
-  }
-  void announce(const std::string& line) {
-    const std::lock_guard lock(mutex_);
-    std::array<char, 16> thread{};
-    pthread_getname_np(pthread_self(), thread.data(), thread.size());
-    if (std::string(thread.data()) == "IODetector") queue_threads_.insert(gettid());
-    announced_.push_back(line + " [" + thread.data() + "]");
-    changed_.notify_all();
-  }
   // What has been announced once there are `count`, and a moment in which more could come.
   Lines announced(std::size_t count) {
     std::unique_lock lock(mutex_);
@@ -107,16 +77,24 @@ class Bus : public testing::Test {
 
   Transcript transcript;
   FaultyQm5 qm5;
-  USBDevice record_;
   std::set<pid_t> queue_threads_;  // those that announced from the queue
   std::atomic<pthread_t> monitor_thread_;
 
  private:
+  void note(const std::string& line) {
+    const std::lock_guard lock(mutex_);
+    if (line.ends_with("[IODetector]")) queue_threads_.insert(gettid());
+    announced_.push_back(line);
+    changed_.notify_all();
+  }
+
   std::mutex mutex_;
   std::condition_variable changed_;
   Lines announced_;
-  NotificationCenter::Registration connected_;
-  NotificationCenter::Registration disconnected_;
+  Announcements announcements_{[this](const std::string& line) { note(line); }};
+
+ protected:
+  const USBDevice& record_ = announcements_.last;
 };
 
 std::size_t openDescriptors() {
@@ -240,21 +218,6 @@ TEST_F(Bus, ServesEventsWithNothingToWatch) {
     });
   };
   EXPECT_TRUE(comes(is_listening));
-}
-
-TEST_F(Bus, SaysThatADeviceCanNotBeOpenedAndFindsItOnceItCan) {
-  EmulatedBus bus(qm5, {.permitted = false});
-  start();
-  bus.plug();
-  Lines lines;
-  EXPECT_TRUE(comes([&] { return !(lines = transcript.take()).empty(); }));
-  EXPECT_EQ(lines, Lines{"out: Could not open device (error: -3)"});
-  bus.unplug();
-  EXPECT_EQ(announced(1).size(), 1U);
-  bus.setPermitted(true);
-  bus.plug();
-  EXPECT_EQ(announced(1).size(), 1U);
-  EXPECT_EQ(readVersion(), 0);
 }
 
 TEST_F(Bus, AnnouncesADeviceWithoutANameAllTheSame) {
