@@ -144,6 +144,7 @@ class Faults : public testing::Test {
     const Outcome outcome = update();
     const Expected expected = expectedOf(requests_, !app_.bus.isPlugged());
     bool right = outcome == expected.outcome && reason_ == expected.reason;
+    right = right && device_->breaches().empty() && device_->deviations().empty();
     const bool finished = outcome.told == kFinish;
     if (finished) {
       right = right && after_ == (isGood() ? kConfirmed : kNotUpdated);
