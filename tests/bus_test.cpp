@@ -58,13 +58,12 @@ class Bus : public testing::Test {
     Bytes version(9);
     return request(version);
   }
-  // The announced name of a device that calls itself `product`.
-  std::string nameOf(const std::optional<std::string>& product) {
+  void expectName(const std::optional<std::string>& product, const std::string& name) {
     EmulatedBus bus(qm5, {.product = product});
     start();
     bus.plug();
     EXPECT_EQ(announced(1).size(), 1U);
-    return record_.name;
+    EXPECT_EQ(record_.name, name);
   }
   // What has been announced once there are `count`, and a moment in which more could come.
   Lines announced(std::size_t count) {
@@ -117,7 +116,7 @@ bool comes(const std::function<bool()>& is_there) {
   return false;
 }
 
-TEST_F(Bus, AnnouncesADeviceThatIsThereAlreadyAndReadsItsVersion) {
+TEST_F(Bus, AnnouncesADeviceThatIsThereAlreadyAndWaitsForItsAnswersUntilItLeaves) {
   EmulatedBus bus(qm5);
   bus.plug();
   start();
@@ -134,6 +133,12 @@ TEST_F(Bus, AnnouncesADeviceThatIsThereAlreadyAndReadsItsVersion) {
   EXPECT_EQ(results, (std::array<IOReturn, 3>{0, 0, -2}));
   EXPECT_EQ(version, (Bytes{0x01, 0x42, 0, 0, 0, 0, 0, 0, 0}));
   EXPECT_EQ(qm5.requestCount(), 2U);
+  qm5.addFault({.kind = FaultKind::silent, .number = 3});
+  auto unanswered = std::async(std::launch::async, [this] { return readVersion(); });
+  EXPECT_EQ(unanswered.wait_for(std::chrono::milliseconds(1200)), std::future_status::timeout);
+  bus.unplug();
+  ASSERT_EQ(unanswered.wait_for(kPatience), std::future_status::ready);
+  EXPECT_EQ(unanswered.get(), -4) << "the device has left";
 }
 
 TEST_F(Bus, GivesEachArrivalItsOwnIdAndClosesWhatHasLeft) {
@@ -221,29 +226,12 @@ TEST_F(Bus, ServesEventsWithNothingToWatch) {
 }
 
 TEST_F(Bus, AnnouncesADeviceWithoutANameAllTheSame) {
-  EXPECT_EQ(nameOf(std::nullopt), "");
+  expectName(std::nullopt, "");
   EXPECT_EQ(transcript.take(), Lines{"out: Error getting device name"});
 }
 
 TEST_F(Bus, CutsANameThatIsTooLongForTheRegistry) {
-  EXPECT_EQ(nameOf(std::string(300, 'x')), std::string(127, 'x'));
-}
-
-TEST_F(Bus, EndsARequestThatTheDeviceNeverAnswersWhenTheDeviceLeaves) {
-  qm5.addFault({.kind = FaultKind::silent, .number = 1});
-  EmulatedBus bus(qm5);
-  bus.plug();
-  start();
-  ASSERT_EQ(announced(1).size(), 1U);
-  auto reply = std::async(std::launch::async, [this] { return readVersion(); });
-  EXPECT_EQ(reply.wait_for(std::chrono::milliseconds(1200)), std::future_status::timeout);
-  bus.unplug();
-  ASSERT_EQ(reply.wait_for(kPatience), std::future_status::ready);
-  EXPECT_EQ(reply.get(), -4);
-  EXPECT_EQ(announced(1).size(), 1U);
-  bus.plug();
-  EXPECT_EQ(announced(1).size(), 1U);
-  EXPECT_EQ(readVersion(), 0);
+  expectName(std::string(300, 'x'), std::string(127, 'x'));
 }
 
 }  // namespace

@@ -46,8 +46,7 @@ void HostJudge::observe(const ControlSetup& setup, ByteView sent, const ControlR
 }
 
 void HostJudge::powerCycled() {
-  // A host that has read the version may have sent SFWi while the power was off.
-  interrupted_ = stage_ != Stage::closed || version_read_;
+  interrupted_ = stage_ != Stage::closed;
   if (task_) task_->under_way = false;
   if (open_write_) open_write_->disturbed = true;
   if (input_) input_->disturbed = true;

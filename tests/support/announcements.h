@@ -15,6 +15,15 @@
 
 namespace qm5::test {
 
+/// Calls `handle` with what is posted under that name.
+inline NotificationCenter::Registration observe(std::string_view name,
+                                                std::function<void(const Dictionary&)> handle) {
+  return NotificationCenter::defaultCenter().addObserver(
+      name, [handle = std::move(handle)](const Notification& posted) {
+        handle(std::any_cast<const Dictionary&>(posted.object));
+      });
+}
+
 class Announcements {
  public:
   /// Calls `note` with each line, on the thread that it names.
@@ -23,33 +32,23 @@ class Announcements {
   USBDevice last;  // written before its line is noted
 
  private:
-  void connected(const Dictionary& posted) {
-    last = std::any_cast<const USBDevice&>(posted.at("device"));
-    EXPECT_EQ(last.vendorId, 0x0451);
-    EXPECT_EQ(last.productId, 0xACE1);
-    note("connected " + std::to_string(last.id) + " " + last.name);
-  }
-  void disconnected(const Dictionary& posted) {
-    note("disconnected " + std::to_string(std::any_cast<std::uint64_t>(posted.at("id"))));
-  }
   void note(const std::string& line) {
     std::array<char, 16> thread{};
     pthread_getname_np(pthread_self(), thread.data(), thread.size());
     note_(line + " [" + thread.data() + "]");
   }
-  NotificationCenter::Registration observe(std::string_view name,
-                                           void (Announcements::*handle)(const Dictionary&)) {
-    return NotificationCenter::defaultCenter().addObserver(
-        name, [this, handle](const Notification& posted) {
-          (this->*handle)(std::any_cast<const Dictionary&>(posted.object));
-        });
-  }
-
   std::function<void(const std::string&)> note_;
   NotificationCenter::Registration connected_ =
-      observe(USBDeviceConnected, &Announcements::connected);
+      observe(USBDeviceConnected, [this](const Dictionary& posted) {
+        last = std::any_cast<const USBDevice&>(posted.at("device"));
+        EXPECT_EQ(last.vendorId, 0x0451);
+        EXPECT_EQ(last.productId, 0xACE1);
+        note("connected " + std::to_string(last.id) + " " + last.name);
+      });
   NotificationCenter::Registration disconnected_ =
-      observe(USBDeviceDisconnected, &Announcements::disconnected);
+      observe(USBDeviceDisconnected, [this](const Dictionary& posted) {
+        note("disconnected " + std::to_string(std::any_cast<std::uint64_t>(posted.at("id"))));
+      });
 };
 
 }  // namespace qm5::test
