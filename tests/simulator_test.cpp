@@ -7,7 +7,7 @@
 #include <array>
 
 #include "simulator/command/options.h"
-#include "simulator/command/verdict.h"
+#include "simulator/command/run_result.h"
 #include "support/named_cases.h"
 #include "support/update_requests.h"
 
@@ -58,15 +58,15 @@ TEST(Update, TakesEffectWithThePowerCycleUnlessTheImageIsDamaged) {
     EXPECT_EQ(update(device, damaged).at(1), 0xF) << at;
     device.powerCycle();
     EXPECT_EQ(device.version(), 0x4201) << at;
-    EXPECT_FALSE(judge(device, std::nullopt).good) << at;
+    EXPECT_FALSE(evaluateRun(device, std::nullopt).good) << at;
   }
   EXPECT_EQ(update(device).at(1), 0);
   EXPECT_EQ(device.version(), 0x4201);
   device.powerCycle();
   EXPECT_EQ(device.version(), 0x4208);
   const Bytes flash = flashContents(slice(image(), kImagePayloadStart, 202));
-  EXPECT_TRUE(judge(device, flash).good) << judge(device, flash).line;
-  EXPECT_FALSE(judge(device, Bytes(256)).good) << "another image";
+  EXPECT_TRUE(evaluateRun(device, flash).good) << evaluateRun(device, flash).line;
+  EXPECT_FALSE(evaluateRun(device, Bytes(256)).good) << "another image";
 }
 
 // Whether the host sends a refused request again, or starts the task anew, at any request.
@@ -124,7 +124,7 @@ TEST_P(Host, IsAnsweredNamedAndMayUpdateAllTheSame) {
   EXPECT_EQ(status == ControlStatus::stall ? kStall : second, GetParam().answer);
   send(device, {registerRead(0x1E, 5)});  // a task that was left alone ends here
   EXPECT_EQ(update(device).at(1), 0);
-  const auto [line, good] = judge(device, std::nullopt);
+  const auto [line, good] = evaluateRun(device, std::nullopt);
   const std::string before =
       GetParam().accepted ? "no breach of protocol, 1 deviation: " : "of protocol: ";
   EXPECT_TRUE(!good && line.find(before + GetParam().name) != line.npos) << line;
