@@ -1,6 +1,6 @@
 // host_update BLOCKS [ROUNDS [repeated]]: updates by the update engine, in process, with a
 // device that is ready at once, from an image of new blocks or of one that is repeated. Writes one
-// line of JSON on standard error: nanoseconds of processor time a block, and the peak of the
+// line of JSON on standard error: nanoseconds of processor time per block, and the peak of the
 // resident set in kilobytes. The program's own lines go to standard output, as ever.
 #include <cstdio>
 #include <cstdlib>

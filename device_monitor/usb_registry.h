@@ -1,6 +1,6 @@
 // The operating system's registry of USB devices: which are there, which come and go,
 // how to open one, and one control request at a time to it.
-// Production: libusb/. Tests: tests/support/scripted_usb_registry.h.
+// Production: libusb/. Tests: simulator/direct_bus/.
 //
 // The port speaks the language of a service registry, as the monitor and the link do:
 // watches fill iterators, an iterator yields services until it yields 0, a service is

@@ -126,18 +126,18 @@ void LineWriter::writeBatch(const std::deque<Batch>::iterator& batch,
   Stream& stream = streams_[current.stream];
   writing_ = true;
   lock.unlock();
-  std::string_view rest = current.lines;
+  std::string_view unwritten = current.lines;
   std::size_t written = 0;
   do {
-    written = stream.sink(rest, timeout);
-    rest.remove_prefix(written);
-  } while (written > 0 && !rest.empty());
+    written = stream.sink(unwritten, timeout);
+    unwritten.remove_prefix(written);
+  } while (written > 0 && !unwritten.empty());
   lock.lock();
   writing_ = false;
-  stream.queued -= current.lines.size() - rest.size();
-  stream.stalled = !rest.empty();
+  stream.queued -= current.lines.size() - unwritten.size();
+  stream.stalled = !unwritten.empty();
   if (stream.stalled) {
-    batches_.push_front({current.stream, std::string(rest)});
+    batches_.push_front({current.stream, std::string(unwritten)});
   } else if (stream.queued == 0 && stream.left_out > 0) {
     enqueue(current.stream, std::to_string(std::exchange(stream.left_out, 0)) + " lines left out");
   }

@@ -105,13 +105,16 @@ class Bench {
         if (verdict.excuse.empty() && trouble.fault.number <= requests_.size())
           verdict.excuse = excuse(trouble, requests_[trouble.fault.number - 1]);
     }
+    std::vector<std::string> blamed = device_->breaches();
+    for (const std::string& each : device_->deviations()) blamed.push_back(each);
     if (outcome == expected.outcome && reason == expected.reason && untrue_.empty() &&
-        verdict.is_unnoticed == !verdict.excuse.empty())
+        verdict.is_unnoticed == !verdict.excuse.empty() && blamed.empty())
       return verdict;
     for (const Trouble& trouble : troubles) verdict.wrong += trouble.name();
     verdict.wrong += "\n  told " + outcome.told + ": " + outcome.lines + reason + "\n  expected " +
                      expected.outcome.told + ": " + expected.outcome.lines + expected.reason +
                      "\n  untrue: " + untrue_;
+    for (const std::string& finding : blamed) verdict.wrong.append("\n  blamed: " + finding);
     return verdict;
   }
 

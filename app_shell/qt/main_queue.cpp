@@ -65,7 +65,7 @@ void MainQueue::beginTurn() {
 void MainQueue::runSteps() {
   const QDeadlineTimer end(kLongestRun);
   while (!end.hasExpired()) {
-    const Step step = takeStep();
+    const Step step = popStep();
     if (!step) return;
     step();
   }
@@ -74,7 +74,7 @@ void MainQueue::runSteps() {
 }
 
 // The first step; empty when there is none.
-MainQueue::Step MainQueue::takeStep() {
+MainQueue::Step MainQueue::popStep() {
   const std::lock_guard lock(mutex_);
   if (steps_.empty()) return nullptr;
   Step step = std::move(steps_.front());

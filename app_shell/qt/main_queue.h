@@ -46,7 +46,7 @@ class MainQueue : public QObject {
  private:
   void beginTurn();
   void runSteps();
-  Step takeStep();
+  Step popStep();
   bool becomeIdleIfEmpty();
 
   const std::thread::id main_thread_ = std::this_thread::get_id();

@@ -19,8 +19,8 @@
 
 #include "firmware_image/firmware_image.h"
 #include "simulator/command/options.h"
+#include "simulator/command/run_result.h"
 #include "simulator/command/trace.h"
-#include "simulator/command/verdict.h"
 #include "simulator/device/faulty_qm5.h"
 #include "simulator/usb_bus/emulated_bus.h"
 
@@ -72,8 +72,8 @@ std::optional<siginfo_t> nextSignal(const sigset_t& signals, Clock::time_point d
   do {
     const auto left = std::max(deadline - Clock::now(), Clock::duration::zero());
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
-    const std::chrono::nanoseconds rest = left - seconds;
-    const timespec time{seconds.count(), rest.count()};
+    const std::chrono::nanoseconds below_a_second = left - seconds;
+    const timespec time{seconds.count(), below_a_second.count()};
     if (sigtimedwait(&signals, &signal, &time) > 0) return signal;
   } while (errno != EAGAIN);
   return std::nullopt;
@@ -179,9 +179,9 @@ int simulate(const SimulatorOptions& options) {
   if (options.trace) writeTrace(device, trace, start_time);
   const std::optional<int> status = runProgram(options, device, start_time);
   if (!status) return kCommandNotFound;
-  const Verdict verdict = judge(device, expected);
-  printVerdict(verdict.line, *status);
-  return verdict.good && *status == 0 ? 0 : 1;
+  const RunResult result = evaluateRun(device, expected);
+  printVerdict(result.line, *status);
+  return result.good && *status == 0 ? 0 : 1;
 }
 
 }  // namespace

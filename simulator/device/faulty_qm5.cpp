@@ -49,7 +49,7 @@ ControlResult FaultyQm5::control(const ControlSetup& setup, ByteView data) {
     const std::lock_guard lock(mutex_);
     ++request_count_;
     result = carryOut(setup, data);
-    judge_.observe(setup, data, result);
+    checker_.observe(setup, data, result);
     record.data = isRead(setup) ? result.data : Bytes(data.begin(), data.end());
     record.status = result.status;
     requests_.push_back(record);
@@ -121,7 +121,7 @@ void FaultyQm5::powerCycle() {
   stalls_ = false;
   reply_pending_ = false;
   model_.powerCycle();
-  judge_.powerCycled();
+  checker_.powerCycled();
 }
 
 void FaultyQm5::clearRequests() {
@@ -156,12 +156,12 @@ bool FaultyQm5::signatureHolds() const {
 
 std::vector<std::string> FaultyQm5::breaches() const {
   const std::lock_guard lock(mutex_);
-  return judge_.breaches();
+  return checker_.breaches();
 }
 
 std::vector<std::string> FaultyQm5::deviations() const {
   const std::lock_guard lock(mutex_);
-  return judge_.deviations();
+  return checker_.deviations();
 }
 
 }  // namespace qm5

@@ -1,5 +1,5 @@
 // The software QM5 with faults at chosen requests or tasks, a record of all requests, and a
-// judgement of the host that sent them. Any thread; requests are carried out one after the other.
+// check of the host that sent them. Any thread; requests are carried out one after the other.
 #pragma once
 
 #include <chrono>
@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "simulator/device/control_request.h"
-#include "simulator/device/host_judge.h"
+#include "simulator/device/protocol_checker.h"
 #include "simulator/device/qm5_model.h"
 
 namespace qm5 {
@@ -94,7 +94,7 @@ class FaultyQm5 final : public ControlEndpoint {
   std::function<void(const RequestRecord&)> observer_;
   mutable std::mutex mutex_;  // guards what follows
   Qm5Model model_;
-  HostJudge judge_;
+  ProtocolChecker checker_;
   std::vector<Fault> faults_;
   bool stalls_ = false;
   std::size_t request_count_ = 0;

@@ -3,7 +3,7 @@
 //
 // It answers whatever is against the protocol as a careful device would: by a stall, or by the
 // result code of a task. After any of it, an update that starts with SFWi works again. What the
-// host did wrong, HostJudge tells.
+// host did wrong, ProtocolChecker tells.
 #pragma once
 
 #include <array>

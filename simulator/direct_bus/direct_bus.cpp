@@ -211,9 +211,12 @@ IOReturn DirectBus::registryEntryGetLocation(io_service_t, io_name_t& location) 
   return kIOReturnSuccess;
 }
 
-IOReturn DirectBus::createPlugInInterfaceForService(io_service_t service, const UUIDBytes&,
-                                                    const UUIDBytes&,
+IOReturn DirectBus::createPlugInInterfaceForService(io_service_t service,
+                                                    const UUIDBytes& plug_in_type,
+                                                    const UUIDBytes& interface_type,
                                                     IOCFPlugInInterfaceStruct**& plug_in) {
+  if (plug_in_type != kIOUSBDeviceUserClientTypeID || interface_type != kIOCFPlugInInterfaceID)
+    return kNotSupported;
   plug_in = find(service).plugInInterface();
   return kIOReturnSuccess;
 }

@@ -16,7 +16,7 @@
 
 namespace qm5 {
 
-class DirectBus final : public USBRegistry {
+class DirectBus : public USBRegistry {
  public:
   DirectBus();
   ~DirectBus() override;

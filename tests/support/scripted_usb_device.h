@@ -14,18 +14,7 @@ namespace qm5::test {
 
 inline constexpr IOReturn kRefused = -9;  // LIBUSB_ERROR_PIPE
 
-/// What each step of opening the device returns.
-struct ScriptedOpening {
-  bool has_plug_in_table = true;
-  IOReturn query_result = kIOReturnSuccess;
-  bool has_device = true;
-  bool has_device_table = true;
-  IOReturn open_result = kIOReturnSuccess;
-  IOReturn vendor_result = kIOReturnSuccess;
-  IOReturn product_result = kIOReturnSuccess;
-};
-
-class ScriptedUsbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInInterfaceStruct {
+class ScriptedUsbDevice final : public IOUSBDeviceStruct942 {
  public:
   ~ScriptedUsbDevice() {
     EXPECT_TRUE(expected_.empty()) << "never came: " << describe(expected_.front().request);
@@ -47,34 +36,14 @@ class ScriptedUsbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInIn
     }
     expected_.back().reply = reply;
   }
-  ScriptedOpening opening;
 
   // Pass it on.
-  IOUSBDeviceStruct942** interface() { return &device_; }
-  IOCFPlugInInterfaceStruct** plugIn() {
-    if (!opening.has_plug_in_table) plug_in_ = nullptr;
-    return &plug_in_;
-  }
-  USBDevice record(std::uint64_t id = 7) {
-    return {id, 0x0451, 0xACE1, "QM5", &device_, &plug_in_};
-  }
+  USBDevice record(std::uint64_t id = 7) { return {id, 0x0451, 0xACE1, "QM5", &device_, nullptr}; }
 
   // The port.
-  IOReturn QueryInterface(const UUIDBytes& identifier, IOUSBDeviceStruct942**& device) override {
-    EXPECT_EQ(identifier, kIOUSBDeviceInterfaceID);
-    if (!opening.has_device_table) device_ = nullptr;
-    if (opening.has_device) device = &device_;
-    return opening.query_result;
-  }
-  IOReturn USBDeviceOpen() override { return opening.open_result; }
-  IOReturn GetDeviceVendor(std::uint16_t& vendor) override {
-    vendor = 0x0451;
-    return opening.vendor_result;
-  }
-  IOReturn GetDeviceProduct(std::uint16_t& product) override {
-    product = 0xACE1;
-    return opening.product_result;
-  }
+  IOReturn USBDeviceOpen() override { return kIOReturnSuccess; }
+  IOReturn GetDeviceVendor(std::uint16_t&) override { return kIOReturnSuccess; }
+  IOReturn GetDeviceProduct(std::uint16_t&) override { return kIOReturnSuccess; }
   IOReturn DeviceRequest(IOUSBDevRequest& request) override {
     const ControlSetup setup = {request.bmRequestType, request.bRequest, request.wValue,
                                 request.wIndex, request.wLength};
@@ -102,7 +71,6 @@ class ScriptedUsbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInIn
 
   std::deque<Step> expected_;
   IOUSBDeviceStruct942* device_ = this;
-  IOCFPlugInInterfaceStruct* plug_in_ = this;
 };
 
 }  // namespace qm5::test

@@ -37,11 +37,11 @@ inline WireRequest registerRead(std::uint16_t address, std::uint16_t length) {
   return {{0xC0, 0xFE, address, 0, length}, {}};
 }
 
-/// At most 8 bytes per request; the first carries the total length in wIndex.
-inline WireRequests registerWrite(std::uint16_t address, ByteView data) {
+/// At most `limit` bytes per request; the first carries the total length in wIndex.
+inline WireRequests registerWrite(std::uint16_t address, ByteView data, std::size_t limit = 8) {
   WireRequests requests;
-  for (std::size_t at = 0; at < data.size(); at += 8) {
-    const Bytes chunk = slice(data, at, 8);
+  for (std::size_t at = 0; at < data.size(); at += limit) {
+    const Bytes chunk = slice(data, at, limit);
     const auto total = static_cast<std::uint16_t>(at == 0 ? data.size() : 0);
     const auto length = static_cast<std::uint16_t>(chunk.size());
     requests.push_back({{0x40, 0xFD, address, total, length}, chunk});

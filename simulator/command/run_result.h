@@ -8,13 +8,13 @@
 
 namespace qm5 {
 
-struct Verdict {
+struct RunResult {
   std::string line;
   bool good;  ///< flash and signature are right, and there was neither breach nor deviation
 };
 
 /// To be called when no request can come any more. Without `expected_flash` the contents of the
-/// flash are judged by the signature alone.
-Verdict judge(const FaultyQm5& device, const std::optional<Bytes>& expected_flash);
+/// flash are checked by the signature alone.
+RunResult evaluateRun(const FaultyQm5& device, const std::optional<Bytes>& expected_flash);
 
 }  // namespace qm5

@@ -1,4 +1,4 @@
-#include "simulator/command/verdict.h"
+#include "simulator/command/run_result.h"
 
 #include <algorithm>
 #include <string_view>
@@ -37,7 +37,7 @@ std::string describeHost(const std::vector<std::string>& breaches,
 
 }  // namespace
 
-Verdict judge(const FaultyQm5& device, const std::optional<Bytes>& expected_flash) {
+RunResult evaluateRun(const FaultyQm5& device, const std::optional<Bytes>& expected_flash) {
   const Bytes flash = device.flash();
   const std::vector<std::string> breaches = device.breaches();
   const std::vector<std::string> deviations = device.deviations();

@@ -1,4 +1,5 @@
-// Judges a host by the requests that it sent and by the answers that it got.
+// Checks what a host does against the protocol, by the requests that it sent and the answers that
+// it got.
 //
 // The state of the device plays no part: a fault of the device's own may have changed it. After
 // a refused request a host may go on as if it had been taken, send it again, or start the
@@ -19,7 +20,7 @@
 namespace qm5 {
 
 /// Not thread-safe: one caller at a time.
-class HostJudge {
+class ProtocolChecker {
  public:
   /// Takes in one request, in the order in which they were sent. `sent` is a write's data;
   /// `answer` is what the host got, faults included.
@@ -45,7 +46,7 @@ class HostJudge {
   };
   struct Input {
     Bytes bytes;
-    bool disturbed;  // the device may have lost it, so it is not judged
+    bool disturbed;  // the device may have lost it, so it is not checked
   };
   struct Task {
     std::string name;
@@ -58,25 +59,26 @@ class HostJudge {
   void observeRead(const ControlSetup& setup, const ControlResult& answer);
   void observePoll(const ControlResult& answer);
   void observeReply(const ControlResult& answer);
+  std::size_t replyBytes() const;
   void limitRead(const ControlSetup& setup, std::size_t prescribed);
 
   void observeWrite(const ControlSetup& setup, ByteView chunk, bool refused);
   void noteRefusal(const ControlSetup& setup, ByteView chunk);
   bool isRefusedOne(const ControlSetup& setup, ByteView chunk) const;
-  void judgeChunk(const ControlSetup& setup, ByteView chunk);
+  void checkChunk(const ControlSetup& setup, ByteView chunk);
   bool openWrite(const ControlSetup& setup);
-  void judgeGivenUp(const RegisterWrite& write, bool for_data);
+  void checkGivenUp(const RegisterWrite& write, bool for_data);
   void addChunk(ByteView chunk);
   void finishWrite();
 
-  void judgeTask(const std::string& name);
-  void judgeOpening(const std::optional<Input>& input);
-  void judgeBlock(const std::optional<Input>& input);
-  void judgeRepeat(const Bytes& start);
-  void judgeSecureBlock(const std::optional<Input>& input);
+  void checkTask(const std::string& name);
+  void checkOpening(const std::optional<Input>& input);
+  void checkBlock(const std::optional<Input>& input);
+  void checkRepeat(const Bytes& start);
+  void checkSecureBlock(const std::optional<Input>& input);
 
-  void blame(std::string breach) { breaches_.push_back(std::move(breach)); }
-  void note(std::string deviation);
+  void addBreach(std::string breach) { breaches_.push_back(std::move(breach)); }
+  void addDeviation(std::string deviation);
 
   bool version_read_ = false;
   std::optional<RegisterWrite> open_write_;
@@ -85,8 +87,8 @@ class HostJudge {
   std::optional<Task> task_;          // the last one that was started
 
   Stage stage_ = Stage::closed;
-  // The power went during an update. The host can't tell that from refused requests, so nothing
-  // but SFWi is judged by what came before it.
+  // The power went while an update may have been under way. The host can't tell that from refused
+  // requests, so nothing but SFWi is checked against what came before it.
   bool interrupted_ = false;
   std::size_t secure_blocks_ = 0;  // those that the device has confirmed
   Bytes confirmed_block_;          // the last whole block that the device has confirmed
