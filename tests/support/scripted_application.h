@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -29,8 +30,11 @@ class ScriptedMainThread {
   void note(const std::string& line) {
     transcript_.note(line + (std::this_thread::get_id() == thread_ ? "" : " [job]"));
   }
+  void expectMain(const std::string& what) {
+    EXPECT_EQ(std::this_thread::get_id(), thread_) << what;
+  }
   void noteOnMain(const std::string& line) {
-    EXPECT_EQ(std::this_thread::get_id(), thread_) << line;
+    expectMain(line);
     note(line);
   }
   void async(std::function<void()> step) {
@@ -95,7 +99,10 @@ class ScriptedControl final : public Button,
     if (kBeside.contains(name_)) return setStatus({}, text);
     main_thread_.noteOnMain(name_ + ": " + std::string(text));
   }
-  void setStatus(StatusKind, std::string_view text) override { shown_ = text; }
+  void setStatus(StatusKind, std::string_view text) override {
+    main_thread_.expectMain(name_);
+    shown_ = text;
+  }
   void setDoubleValue(double value) override {
     main_thread_.noteOnMain(name_ + ": " + std::to_string(value));
   }
@@ -109,7 +116,7 @@ class ScriptedControl final : public Button,
 inline std::string describe(const Rect& frame) {
   std::string text;
   for (const double value : {frame.origin.x, frame.origin.y, frame.size.width, frame.size.height})
-    text.append(" ").append(std::to_string(static_cast<int>(value)));
+    text.append(" ").append(std::to_string(std::lround(value)));
   return text;
 }
 
