@@ -8,11 +8,9 @@
 #include "app_shell/power_cycle_check.h"
 #include "app_shell/progress_window.h"
 #include "app_shell/update_pace.h"
-#include "simulator/device/faulty_qm5.h"
 #include "support/linked_device.h"
 #include "support/named_cases.h"
 #include "support/scripted_application.h"
-#include "support/whole_app.h"
 
 namespace qm5::test {
 namespace {
@@ -202,82 +200,59 @@ TEST_F(Bus, IsKnownRightWhateverTheOrderOfPosts) {
   }
 }
 
-// The arrival and the removal of the updated QM5 are reported while the dialog comes up.
-TEST_F(Bus, SaysWhyTheQM5WasNotAskedAfterThePowerCycle) {
+// The arrival and the removal of the updated QM5 are reported while the dialog comes up, which has
+// no room. What a QM5 reports that answers, the sweep of faults tells.
+TEST_F(Bus, AsksTheQM5OnceThatCameBackToItsPortOrSaysWhyNot) {
+  const std::string off =
+      "The QM5 is off or unplugged. Waiting for it to come back at the same USB port.";
   std::uint64_t id = 1;
-  for (const std::string obstacle : {"the computer had no thread", "another QM5 was connected"}) {
+  for (const std::string end :
+       {", but the computer had no thread", ", but another QM5 was connected",
+        " and did not report its version. Start the updater again"}) {
+    const bool is_asked = end.starts_with(" and");
     const auto check = PowerCycleCheck::follow();
     const auto finish = [&] {
-      check->begin({.dialog = application.makeWindow({}, WindowStyle::titled),
-                    .fallback = {},
+      const auto dialog = std::make_shared<ScriptedWindow>(application, "finish", Rect());
+      dialog->has_room = false;
+      application.shown["runStatus"].clear();
+      check->begin({.dialog = dialog,
+                    .fallback = application.main->statusIndicator("runStatus"),
                     .device = status->state(),
                     .expected_version = "4208",
                     .submit = [&](const std::function<void()>& job) {
-                      if (obstacle.ends_with("thread")) return false;
-                      announce(99);
-                      job();
-                      return true;
+                      if (!end.ends_with("thread")) job();
+                      return !end.ends_with("thread");
                     }});
-      return shownIn("powerCycle");
+      return shownIn("runStatus");
     };
-    application.shown["powerCycle"].clear();
     announce(id);
     EXPECT_EQ(finish(), "");
     arrive(id);
     remove(id);
-    const std::string off = shownIn("powerCycle");
-    EXPECT_TRUE(off.starts_with("The QM5 is off or unplugged."));
+    EXPECT_EQ(shownIn("runStatus"), off);
     arrive(id + 1);
-    EXPECT_EQ(shownIn("powerCycle"), off) << "at another port";
+    EXPECT_EQ(shownIn("runStatus"), off) << "at another port";
     announce(id);  // as when the Driver has not heard of the removal yet
-    application.shown["powerCycle"].clear();
     EXPECT_EQ(finish(), off);
+    clock.during_sleep = [&](double) {
+      EXPECT_EQ(application.shown["runStatus"], "The QM5 is back. Its version is being read.");
+      is_asked ? remove(id + 2) : announce(99);
+    };
     arrive(id + 2, id + 1);
-    EXPECT_TRUE(shownIn("powerCycle").starts_with("The QM5 came back, but " + obstacle));
+    if (is_asked) {
+      EXPECT_EQ(shownIn("runStatus"), off) << "it left at once";
+      clock.during_sleep = {};
+      device.expectRead(0x06, 9, std::nullopt);
+      for (const std::uint64_t again : {id + 3, id + 4}) {
+        arrive(again, id + 1);
+        EXPECT_TRUE(shownIn("runStatus").starts_with("The QM5 came back and did not"));
+        remove(again);
+      }
+      EXPECT_EQ(clock.takeSleeps(), (std::vector<double>{1.0, 1.0, 1.0}));
+    }
+    EXPECT_TRUE(shownIn("runStatus").starts_with("The QM5 came back" + end));
     id += 3;
   }
-}
-
-// What the QM5 then reports in all cases, the sweep of faults tells.
-TEST(AfterThePowerCycle, TheVersionIsReadOnceASecondAfterTheQM5CameBackToItsPort) {
-  const std::string off =
-      "The QM5 is off or unplugged. Waiting for it to come back at the same USB port.";
-  const std::string no_version =
-      "The QM5 came back and did not report its version. Start the updater again and repeat "
-      "the update.";
-  FaultyQm5 qm5;
-  WholeApp app(smallImage());
-  app.bus.plug(qm5);
-  examine(global_driver->deviceInfo()->id, kIOReturnSuccess, "1-1");
-  const auto wait_for = [&](const std::string& text) {
-    app.application.runUntilShown("runStatus", [&](const auto& shown) { return shown == text; });
-  };
-  bool leaves_at_once = false;
-  app.during_sleep = [&] {
-    if (std::exchange(leaves_at_once, false)) app.bus.unplug();
-  };
-  app.during_finish_dialog = [&] {
-    app.application.finish->has_room = false;
-    app.clock.takeSleeps();
-    const std::size_t asked = qm5.requestCount();
-    qm5.addFault({.kind = FaultKind::stall, .number = asked + 1});
-    app.bus.unplug();
-    wait_for(off);
-    leaves_at_once = true;
-    for (const std::string& end : {off, no_version}) {
-      EXPECT_EQ(qm5.requestCount(), asked);
-      app.bus.plug(qm5);
-      wait_for("The QM5 is back. Its version is being read.");
-      wait_for(end);
-    }
-    EXPECT_EQ(app.clock.takeSleeps(), (std::vector<double>{1.0, 1.0}));
-    app.bus.unplug();
-    app.bus.plug(qm5);
-    app.application.drain();
-    wait_for(no_version);
-    EXPECT_EQ(qm5.requestCount(), asked + 1);
-  };
-  app.update();
 }
 
 }  // namespace
