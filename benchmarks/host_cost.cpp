@@ -5,10 +5,10 @@
 
 #include <cstdio>
 
+#include "benchmarks/unsigned_image.h"
 #include "device_link/vendor_requests.h"
 #include "tests/support/allocation_count.h"
 #include "tests/support/ready_qm5.h"
-#include "tests/support/unsigned_image.h"
 #include "update_engine/unsecure_flow.h"
 
 namespace qm5 {

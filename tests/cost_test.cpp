@@ -6,7 +6,6 @@
 #include "platform/system_log.h"
 #include "support/allocation_count.h"
 #include "support/ready_qm5.h"
-#include "support/unsigned_image.h"
 #include "update_engine/unsecure_flow.h"
 
 namespace qm5::test {
@@ -17,8 +16,11 @@ TEST(BlockCost, IsWhatTheProtocolTakesAndNeverMore) {
   setConsole([](std::string_view) {});
   setSystemLog([](std::string_view) {});
   constexpr std::size_t kBlocks = 256;
+  Bytes new_blocks;
+  for (std::size_t i = 0; i < kBlocks; ++i)
+    new_blocks.insert(new_blocks.end(), 64, static_cast<std::uint8_t>(i));
   for (const auto& [payload, requests_per_block] :
-       {std::pair{newBlocks(kBlocks), 11U}, {Bytes(kBlocks * 64, 0xFF), 4U}}) {
+       {std::pair{new_blocks, 11U}, {Bytes(kBlocks * 64, 0xFF), 4U}}) {
     const std::size_t requests = device.requestCount();
     const std::size_t allocations = allocationCount();
     ASSERT_TRUE(common_update(*global_driver, payload, [](std::string_view, double) {}));
