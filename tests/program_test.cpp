@@ -15,7 +15,6 @@
 
 #include "app_shell/main_storyboard.h"
 #include "app_shell/package/file_package.h"
-#include "app_shell/qt/alert_dialog.h"
 #include "app_shell/qt/qt_application.h"
 #include "app_shell/wakefulness/sleep_inhibitor.h"
 #include "device_link/driver.h"
@@ -121,19 +120,6 @@ class Program : public testing::Test {
     // Not inside the question: what the press starts may take as long as a modal run.
     application->mainQueueAsync([title] { pressable(title)->click(); });
   }
-  // Waits for an alert and returns what it says.
-  std::string alert() {
-    std::string text;
-    EXPECT_TRUE(eventually([&] {
-      const auto* dialog = qobject_cast<AlertDialog*>(QApplication::activeModalWidget());
-      text.clear();
-      if (!dialog) return false;
-      for (const auto* label : dialog->findChildren<QLabel*>())
-        text += (text.empty() ? "" : " | ") + label->text().toStdString();
-      return true;
-    }));
-    return text;
-  }
   void awaitDevice() {
     ASSERT_TRUE(eventually([] { return global_driver->deviceInfo().has_value(); }));
   }
@@ -212,14 +198,8 @@ TEST_F(Program, SurvivesAnUnplugAtAnyMomentAndTheNextRunSucceeds) {
       awaitDevice();
       qm5.addFault({.kind = FaultKind::unplug, .number = qm5.requestCount() + moment});
       press("Next");
-      EXPECT_EQ(alert(),
-                moment == 1
-                    ? "Get customer version error ! | There is no QM5 connected!\nCheck "
-                      "your QM5 connection then try again."
-                    : "Flash firmware error | Flash ti dmc firmware error, please try again.")
-          << moment;
-      ASSERT_TRUE(eventually([] { return !global_driver->deviceInfo().has_value(); }));
-      press("OK");
+      ASSERT_TRUE(eventually([] { return !global_driver->deviceInfo().has_value(); })) << moment;
+      press("OK");  // of its alert
       qm5.clearRequests();
     }
     bus.plug();
