@@ -231,6 +231,7 @@ TEST_F(Bus, AsksTheQM5OnceThatCameBackToItsPortOrSaysWhyNot) {
     remove(id);
     EXPECT_EQ(shownIn("runStatus"), off);
     arrive(id + 1);
+    examine(99 + id, kIOReturnError, "1-1");  // an update never went to this one
     EXPECT_EQ(shownIn("runStatus"), off) << "at another port";
     announce(id);  // as when the Driver has not heard of the removal yet
     EXPECT_EQ(finish(), off);
