@@ -229,12 +229,12 @@ class ProgramDeathTest : public Program, public testing::WithParamInterface<Quit
     EmulatedBus bus(qm5);
     bus.plug();
     application->ends_process = true;
-    alarm(20);  // far less than what the job waits for
+    alarm(45);  // far less than what the job waits for
     run([&, awaited = requests, titles = presses] {
       awaitDevice();
       for (const QString& title : titles) {
         while (title == "Abort" && qm5.requestCount() < awaited) std::this_thread::sleep_for(1ms);
-        EXPECT_TRUE(eventually([&] { return pressable(title) != nullptr; }));
+        EXPECT_TRUE(eventually([&] { return pressable(title) != nullptr; })) << title.toStdString();
         if (HasFailure()) std::_Exit(7);  // the parent sees the status alone
         press(title);
       }

@@ -288,6 +288,15 @@ TEST_F(Shell, AsksOnceBeforeItEndsAndWithoutARunEndsAtASignal) {
   EXPECT_EQ(transcript.take().back(), "terminate");
 }
 
+TEST_F(Shell, TellsOfADeviceOnceTheDriverHasIt) {
+  start();
+  const auto examined = NotificationCenter::defaultCenter().addObserver(
+      USBDeviceExamined, [](const Notification&) { EXPECT_TRUE(global_driver->deviceInfo()); });
+  attach(0x4201);
+  application.drain();
+  EXPECT_EQ(application.shown["deviceStatus"], "A QM5 is connected.");
+}
+
 TEST_F(Shell, SaysThatAnotherDeviceCameDuringTheUpdateAndNotThatOneLeft) {
   start();
   attach(0x4201);
