@@ -5,10 +5,10 @@
 
 #include <cstdio>
 
+#include "benchmarks/unsigned_image.h"
 #include "device_link/vendor_requests.h"
 #include "tests/support/allocation_count.h"
 #include "tests/support/ready_qm5.h"
-#include "tests/support/unsigned_image.h"
 #include "update_engine/unsecure_flow.h"
 
 namespace qm5 {
@@ -22,11 +22,11 @@ ReadyLink& link() {
 // Runs `work`, which is for `blocks` blocks, and counts.
 template <typename Work>
 void measure(benchmark::State& state, std::size_t blocks, Work work) {
-  const std::size_t requests = link().device.requests().sum();
+  const std::size_t requests = link().device.requestCount();
   const std::size_t allocations = allocationCount();
   for ([[maybe_unused]] auto _ : state) work();
   const auto all = static_cast<double>(state.iterations()) * static_cast<double>(blocks);
-  state.counters["requests"] = static_cast<double>(link().device.requests().sum() - requests) / all;
+  state.counters["requests"] = static_cast<double>(link().device.requestCount() - requests) / all;
   state.counters["allocations"] = static_cast<double>(allocationCount() - allocations) / all;
   state.SetItemsProcessed(static_cast<std::int64_t>(all));
 }

@@ -7,9 +7,9 @@
 #include <ctime>
 
 #include "benchmarks/peak_memory.h"
+#include "benchmarks/unsigned_image.h"
 #include "platform/system_log.h"
 #include "tests/support/ready_qm5.h"
-#include "tests/support/unsigned_image.h"
 #include "update_engine/secure_flow.h"
 
 namespace qm5 {

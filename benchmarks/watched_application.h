@@ -14,7 +14,7 @@
 #include "app_shell/package/file_package.h"
 #include "app_shell/qt/qt_application.h"
 #include "app_shell/wakefulness/sleep_inhibitor.h"
-#include "tests/support/unsigned_image.h"
+#include "benchmarks/unsigned_image.h"
 
 namespace qm5 {
 

@@ -43,6 +43,7 @@ constexpr std::uint8_t USBmakebmRequestType(int direction, int type, int recipie
                                    ((static_cast<unsigned>(type) & 0x03) << 5) |
                                    (static_cast<unsigned>(recipient) & 0x1F));
 }
+static_assert(USBmakebmRequestType(1, 2, 0) == 0xC0 && USBmakebmRequestType(2, 6, 33) == 0x41);
 
 /// Filter entry: selects the devices with this vendor and product identifier.
 struct USBMonitorData {

@@ -200,6 +200,8 @@ TEST(Lines, WaitForAReaderWhoHasStoppedAndThenSayHowManyWereLeftOut) {
   EXPECT_GT(count * tail.size(), LineWriter::kBytesKept / 2);
 }
 
+std::atomic<const char*> identity = nullptr;  // under which the system log gets entries
+
 TEST(Lines, AreWrittenInTheirOrderOnBothStreams) {
   testing::internal::CaptureStderr();
   const int standard_output = dup(STDOUT_FILENO);
@@ -216,6 +218,8 @@ TEST(Lines, AreWrittenInTheirOrderOnBothStreams) {
     if (i % 7 == 0) all.append("entry " + std::to_string(i) + "\n");
   }
   EXPECT_EQ(testing::internal::GetCapturedStderr(), all);
+  while (identity == nullptr) std::this_thread::yield();
+  EXPECT_STREQ(identity, "qm5-updater");
   EXPECT_DEATH(fatal("why"), "qm5-updater: fatal error: why\n");
 }
 
@@ -337,3 +341,8 @@ TEST(BusClaim, IsAnsweredByItsOwnerWhoLearnsOfEachLaterStart) {
 
 }  // namespace
 }  // namespace qm5::test
+
+// In place of the C library's.
+extern "C" void openlog(const char* name, int, int) {
+  qm5::test::identity = name;
+}

@@ -1,4 +1,6 @@
 // Tasks, both flows and the image layout, down to the control requests that they make.
+#include <sstream>
+
 #include "support/linked_device.h"
 #include "support/named_cases.h"
 #include "update_engine/byte_groups.h"
@@ -54,13 +56,11 @@ TEST_F(Engine, DecodesRepliesEachTaskInItsOwnWay) {
                                      {"engr_key_present", 1},
                                      {"new_flash_region", 1}}));
   EXPECT_EQ(transcript.take(), Lines{"out: sfwi: result=440102fd030405"});
-  const auto block_reply = [&](std::uint8_t length, std::uint8_t result) {
-    expectSFWd({9}, Bytes{length, result});
-    return sfwd(Bytes{9});
-  };
-  EXPECT_EQ(block_reply(0x4F, 0x80), (ReplyDictionary{{"result", 0}, {"more_data_expected", 1}}));
-  EXPECT_EQ(block_reply(1, 0), (ReplyDictionary{{"result", 0}, {"more_data_expected", 0}}));
-  EXPECT_EQ(block_reply(1, 6), (ReplyDictionary{{"result", 6}, {"more_data_expected", 1}}));
+  for (const auto& [reply, result, more] :
+       {std::tuple{Bytes{0x4F, 0x80}, 0U, 1U}, {Bytes{1, 0}, 0U, 0U}, {Bytes{1, 6}, 6U, 1U}}) {
+    expectSFWd({9}, reply);
+    EXPECT_EQ(sfwd(Bytes{9}), (ReplyDictionary{{"result", result}, {"more_data_expected", more}}));
+  }
   EXPECT_EQ(transcript.take(), Lines{});
   expectSFWs({9}, padded({0x0A, 0x85, 0x12, 0x0E}, 11));
   EXPECT_EQ(sfws(Bytes{9}), (ReplyDictionary{{"result", 5},
@@ -119,17 +119,10 @@ TEST_F(Engine, SendsARepeatedChunkAsItsFirstFourBytes) {
 }
 
 TEST_F(Engine, RetriesABlockOnceAfterAPauseAndPrintsTheSecondFailure) {
-  const std::map<std::uint8_t, std::string> names = {{0x4, "FAIL_FLASH_ERASE_WRITE_ERROR"},
-                                                     {0x6, "FAIL_SFWI_NOT_RUN_FIRST"},
-                                                     {0x7, "FAIL_TOO_MUCH_DATA"},
-                                                     {0x8, "FAIL_ACE_ID_NOT_IN_HEADER"},
-                                                     {0x9, "FAIL_BINARY_TOO_LARGE"},
-                                                     {0xA, "FAIL_DEVICE_ID_MISMATCH"},
-                                                     {0xB, "0xB"},
-                                                     {0xC, "0xC"},
-                                                     {0xD, "FAIL_FLASH_ERROR_READ_ONLY"},
-                                                     {0xE, "0xE"},
-                                                     {0xF, "FAIL_UNKNOWN_ERROR"}};
+  std::istringstream names(
+      "0x1 0x2 0x3 FAIL_FLASH_ERASE_WRITE_ERROR 0x5 FAIL_SFWI_NOT_RUN_FIRST FAIL_TOO_MUCH_DATA "
+      "FAIL_ACE_ID_NOT_IN_HEADER FAIL_BINARY_TOO_LARGE FAIL_DEVICE_ID_MISMATCH 0xB 0xC "
+      "FAIL_FLASH_ERROR_READ_ONLY 0xE FAIL_UNKNOWN_ERROR");
   const Bytes block(64, 1);
   const auto expect_retry = [&](const Reply& first, const Reply& second, const std::string& why) {
     expectSFWi();
@@ -143,11 +136,9 @@ TEST_F(Engine, RetriesABlockOnceAfterAPauseAndPrintsTheSecondFailure) {
     if (!why.empty()) lines.push_back("out: SFWd Failed with task_result: " + why);
     EXPECT_EQ(transcript.take(), afterOpening(lines));
   };
-  for (std::uint8_t code = 1; code < 16; ++code) {
-    const auto name = names.find(code);
-    expect_retry(Bytes{0x40, 6}, Bytes{0x40, code},
-                 name == names.end() ? "0x" + std::to_string(code) : name->second);
-  }
+  std::string name;
+  for (std::uint8_t code = 1; names >> name; ++code)
+    expect_retry(Bytes{0x40, 6}, Bytes{0x40, code}, name);
   expect_retry(Bytes{0x40, 6}, std::nullopt, "no result");
   expect_retry(std::nullopt, Bytes{0x40, 0}, "");
   EXPECT_EQ(rawValue(SFWdReturnCodeFromRawValue(13).value()), 13U);
@@ -164,62 +155,74 @@ Bytes makeImage() {
 TEST_F(Engine, RefusesAnImageByLengthFirstAndThenByItsMagic) {
   const auto expect_refusal = [this](const Bytes& image, const std::string& line) {
     EXPECT_FALSE(secure_update_binary(*global_driver, image, progress, "pss", false));
-    EXPECT_EQ(transcript.take(), Lines{"out: " + line});
+    EXPECT_EQ(transcript.take(), Lines{"out: Invalid binary " + line});
   };
-  expect_refusal({}, "Invalid binary file. Binary file length:0");
-  expect_refusal(Bytes(771), "Invalid binary file. Binary file length:771");
+  expect_refusal({}, "file. Binary file length:0");
+  expect_refusal(Bytes(771), "file. Binary file length:771");
   for (std::size_t i = 0; i < 4; ++i) {
     Bytes image = makeImage();
     image[i] ^= 1;
-    expect_refusal(image, "Invalid binary header.");
+    expect_refusal(image, "header.");
   }
+  // A payload of less than one block has no percentage, which is a broken precondition.
+  const auto update = [this] {
+    expectSFWi();
+    common_update(*global_driver, Bytes(63), progress);
+  };
+  EXPECT_DEATH(update(), "fatal error: progress of less than one chunk");
 }
 
 TEST_F(Engine, SendsSignatureThenKeyUnlessThePaddingIsAnother) {
   std::string signature = "out: RSA signature: ";
   for (const char* digits : {"07", "08", "09", "0a", "0b", "0c"})
     for (int i = 0; i < 64; ++i) signature += digits;
-  for (const std::string padding : {"pss", "PSS", ""}) {
+  for (const std::string padding : {"pss", "PSS"}) {
     Lines lines = {signature,
-                   "log: Sending SFWi for unsecure_update flow",
-                   "out: sfwi: result=40000000000000",
+                   kOpened[0],
+                   kOpened[1],
                    "progress: Sending SFWi data 1.000000",
-                   "out: SFWi returned: 0x0",
+                   kOpened[2],
                    "progress: Writing SFWd chunk:0 0.000000",
                    "out: Writing SFWd chunk 0"};
     expectSFWi();
     expectSFWd(Bytes(64, 0x77));
-    const auto expect_block = [&](std::uint8_t fill, const std::string& title,
-                                  const std::string& sending) {
-      expectSFWs(Bytes(64, fill), padded({0x40, 0x80, 7}, 11));
-      lines.push_back("progress: Update " + title + " 99.000000");
-      lines.push_back("out: Sending SFWs " + sending);
-      lines.emplace_back("out: SFWs: read_back: [64, 128, 7, 0, 0, 0, 0, 0, 0, 0, 0]");
+    const auto expect_stage = [&](std::uint8_t first, const std::string& title,
+                                  const std::string& sending, const std::string& sent) {
+      for (std::uint8_t i = 0; i < 6; ++i) {
+        const std::string number = std::to_string(i);
+        expectSFWs(Bytes(64, first + i), padded({0x40, 0x80, 7}, 11));
+        lines.push_back("progress: Update " + title + number + " 99.000000");
+        lines.push_back("out: Sending SFWs " + sending + number);
+        lines.emplace_back("out: SFWs: read_back: [64, 128, 7, 0, 0, 0, 0, 0, 0, 0, 0]");
+        if (!sent.empty()) lines.push_back(sent + number);
+      }
     };
-    for (std::uint8_t i = 0; i < 6; ++i) {
-      const std::string number = std::to_string(i);
-      expect_block(i + 7, "SFWs secure data:" + number, "chunk_number=" + number);
+    expect_stage(7, "SFWs secure data:", "chunk_number=", "");
+    if (padding == "pss") {
+      lines.emplace_back("out: Initiating SFWs completion, sending signature");
+      expect_stage(1, "PSS secure data:", "chunk_number:", "out: SFWs public key chunk ");
     }
-    if (padding == "pss") lines.emplace_back("out: Initiating SFWs completion, sending signature");
-    for (std::uint8_t i = 0; padding == "pss" && i < 6; ++i) {
-      const std::string number = std::to_string(i);
-      expect_block(i + 1, "PSS secure data:" + number, "chunk_number:" + number);
-      lines.push_back("out: SFWs public key chunk " + number);
-    }
-    lines.insert(lines.end(), {"progress: secure_update complete SUCCESS 100.000000",
-                               "log: SWFs completed SUCCESSFULLY"});
+    lines.emplace_back("progress: secure_update complete SUCCESS 100.000000");
+    lines.emplace_back("log: SWFs completed SUCCESSFULLY");
     EXPECT_TRUE(secure_update_binary(*global_driver, makeImage(), progress, padding, true));
     EXPECT_EQ(transcript.take(), lines);
   }
 }
 
-TEST_F(Engine, ReportsTheOpeningTaskBeforeItsFailure) {
+TEST_F(Engine, TellsOfAReplyBeforeItsFailure) {
   expectSFWi(padded({0x4A, 0xFF}, 7));
   EXPECT_FALSE(common_update(*global_driver, Bytes(64), progress));
-  EXPECT_EQ(
-      transcript.take(),
-      (Lines{kOpened[0], "out: sfwi: result=4aff0000000000", "progress: Sending SFWi data 1.000000",
-             "out: SFWi returned: 0xA", "out: SFWi Failed with task_result: FAIL_UNKNOWN_ERROR"}));
+  Lines lines = transcript.take();
+  EXPECT_EQ(lines[2], "progress: Sending SFWi data 1.000000");
+  EXPECT_EQ(lines[4], "out: SFWi Failed with task_result: FAIL_UNKNOWN_ERROR");
+  expectSFWi();
+  expectSFWd(Bytes(64, 0x77));
+  for (std::uint8_t fill = 7; fill < 13; ++fill) expectSFWs(Bytes(64, fill));
+  expectSFWs(Bytes(64, 1), padded({0x40, 5}, 11));
+  EXPECT_FALSE(secure_update_binary(*global_driver, makeImage(), {}, "pss", false));
+  lines = transcript.take();
+  EXPECT_EQ(Lines(lines.end() - 2, lines.end()),
+            (Lines{"out: SFWs public key chunk 0", "out: SFWs signature sending failed: 0x5"}));
 }
 
 }  // namespace

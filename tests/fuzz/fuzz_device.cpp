@@ -21,25 +21,15 @@ class StreamedQm5 final : public ControlEndpoint {
   }
   void powerCycle() override { model_.powerCycle(); }
   ControlResult control(const ControlSetup& setup, ByteView data) override {
-    switch (next()) {
-      case 1:
-        return {ControlStatus::stall};
-      case 2:
-        return {ControlStatus::gone};
-      case 3:
-        return {ControlStatus::gone, {}, true};
-      case 4:
-        return {ControlStatus::pending};
-      case 5:
-        model_.hang();
-        break;
-      case 6:
-        return madeUp(setup);
-      case 7:
-        return changed(model_.control(setup, data));
-      default:
-        break;
-    }
+    static const ControlResult kFailures[] = {{ControlStatus::stall},
+                                              {ControlStatus::gone},
+                                              {ControlStatus::gone, {}, true},
+                                              {ControlStatus::pending}};
+    const std::size_t decision = next();
+    if (decision >= 1 && decision <= std::size(kFailures)) return kFailures[decision - 1];
+    if (decision == 5) model_.hang();
+    if (decision == 6) return madeUp(setup);
+    if (decision == 7) return changed(model_.control(setup, data));
     return model_.control(setup, data);
   }
 

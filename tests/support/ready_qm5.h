@@ -16,17 +16,6 @@ namespace qm5 {
 
 class ReadyQm5 final : public IOUSBDeviceStruct942 {
  public:
-  /// Counts of the requests so far.
-  struct Requests {
-    std::size_t data_writes = 0;
-    std::size_t command_writes = 0;
-    std::size_t polls = 0;
-    std::size_t data_reads = 0;
-    std::size_t others = 0;
-    bool operator==(const Requests&) const = default;
-    std::size_t sum() const { return data_writes + command_writes + polls + data_reads + others; }
-  };
-
   /// Announces it to the links of the process. It must outlive their last request.
   void attach() {
     NotificationCenter::defaultCenter().post(
@@ -34,14 +23,14 @@ class ReadyQm5 final : public IOUSBDeviceStruct942 {
          Dictionary{{"device", USBDevice{1, 0x0451, 0xACE1, "QM5", &device_, nullptr}}}});
   }
 
-  const Requests& requests() const { return requests_; }
+  std::size_t requestCount() const { return request_count_; }
 
   IOReturn USBDeviceOpen() override { return kIOReturnSuccess; }
   IOReturn GetDeviceVendor(std::uint16_t&) override { return kIOReturnSuccess; }
   IOReturn GetDeviceProduct(std::uint16_t&) override { return kIOReturnSuccess; }
   IOReturn DeviceRequest(IOUSBDevRequest& request) override {
     const bool is_read = (request.bmRequestType & 0x80) != 0;
-    ++counter(request.wValue, is_read);
+    ++request_count_;
     request.wLenDone = request.wLength;
     if (!is_read) return kIOReturnSuccess;
     // Every register but the version leads with its length and holds zeros: no command under
@@ -54,13 +43,7 @@ class ReadyQm5 final : public IOUSBDeviceStruct942 {
   }
 
  private:
-  std::size_t& counter(std::uint16_t address, bool is_read) {
-    if (address == 0x1F) return is_read ? requests_.data_reads : requests_.data_writes;
-    if (address == 0x1E) return is_read ? requests_.polls : requests_.command_writes;
-    return requests_.others;
-  }
-
-  Requests requests_;
+  std::size_t request_count_ = 0;
   IOUSBDeviceStruct942* device_ = this;
 };
 

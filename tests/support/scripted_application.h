@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -29,8 +30,11 @@ class ScriptedMainThread {
   void note(const std::string& line) {
     transcript_.note(line + (std::this_thread::get_id() == thread_ ? "" : " [job]"));
   }
+  void expectMain(const std::string& what) {
+    EXPECT_EQ(std::this_thread::get_id(), thread_) << what;
+  }
   void noteOnMain(const std::string& line) {
-    EXPECT_EQ(std::this_thread::get_id(), thread_) << line;
+    expectMain(line);
     note(line);
   }
   void async(std::function<void()> step) {
@@ -109,7 +113,10 @@ class ScriptedControl final : public Button,
     // No lines of these, as they follow bus and clock.
     if (!kBeside.contains(name_)) main_thread_.noteOnMain(name_ + ": " + shown_);
   }
-  void setStatus(StatusKind, std::string_view text) override { shown_ = text; }
+  void setStatus(StatusKind, std::string_view text) override {
+    main_thread_.expectMain(name_);
+    shown_ = text;
+  }
   void setDoubleValue(double value) override {
     shown_ = std::to_string(value);
     main_thread_.noteOnMain(name_ + ": " + shown_);
@@ -124,7 +131,7 @@ class ScriptedControl final : public Button,
 inline std::string describe(const Rect& frame) {
   std::string text;
   for (const double value : {frame.origin.x, frame.origin.y, frame.size.width, frame.size.height})
-    text.append(" ").append(std::to_string(static_cast<int>(value)));
+    text.append(" ").append(std::to_string(std::lround(value)));
   return text;
 }
 
