@@ -19,6 +19,7 @@
 #include "app_shell/wakefulness/sleep_inhibitor.h"
 #include "device_link/driver.h"
 #include "device_monitor/libusb/libusb_registry.h"
+#include "platform/fatal.h"
 #include "simulator/usb_bus/emulated_bus.h"
 #include "support/effort.h"
 #include "support/named_cases.h"
@@ -75,7 +76,9 @@ class Program : public testing::Test {
   static auto onMain(Question question) {
     std::promise<decltype(question())> answer;
     qm5::application().mainQueueAsync([&] { answer.set_value(question()); });
-    return answer.get_future().get();
+    auto reply = answer.get_future();
+    if (reply.wait_for(kPatience) == std::future_status::timeout) fatal("the main thread is stuck");
+    return reply.get();
   }
   // Runs the program while `person` does things; returns when the program has ended.
   void run(const std::function<void()>& person) {
