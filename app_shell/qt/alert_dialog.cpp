@@ -1,15 +1,17 @@
 #include "app_shell/qt/alert_dialog.h"
 
+#include <QCoreApplication>
 #include <QDialogButtonBox>
-#include <QGridLayout>
-#include <QLabel>
+#include <QHBoxLayout>
 #include <QPushButton>
+#include <QVBoxLayout>
 #include <utility>
 
 #include "app_shell/qt/accessible_role.h"
 #include "app_shell/qt/press_guard.h"
 #include "app_shell/qt/qt_text.h"
 #include "app_shell/qt/status_sign.h"
+#include "app_shell/qt/text_label.h"
 
 namespace qm5 {
 
@@ -28,9 +30,8 @@ QString withMnemonic(const QString& title, QString& taken) {
   return marked;
 }
 
-QLabel* plainLabel(const std::string& text) {
-  auto* label = new QLabel;
-  label->setTextFormat(Qt::PlainText);
+TextLabel* labelOf(const std::string& text) {
+  auto* label = new TextLabel;
   label->setText(qtText(text));
   return label;
 }
@@ -38,7 +39,7 @@ QLabel* plainLabel(const std::string& text) {
 }  // namespace
 
 AlertDialog::AlertDialog(const Alert& alert, AlertCompletion completion, QWidget* parent)
-    : QDialog(parent),
+    : FittingDialog(parent),
       completion_(std::move(completion)),
       last_response_(kAlertFirstButtonReturn + static_cast<int>(alert.otherButtons.size())),
       comes_unasked_(alert.comesUnasked),
@@ -46,35 +47,40 @@ AlertDialog::AlertDialog(const Alert& alert, AlertCompletion completion, QWidget
   PressGuard::start();
   setAccessibleRole<AlertDialog, QAccessible::AlertMessage>();
   setAttribute(Qt::WA_DeleteOnClose);
-  if (parent) setWindowTitle(parent->windowTitle());
-  addTexts(alert);
+  setWindowTitle(parent ? parent->windowTitle() : QCoreApplication::applicationName());
+  QLayout& texts = addTexts(alert);
   addButtons(alert);
+  completeLayout(texts);
 }
 
 AlertDialog::~AlertDialog() {
   if (completion_) completion_(kModalResponseAbort);
 }
 
-void AlertDialog::show(const Alert& alert, AlertCompletion completion, QWidget& parent) {
-  (new AlertDialog(alert, std::move(completion), &parent))->open();
+void AlertDialog::show(const Alert& alert, AlertCompletion completion, QWidget* parent) {
+  (new AlertDialog(alert, std::move(completion), parent))->open();
 }
 
-void AlertDialog::addTexts(const Alert& alert) {
-  auto* layout = new QGridLayout(this);
-  layout->setSizeConstraint(QLayout::SetFixedSize);
-  layout->setContentsMargins(24, 24, 24, 20);
-  layout->setHorizontalSpacing(20);
-  layout->setVerticalSpacing(10);
-  QLabel* message = plainLabel(alert.messageText);
+QLayout& AlertDialog::addTexts(const Alert& alert) {
+  TextLabel* message = labelOf(alert.messageText);
   QFont bold = message->font();
   bold.setBold(true);
   message->setFont(bold);
-  layout->addWidget(new StatusSign(StatusKind::caution, 2.5, this), 0, 0, 2, 1, Qt::AlignTop);
-  layout->addWidget(message, 0, 1);
-  layout->addWidget(plainLabel(alert.informativeText), 1, 1, Qt::AlignTop);
-  layout->setColumnStretch(1, 1);
-  layout->setRowMinimumHeight(2, 6);
-  layout->addWidget(buttons_, 3, 0, 1, 2);
+  auto* texts = new QVBoxLayout;
+  texts->setSpacing(10);
+  texts->addWidget(message);
+  texts->addWidget(labelOf(alert.informativeText));
+  texts->addStretch(1);
+  auto* scrollable = new QHBoxLayout;
+  scrollable->setSpacing(20);
+  scrollable->addWidget(new StatusSign(StatusKind::caution, 2.5, this), 0, Qt::AlignTop);
+  scrollable->addLayout(texts, 1);
+  auto* layout = new QVBoxLayout(this);
+  layout->setContentsMargins(24, 24, 24, 20);
+  layout->setSpacing(24);
+  layout->addLayout(scrollable);
+  layout->addWidget(buttons_);
+  return *scrollable;
 }
 
 // The first button does what the alert asks about, the others leave it: the platform orders them
@@ -102,7 +108,7 @@ void AlertDialog::reject() {
 }
 
 void AlertDialog::showEvent(QShowEvent* event) {
-  QDialog::showEvent(event);
+  FittingDialog::showEvent(event);
   if (comes_unasked_) PressGuard::ignoreFirstPresses(*this);
 }
 

@@ -4,7 +4,7 @@
 
 namespace qm5 {
 
-HeadlineLabel::HeadlineLabel(QWidget* parent) : QLabel(parent) {
+HeadlineLabel::HeadlineLabel(QWidget* parent) : TextLabel(parent) {
   parent->installEventFilter(this);
 }
 
@@ -22,7 +22,7 @@ bool HeadlineLabel::eventFilter(QObject*, QEvent* event) {
 void HeadlineLabel::enlarge() {
   QFont font = parentWidget()->font();
   font.setPointSizeF(QFontInfo(font).pointSizeF() * scale_);
-  font.setWeight(QFont::DemiBold);
+  if (scale_ > 1) font.setWeight(QFont::DemiBold);
   setFont(font);
 }
 

@@ -10,11 +10,13 @@ std::unique_ptr<NativeWindow> makeMainLayout() {
   auto window = std::make_unique<NativeWindow>(NativeWindow::Closing::byPerson, nullptr);
   Ui::Main layout;
   layout.setupUi(window.get());
-  showPicture(*layout.imgDevice, "qm5");
+  layout.imgDevice->setName("qm5");
+  layout.txtProgram->setText("QM5 Updater " QM5_VERSION);
   // The box puts the buttons where the desktop has them, which a layout file can't.
   layout.buttonBox->addButton(layout.btnNext, QDialogButtonBox::AcceptRole);
   layout.buttonBox->addButton(layout.btnExit, QDialogButtonBox::RejectRole);
   layout.btnNext->setFocus();
+  window->completeLayout(*layout.scrollable);
   return window;
 }
 
@@ -27,6 +29,7 @@ std::unique_ptr<NativeWindow> makeProgressLayout(QWidget* parent) {
   // to quit.
   layout.btnAbort->setAutoDefault(false);
   window->setFocusOnNothing();
+  window->completeLayout(*layout.scrollable);
   return window;
 }
 

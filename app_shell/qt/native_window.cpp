@@ -23,11 +23,10 @@ Qt::WindowFlags controls(NativeWindow::Closing closing) {
 }  // namespace
 
 NativeWindow::NativeWindow(Closing closing, QWidget* parent)
-    : QDialog(parent, controls(closing)), closing_(closing) {
+    : FittingDialog(parent, controls(closing)), closing_(closing) {
   PressGuard::start();
-  // A window that the person can't close is there to be run modally. Qt takes modality
-  // with the showing, which is before the run.
-  if (closing == Closing::byProgramOnly) setWindowModality(Qt::ApplicationModal);
+  // A window that the person can't close is there to be run modally, and is shown before the run.
+  if (closing == Closing::byProgramOnly) makeModal();
 }
 
 NativeWindow::~NativeWindow() {
@@ -58,6 +57,15 @@ void NativeWindow::setFocusOnNothing() {
   setFocusPolicy(Qt::StrongFocus);
 }
 
+// Qt takes a modality with the showing: a window that is on the screen without one is shown anew.
+void NativeWindow::makeModal() {
+  if (isModal()) return;
+  const bool is_on_screen = isVisible();
+  if (is_on_screen) FittingDialog::setVisible(false);
+  setWindowModality(Qt::ApplicationModal);
+  if (is_on_screen) FittingDialog::setVisible(true);
+}
+
 void NativeWindow::restore() {
   setWindowState(windowState() & ~Qt::WindowMinimized);
 }
@@ -80,7 +88,7 @@ void NativeWindow::setVisible(bool visible) {
     closeAttached();
     if (will_disappear_) will_disappear_();
   }
-  QDialog::setVisible(visible);
+  FittingDialog::setVisible(visible);
 }
 
 // Windows of the program's own that stand on this one are left to those who show them.
@@ -114,7 +122,7 @@ void NativeWindow::closeEvent(QCloseEvent* event) {
 
 // What is painted reaches the screen only at the end of the turn.
 void NativeWindow::paintEvent(QPaintEvent* event) {
-  QDialog::paintEvent(event);
+  FittingDialog::paintEvent(event);
   if (std::exchange(awaits_paint_, false)) after_paint_.start(0);
 }
 

@@ -1,13 +1,14 @@
 // A window as the desktop sees it, and who may take it off the screen.
 #pragma once
 
-#include <QDialog>
 #include <QTimer>
 #include <functional>
 
+#include "app_shell/qt/fitting_dialog.h"
+
 namespace qm5 {
 
-class NativeWindow : public QDialog {
+class NativeWindow : public FittingDialog {
   Q_OBJECT
 
  public:
@@ -38,6 +39,9 @@ class NativeWindow : public QDialog {
   /// The window itself has the focus when it comes up: keys press nothing until the person has
   /// moved to a button.
   void setFocusOnNothing();
+
+  /// Has the window block all others of the program from now on.
+  void makeModal();
 
   /// Restores it when it is minimised.
   void restore();

@@ -30,8 +30,8 @@ PointsView::PointsView(Size points, QWidget* parent) : QWidget(parent), points_(
 PointsView::~PointsView() = default;
 
 void PointsView::addImage(const ImageView& image) {
-  auto* view = new QLabel(this);
-  showPicture(*view, image.imageNamed);
+  auto* view = new Picture(this);
+  view->setName(image.imageNamed);
   place(view, image.frame, QSize());
 }
 
@@ -44,8 +44,10 @@ void PointsView::addLabel(const Label& label) {
     view->setFont(boldFont(view->font(), *label.boldSystemFontOfSize));
   }
   // Measured before it may wrap: the text's own line breaks are to stand.
-  const QSize needed = view->sizeHint();
+  QSize needed = view->sizeHint();
   view->setWordWrap(label.wraps);
+  // The button stands on the lowest sixth of the frame of several lines.
+  if (label.wraps) needed.setHeight(needed.height() * 5 / 4);
   place(view, label.frame, needed);
 }
 

@@ -30,7 +30,8 @@ void keepTextsOutOfTheLocale() {
 
 QIcon applicationIcon() {
   QIcon icon;
-  for (const char* size : {"32x32", "64x64", "128x128"}) {
+  for (const char* size :
+       {"16x16", "22x22", "24x24", "32x32", "48x48", "64x64", "128x128", "256x256"}) {
     icon.addFile(QStringLiteral("%1/../share/icons/hicolor/%2/apps/qm5-updater.png")
                      .arg(QCoreApplication::applicationDirPath(), QLatin1String(size)));
   }
@@ -118,10 +119,8 @@ void QtApplication::showNotice(int argc, char** argv, const Alert& alert) {
   QApplication::setDesktopFileName("qm5-updater");
   QApplication application(argc, argv);
   QApplication::setWindowIcon(applicationIcon());
-  QWidget unseen;
-  unseen.setWindowTitle("QM5 Updater");
   AlertDialog::show(
-      alert, [](int) { QApplication::exit(); }, unseen);
+      alert, [](int) { QApplication::exit(); }, nullptr);
   QApplication::exec();
 }
 
@@ -133,8 +132,8 @@ std::shared_ptr<Window> QtApplication::mainWindow() {
   return main_window_;
 }
 
-// The windows that can be run are modal by themselves, from their showing on.
-void QtApplication::runModalForWindow(const std::shared_ptr<Window>&) {
+void QtApplication::runModalForWindow(const std::shared_ptr<Window>& window) {
+  std::static_pointer_cast<QtWindow>(window)->native().makeModal();
   QEventLoop run;
   modal_runs_.push_back(&run);
   run.exec();

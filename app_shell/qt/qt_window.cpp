@@ -57,7 +57,7 @@ QtWindow::QtWindow(MainQueue& main_queue, Size content, QWidget* parent)
   auto* layout = new QVBoxLayout(native_.get());
   layout->setContentsMargins(QMargins());
   layout->setSpacing(0);
-  layout->setSizeConstraint(QLayout::SetFixedSize);
+  layout->setSizeConstraint(QLayout::SetNoConstraint);
   layout->addWidget(points_view_);
 }
 
@@ -164,16 +164,13 @@ std::shared_ptr<StatusIndicator> QtWindow::growStatusIndicator() {
     return nullptr;
   }
   qobject_cast<QVBoxLayout*>(native_->layout())->insertLayout(0, above);
-  native_->layout()->activate();
+  native_->fit();
   native_->move(before.topLeft() - QPoint(0, growth));
   grown_ = std::make_shared<QtStatusIndicator>(*box);
   return grown_;
 }
 
 void QtWindow::show() {
-  // The font may have changed since. A window that only then grows would lose the place that
-  // the window manager picks for it.
-  if (!native_->isVisible()) native_->adjustSize();
   native_->show();
 }
 
@@ -195,7 +192,7 @@ void QtWindow::beginSheet(const Alert& alert, AlertCompletion completion) {
   main_queue_.perform([window = weak_from_this(), alert, completion = std::move(completion)] {
     const auto kept = window.lock();
     if (!kept) return completion(kModalResponseAbort);
-    AlertDialog::show(alert, completion, *kept->native_);
+    AlertDialog::show(alert, completion, kept->native_.get());
   });
 }
 

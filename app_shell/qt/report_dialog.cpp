@@ -5,16 +5,19 @@
 #include <QDialogButtonBox>
 #include <QFileDialog>
 #include <QFontDatabase>
-#include <QLabel>
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QSaveFile>
-#include <QScreen>
+#include <QStyle>
 #include <QVBoxLayout>
+#include <algorithm>
 
 #include "app_shell/qt/alert_dialog.h"
+#include "app_shell/qt/colours.h"
+#include "app_shell/qt/fitting_dialog.h"
 #include "app_shell/qt/press_guard.h"
 #include "app_shell/qt/qt_text.h"
+#include "app_shell/qt/text_label.h"
 
 namespace qm5 {
 
@@ -32,14 +35,14 @@ ReportDialog::ReportDialog(const TextReport& report, QWidget* parent)
       text_(new QPlainTextEdit(qtText(report.text))) {
   PressGuard::start();
   setAttribute(Qt::WA_DeleteOnClose);
+  setLayoutDirection(Qt::LeftToRight);
   setWindowTitle(qtText(report.title));
   auto* layout = new QVBoxLayout(this);
-  layout->setContentsMargins(20, 20, 20, 16);
-  layout->setSpacing(12);
-  auto* introduction = new QLabel;
-  introduction->setTextFormat(Qt::PlainText);
+  const int line = fontMetrics().height();
+  layout->setContentsMargins(line * 4 / 3, line * 4 / 3, line * 4 / 3, line);
+  layout->setSpacing(line * 4 / 5);
+  auto* introduction = new TextLabel;
   introduction->setText(qtText(report.introduction));
-  introduction->setWordWrap(true);
   layout->addWidget(introduction);
   text_->setReadOnly(true);
   text_->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
@@ -50,15 +53,21 @@ ReportDialog::ReportDialog(const TextReport& report, QWidget* parent)
   text_->setAccessibleName(windowTitle());
   layout->addWidget(text_, 1);
   addButtons();
+  sizeButtons(*this);
+  keepPartsVisible(*this);
+  setFirstSize();
 }
 
 // In lines and columns, so that it grows with the font; the person may resize it.
-QSize ReportDialog::sizeHint() const {
+void ReportDialog::setFirstSize() {
   const QFontMetrics text = text_->fontMetrics();
-  const QSize wanted(kColumns * text.averageCharWidth(), kLines * text.lineSpacing());
-  constexpr QSize kAround(80, 160);          // margins, introduction and buttons
-  constexpr QSize kFramesAndPanels(40, 80);  // of the desktop's
-  return (wanted + kAround).boundedTo(screen()->availableSize() - kFramesAndPanels);
+  const QMargins around = layout()->contentsMargins();
+  const int frame = 2 * text_->frameWidth() + style()->pixelMetric(QStyle::PM_ScrollBarExtent);
+  const QSize room = roomOnScreen(*this);
+  const int columns = kColumns * text.averageCharWidth() + frame;
+  const int width = std::min(columns + around.left() + around.right(), room.width());
+  const int others = layout()->totalHeightForWidth(width) - text_->sizeHint().height();
+  resize(width, std::min(others + kLines * text.lineSpacing() + frame, room.height()));
 }
 
 void ReportDialog::addButtons() {
@@ -96,7 +105,7 @@ void ReportDialog::save(const QString& path) {
                        .firstButton = "OK",
                        .otherButtons = {}};
   AlertDialog::show(
-      alert, [](int) {}, *this);
+      alert, [](int) {}, this);
 }
 
 }  // namespace qm5

@@ -16,9 +16,8 @@ class ReportDialog : public QDialog {
  public:
   ReportDialog(const TextReport& report, QWidget* parent);
 
-  QSize sizeHint() const override;
-
  private:
+  void setFirstSize();
   void addButtons();
   void copy();
   void askWhereToSave();

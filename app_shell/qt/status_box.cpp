@@ -1,12 +1,13 @@
 #include "app_shell/qt/status_box.h"
 
+#include <QEvent>
 #include <QHBoxLayout>
-#include <QLabel>
 #include <QPainter>
-#include <QPalette>
 
 #include "app_shell/qt/accessible_role.h"
+#include "app_shell/qt/colours.h"
 #include "app_shell/qt/status_sign.h"
+#include "app_shell/qt/text_label.h"
 
 namespace qm5 {
 
@@ -15,35 +16,32 @@ namespace {
 // Of the frame, in device-independent pixels.
 constexpr double kCorner = 4;
 
-// Between what is written and what it is written on: to be seen, but behind the text.
-QColor frameColour(const QPalette& palette) {
-  constexpr double kShare = 0.35;  // of the text's colour
-  const QColor text = palette.color(QPalette::WindowText);
-  const QColor ground = palette.color(QPalette::Window);
-  const auto mix = [](float above, float below) {
-    return static_cast<float>(kShare * above + (1 - kShare) * below);
-  };
-  return QColor::fromRgbF(mix(text.redF(), ground.redF()), mix(text.greenF(), ground.greenF()),
-                          mix(text.blueF(), ground.blueF()));
-}
-
 }  // namespace
 
 StatusBox::StatusBox(QWidget* parent)
-    : QWidget(parent), sign_(new StatusSign(kind_, 1.25, this)), text_(new QLabel(this)) {
+    : QWidget(parent), sign_(new StatusSign(kind_, 1.25, this)), text_(new TextLabel(this)) {
   setAccessibleRole<StatusBox, QAccessible::StatusBar>();
   auto* layout = new QHBoxLayout(this);
-  layout->setContentsMargins(12, 8, 12, 8);
-  layout->setSpacing(12);
   layout->addWidget(sign_);
   layout->addWidget(text_, 1);
   text_->setObjectName("txtStatus");
-  text_->setTextFormat(Qt::PlainText);
   // The window's width is not the text's to change.
-  text_->setWordWrap(true);
   text_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
   setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Fixed);
+  followFont();
   hide();
+}
+
+void StatusBox::followFont() {
+  const int line = fontMetrics().height();
+  const int side = line * 4 / 5;
+  layout()->setContentsMargins(side, line / 2, side, line / 2);
+  layout()->setSpacing(side);
+}
+
+void StatusBox::changeEvent(QEvent* event) {
+  QWidget::changeEvent(event);
+  if (event->type() == QEvent::FontChange) followFont();
 }
 
 void StatusBox::fixRoom(int width, int lines) {

@@ -5,11 +5,10 @@
 
 #include "app_shell/ports/window.h"
 
-class QLabel;
-
 namespace qm5 {
 
 class StatusSign;
+class TextLabel;
 
 /// Hidden as long as its text is empty. As wide as its place, into which its text wraps at words,
 /// and as high as its text: one line for one line.
@@ -19,21 +18,22 @@ class StatusBox : public QWidget {
  public:
   explicit StatusBox(QWidget* parent = nullptr);
 
-  /// Has the box keep that width and the room for that many lines of text, shown or hidden, and
-  /// wrap its text at words. Without it, the box is as wide as the lines of its text.
+  /// Has the box keep that width and the room for that many lines of text, shown or hidden.
   void fixRoom(int width, int lines);
   /// Shows the sign of `kind`, and announces a change to assistive technology.
   void setStatus(StatusKind kind, const QString& text);
 
  protected:
+  void changeEvent(QEvent* event) override;
   void paintEvent(QPaintEvent* event) override;
 
  private:
   void announce();
+  void followFont();
 
   StatusKind kind_ = StatusKind::information;
   StatusSign* const sign_;
-  QLabel* const text_;
+  TextLabel* const text_;
 };
 
 }  // namespace qm5
