@@ -204,12 +204,12 @@ TEST_F(Bus, MakesNoPauseAfterAnInterruptedSystemCall) {
   start();
   for (int i = 0; i < 20; ++i) {
     bus.plug();
-    ASSERT_TRUE(comes([&] { return !transcript.take().empty(); }));
+    ASSERT_TRUE(comes([&] { return !transcript.newLines().empty(); }));
     pthread_kill(monitor_thread_, SIGUSR1);
     bus.unplug();
     ASSERT_EQ(announced(1).size(), 1U);
   }
-  EXPECT_TRUE(clock.takeSleeps().empty());
+  EXPECT_TRUE(clock.newSleeps().empty());
 }
 
 TEST_F(Bus, ServesEventsWithNothingToWatch) {
@@ -227,7 +227,7 @@ TEST_F(Bus, ServesEventsWithNothingToWatch) {
 
 TEST_F(Bus, AnnouncesADeviceWithoutANameAllTheSame) {
   expectName(std::nullopt, "");
-  EXPECT_EQ(transcript.take(), Lines{"out: Error getting device name"});
+  EXPECT_EQ(transcript.newLines(), Lines{"out: Error getting device name"});
 }
 
 TEST_F(Bus, CutsANameThatIsTooLongForTheRegistry) {

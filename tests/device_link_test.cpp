@@ -24,11 +24,11 @@ class Link : public LinkedDevice {
 TEST_F(Link, FollowsAttachAndDetachById) {
   const std::string checking = "out: Checking for TI SOC on USB via IOKit driver";
   EXPECT_FALSE(global_driver->usb_find());
-  EXPECT_EQ(transcript.take(), Lines{checking});
+  EXPECT_EQ(transcript.newLines(), Lines{checking});
   expectNoAnswers();
   attach();
   EXPECT_TRUE(global_driver->usb_find());
-  EXPECT_EQ(transcript.take(), (Lines{checking, "out: Found TI SOC on IOKit"}));
+  EXPECT_EQ(transcript.newLines(), (Lines{checking, "out: Found TI SOC on IOKit"}));
   postDisconnected(Dictionary{{"id", std::uint64_t{8}}});
   EXPECT_TRUE(global_driver->deviceInfo());
   postDisconnected(Dictionary{{"id", std::uint64_t{7}}});
@@ -110,7 +110,7 @@ TEST_F(Link, SelectsTheDataRegisterByInterfaceAndExtendedData) {
   Lines lines;
   for (const char* number : {"0", "0", "3", "7", "7"})
     lines.push_back("out: DATA" + std::string(number) + " not available, providing DATA1");
-  EXPECT_EQ(transcript.take(), lines);
+  EXPECT_EQ(transcript.newLines(), lines);
 }
 
 TEST_F(Link, SendsTheDataBeforeTheCommandAndTheCommandAlwaysToTheSameRegister) {
@@ -142,13 +142,13 @@ TEST_F(Link, PollsUntilTheFirstTwoCharactersOfTheCommandAreClearedOrItGivesUp) {
     device.expectRead(address, 5, std::nullopt);
     device.expectRead(address, 5, Bytes{4, 0, 0, 'W', 'd'});
     wait_for_command(15, 0.1, interface_number);
-    EXPECT_EQ(clock.takeSleeps(), std::vector<double>(4, 0.1));
+    EXPECT_EQ(clock.newSleeps(), std::vector<double>(4, 0.1));
   }
-  EXPECT_EQ(transcript.take(), Lines{});
+  EXPECT_EQ(transcript.newLines(), Lines{});
   device.expectRead(0x1E, 5, Bytes{4, 'S', 'F', 'W', 'd'});
   wait_for_command(0, 0.5, 3);  // polls once all the same
-  EXPECT_EQ(clock.takeSleeps(), std::vector<double>{0.5});
-  EXPECT_EQ(transcript.take(), Lines{"out: wait_for_command is taking too long"});
+  EXPECT_EQ(clock.newSleeps(), std::vector<double>{0.5});
+  EXPECT_EQ(transcript.newLines(), Lines{"out: wait_for_command is taking too long"});
 }
 
 TEST_F(Link, DoesNothingWithoutADriver) {
@@ -156,7 +156,7 @@ TEST_F(Link, DoesNothingWithoutADriver) {
   EXPECT_EQ(usbep_write(0x1F, counting(20)), 0U);
   write_4cc("SFWd", counting(4), 3, std::nullopt);
   wait_for_command(2, 0.5, 3);
-  EXPECT_EQ(clock.takeSleeps(), std::vector<double>(2, 0.5));
+  EXPECT_EQ(clock.newSleeps(), std::vector<double>(2, 0.5));
   EXPECT_EQ(read_data(1, 3, std::nullopt), std::nullopt);
 }
 

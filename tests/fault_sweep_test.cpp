@@ -98,7 +98,7 @@ class Bench {
     const Outcome outcome = update(troubles);
     const Expected expected = said_.outcome(!app_.bus.isPlugged());
     const std::string reason = app_.application.shown["runStatus"];
-    Verdict verdict = {.is_finished = outcome.told == kFinish};
+    Verdict verdict = {.is_finished = outcome.title == kFinish};
     if (verdict.is_finished && !was_good_) {
       verdict.is_unnoticed = true;
       for (const Trouble& trouble : troubles)
@@ -111,8 +111,8 @@ class Bench {
         verdict.is_unnoticed == !verdict.excuse.empty() && blamed.empty())
       return verdict;
     for (const Trouble& trouble : troubles) verdict.wrong += trouble.name();
-    verdict.wrong += "\n  told " + outcome.told + ": " + outcome.lines + reason + "\n  expected " +
-                     expected.outcome.told + ": " + expected.outcome.lines + expected.reason +
+    verdict.wrong += "\n  told " + outcome.title + ": " + outcome.lines + reason + "\n  expected " +
+                     expected.outcome.title + ": " + expected.outcome.lines + expected.reason +
                      "\n  untrue: " + untrue_;
     for (const std::string& finding : blamed) verdict.wrong.append("\n  blamed: " + finding);
     return verdict;
@@ -138,7 +138,7 @@ class Bench {
     untrue_.clear();
     run_ = RunState::under_way;
     Outcome outcome = app_.update();
-    if (outcome.told == kFinish) run_ = RunState::none;
+    if (outcome.title == kFinish) run_ = RunState::none;
     was_away_ = false;
     checkTexts();
     return outcome;

@@ -249,7 +249,7 @@ TEST_F(Bus, AsksTheQM5OnceThatCameBackToItsPortOrSaysWhyNot) {
         EXPECT_TRUE(shownIn("runStatus").starts_with("The QM5 came back and did not"));
         remove(again);
       }
-      EXPECT_EQ(clock.takeSleeps(), (std::vector<double>{1.0, 1.0, 1.0}));
+      EXPECT_EQ(clock.newSleeps(), (std::vector<double>{1.0, 1.0, 1.0}));
     }
     EXPECT_TRUE(shownIn("runStatus").starts_with("The QM5 came back" + end));
     id += 3;

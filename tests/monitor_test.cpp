@@ -100,7 +100,7 @@ class Monitor : public testing::TestWithParam<FailingStep> {
   void expect(Lines lines, const std::string& thread) {
     for (std::string& line : lines)
       if (line.find("connected") != line.npos) line += " [" + thread + "]";
-    EXPECT_EQ(transcript.take(), lines);
+    EXPECT_EQ(transcript.newLines(), lines);
   }
 
   Transcript transcript;

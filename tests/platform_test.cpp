@@ -53,7 +53,7 @@ TEST(SerialQueue, RunsOneJobAtATimeInOrderEvenWhenItIsLetGoOf) {
     }
   }
   waitFor(ended, 200);
-  EXPECT_EQ(notes.take(), expected);
+  EXPECT_EQ(notes.newLines(), expected);
 }
 
 TEST(ConcurrentQueue, StartsAJobWhileAnotherRuns) {
@@ -86,7 +86,7 @@ TEST(NotificationCenter, DeliversByNameOnThePostingThreadUntilTheRegistrationEnd
     center.post({"a", 1});
   }
   center.post({"a", 2});
-  EXPECT_EQ(notes.take(), (Lines{"first1", "second1", "first2"}));
+  EXPECT_EQ(notes.newLines(), (Lines{"first1", "second1", "first2"}));
 }
 
 TEST(Text, WritesNumbersAlikeInEveryLocale) {
@@ -335,7 +335,7 @@ TEST(BusClaim, IsAnsweredByItsOwnerWhoLearnsOfEachLaterStart) {
   const auto elsewhere = std::get<BusInUse>(claim(""));
   EXPECT_EQ(elsewhere.by, BusInUse::By::thisUserElsewhere);
   EXPECT_EQ(elsewhere.name, ":7");
-  EXPECT_EQ(notes.take()[0], "token");
+  EXPECT_EQ(notes.newLines()[0], "token");
   kill(impostor, SIGKILL);
 }
 

@@ -55,13 +55,13 @@ TEST_F(Engine, DecodesRepliesEachTaskInItsOwnWay) {
                                      {"prod_key_present", 0},
                                      {"engr_key_present", 1},
                                      {"new_flash_region", 1}}));
-  EXPECT_EQ(transcript.take(), Lines{"out: sfwi: result=440102fd030405"});
+  EXPECT_EQ(transcript.newLines(), Lines{"out: sfwi: result=440102fd030405"});
   for (const auto& [reply, result, more] :
        {std::tuple{Bytes{0x4F, 0x80}, 0U, 1U}, {Bytes{1, 0}, 0U, 0U}, {Bytes{1, 6}, 6U, 1U}}) {
     expectSFWd({9}, reply);
     EXPECT_EQ(sfwd(Bytes{9}), (ReplyDictionary{{"result", result}, {"more_data_expected", more}}));
   }
-  EXPECT_EQ(transcript.take(), Lines{});
+  EXPECT_EQ(transcript.newLines(), Lines{});
   expectSFWs({9}, padded({0x0A, 0x85, 0x12, 0x0E}, 11));
   EXPECT_EQ(sfws(Bytes{9}), (ReplyDictionary{{"result", 5},
                                              {"more_data_expected", 1},
@@ -71,7 +71,7 @@ TEST_F(Engine, DecodesRepliesEachTaskInItsOwnWay) {
                                              {"engr_key_present", 1},
                                              {"new_flash_region", 2},
                                              {"hash_match", 6}}));
-  EXPECT_EQ(transcript.take(),
+  EXPECT_EQ(transcript.newLines(),
             Lines{"out: SFWs: read_back: [10, 133, 18, 14, 0, 0, 0, 0, 0, 0, 0]"});
   expectSFWs({9}, padded({0x0A, 0x05}, 11));
   EXPECT_EQ(sfws(Bytes{9})->at("more_data_expected"), 0U) << "bit 7 alone";
@@ -83,7 +83,7 @@ TEST_F(Engine, WaitsForEachTaskAsLongAsItMayTake) {
                                              {+[] { sfwd({}); }, 15U, 0.1},
                                              {+[] { sfws({}); }, 300U, 1.0}}) {
     task();
-    EXPECT_EQ(clock.takeSleeps(), std::vector<double>(retries, delay));
+    EXPECT_EQ(clock.newSleeps(), std::vector<double>(retries, delay));
   }
 }
 
@@ -114,8 +114,8 @@ TEST_F(Engine, SendsARepeatedChunkAsItsFirstFourBytes) {
     lines.push_back("out: Writing SFWd chunk " + std::to_string(i));
     if (i == 0 || i == 2 || i == 3) lines.emplace_back("out: Not sending this chunk, same as last");
   }
-  EXPECT_EQ(transcript.take(), afterOpening(lines));
-  EXPECT_EQ(clock.takeSleeps(), std::vector<double>{});
+  EXPECT_EQ(transcript.newLines(), afterOpening(lines));
+  EXPECT_EQ(clock.newSleeps(), std::vector<double>{});
 }
 
 TEST_F(Engine, RetriesABlockOnceAfterAPauseAndPrintsTheSecondFailure) {
@@ -129,12 +129,12 @@ TEST_F(Engine, RetriesABlockOnceAfterAPauseAndPrintsTheSecondFailure) {
     expectSFWd(block, first);
     expectSFWd(block, second);
     EXPECT_EQ(common_update(*global_driver, block, {}), why.empty());
-    EXPECT_EQ(clock.takeSleeps(), std::vector<double>{0.1});
+    EXPECT_EQ(clock.newSleeps(), std::vector<double>{0.1});
     Lines lines = {"out: Writing SFWd chunk 0"};
     if (!first) lines.emplace_back("out: No sfwd return");
     lines.emplace_back("out: retry sfwd again");
     if (!why.empty()) lines.push_back("out: SFWd Failed with task_result: " + why);
-    EXPECT_EQ(transcript.take(), afterOpening(lines));
+    EXPECT_EQ(transcript.newLines(), afterOpening(lines));
   };
   std::string name;
   for (std::uint8_t code = 1; names >> name; ++code)
@@ -155,7 +155,7 @@ Bytes makeImage() {
 TEST_F(Engine, RefusesAnImageByLengthFirstAndThenByItsMagic) {
   const auto expect_refusal = [this](const Bytes& image, const std::string& line) {
     EXPECT_FALSE(secure_update_binary(*global_driver, image, progress, "pss", false));
-    EXPECT_EQ(transcript.take(), Lines{"out: Invalid binary " + line});
+    EXPECT_EQ(transcript.newLines(), Lines{"out: Invalid binary " + line});
   };
   expect_refusal({}, "file. Binary file length:0");
   expect_refusal(Bytes(771), "file. Binary file length:771");
@@ -205,14 +205,14 @@ TEST_F(Engine, SendsSignatureThenKeyUnlessThePaddingIsAnother) {
     lines.emplace_back("progress: secure_update complete SUCCESS 100.000000");
     lines.emplace_back("log: SWFs completed SUCCESSFULLY");
     EXPECT_TRUE(secure_update_binary(*global_driver, makeImage(), progress, padding, true));
-    EXPECT_EQ(transcript.take(), lines);
+    EXPECT_EQ(transcript.newLines(), lines);
   }
 }
 
 TEST_F(Engine, TellsOfAReplyBeforeItsFailure) {
   expectSFWi(padded({0x4A, 0xFF}, 7));
   EXPECT_FALSE(common_update(*global_driver, Bytes(64), progress));
-  Lines lines = transcript.take();
+  Lines lines = transcript.newLines();
   EXPECT_EQ(lines[2], "progress: Sending SFWi data 1.000000");
   EXPECT_EQ(lines[4], "out: SFWi Failed with task_result: FAIL_UNKNOWN_ERROR");
   expectSFWi();
@@ -220,7 +220,7 @@ TEST_F(Engine, TellsOfAReplyBeforeItsFailure) {
   for (std::uint8_t fill = 7; fill < 13; ++fill) expectSFWs(Bytes(64, fill));
   expectSFWs(Bytes(64, 1), padded({0x40, 5}, 11));
   EXPECT_FALSE(secure_update_binary(*global_driver, makeImage(), {}, "pss", false));
-  lines = transcript.take();
+  lines = transcript.newLines();
   EXPECT_EQ(Lines(lines.end() - 2, lines.end()),
             (Lines{"out: SFWs public key chunk 0", "out: SFWs signature sending failed: 0x5"}));
 }

@@ -101,20 +101,21 @@ TEST_P(Run, EndsInItsAlertAndCanBeRepeated) {
                                "may sleep", "stopModal"}
                        : kDown + Lines{shown, "may sleep"});
   for (std::size_t round = 1; round <= 2; ++round) {
-    transcript.take();
+    transcript.newLines();
     application.main->press("btnNext");
     application.runUntilAlert();
     EXPECT_TRUE(application.sheet_came_unasked);
-    EXPECT_EQ(byThread(transcript.take()), byThread(expected));
+    EXPECT_EQ(byThread(transcript.newLines()), byThread(expected));
     EXPECT_EQ(application.shown["runStatus"], reason);
     EXPECT_EQ(application.shown["btnDetails"], reason.empty() ? "" : "shown");
     application.main->press("btnDetails");
     const std::string& details = application.shown["text"];
     EXPECT_EQ(details.starts_with("check if device exist.\nChecking for TI"), !reason.empty());
     EXPECT_EQ(details.ends_with(lines.back().substr(5) + "\n"), !reason.empty());
-    EXPECT_EQ(clock.takeSleeps(), std::vector<double>{1.0});
+    EXPECT_EQ(clock.newSleeps(), std::vector<double>{1.0});
     application.answer(kOK);
-    EXPECT_EQ(transcript.take(), (Lines{"log: OK pressed", "btnExit enabled", "btnNext enabled"}));
+    EXPECT_EQ(transcript.newLines(),
+              (Lines{"log: OK pressed", "btnExit enabled", "btnNext enabled"}));
     if (version) {
       EXPECT_EQ(device->requestCount(), round) << "the version alone";
     }
@@ -169,7 +170,7 @@ TEST_F(Shell, EndsARunInItsAlertWhereTheComputerHasNothingLeftForIt) {
     application.main->press("btnNext");
     application.runUntilAlert();
     EXPECT_EQ(application.shown["runStatus"], reason);
-    const Lines lines = transcript.take();
+    const Lines lines = transcript.newLines();
     EXPECT_EQ(std::count(lines.begin(), lines.end(),
                          "alert on main: " + std::string(kFlashError) + " [OK]"),
               1);
@@ -217,18 +218,18 @@ TEST_F(Shell, ShowsEachStepAndEndsInTheFinishDialog) {
                    "modal run"};
   Lines seen;
   application.during_finish_dialog = [&] {
-    seen = transcript.take();
+    seen = transcript.newLines();
     EXPECT_EQ(application.shown["txtPhase"], "All has been sent.");
     EXPECT_EQ(application.shown["sleepStatus"], kMaySleepText);
     application.finish->press("Confirm & Exit");
-    EXPECT_EQ(transcript.take(), Lines{"terminate"});
+    EXPECT_EQ(transcript.newLines(), Lines{"terminate"});
   };
-  transcript.take();
+  transcript.newLines();
   application.main->press("btnNext");
   // The job's own lines come when they come; those of the main thread keep their order.
   EXPECT_EQ(without(without(seen, "out: "), "log: S"), expected);
   controller->confirmButtonClicked(nullptr);
-  EXPECT_EQ(transcript.take(), (Lines{"log: confirm button clicked", "finish closed"}));
+  EXPECT_EQ(transcript.newLines(), (Lines{"log: confirm button clicked", "finish closed"}));
 }
 
 TEST_F(Shell, PlacesTheFinishDialogByItsWholeHalfWidth) {
@@ -238,7 +239,7 @@ TEST_F(Shell, PlacesTheFinishDialogByItsWholeHalfWidth) {
         {Size{341.9, 280}, "image 117 160 106 100 qm5_OK"}}) {
     application.finish_content_size = content;
     controller->showCustomDialog();
-    const Lines lines = transcript.take();
+    const Lines lines = transcript.newLines();
     EXPECT_EQ(std::count(lines.begin(), lines.end(), image), 1);
   }
   application.finish_content_size = Size{1e30, 280};
@@ -249,15 +250,15 @@ TEST_F(Shell, PlacesTheFinishDialogByItsWholeHalfWidth) {
 
 TEST_F(Shell, DropsProgressWhileNoProgressWindowIsUp) {
   start();
-  transcript.take();
+  transcript.newLines();
   controller->callbackUpdateProgress("title", 50.0);
   application.drain();
-  EXPECT_EQ(transcript.take(), Lines{});
+  EXPECT_EQ(transcript.newLines(), Lines{});
   // An error then leaves the progress window alone.
   controller->dialogErrorStop("T", "M");
-  EXPECT_EQ(transcript.take(), Lines{"alert on main: T | M [OK]"});
+  EXPECT_EQ(transcript.newLines(), Lines{"alert on main: T | M [OK]"});
   application.answer(kModalResponseAbort);
-  EXPECT_EQ(transcript.take(), Lines{}) << "only the button counts";
+  EXPECT_EQ(transcript.newLines(), Lines{}) << "only the button counts";
 }
 
 // By a button, by a window's frame, or from outside: a signal, or the session's end.
@@ -268,11 +269,11 @@ TEST_F(Shell, AsksOnceBeforeItEndsAndWithoutARunEndsAtASignal) {
   const auto expect_question = [&](const std::string& window, Lines lines, bool unasked) {
     lines.push_back("alert on " + window + ": Exit confirmation | Firmware flashing did not " +
                     "finish.\nDo you really want to exit? [Quit] [Don't quit]");
-    EXPECT_EQ(transcript.take(), lines);
+    EXPECT_EQ(transcript.newLines(), lines);
     EXPECT_EQ(application.sheet_came_unasked, unasked);
   };
-  const auto expect_end = [&] { EXPECT_EQ(transcript.take(), Lines{"terminate"}); };
-  transcript.take();
+  const auto expect_end = [&] { EXPECT_EQ(transcript.newLines(), Lines{"terminate"}); };
+  transcript.newLines();
   interrupt();
   expect_end();
   for (const int answer : {kOK + 1, kOK}) {
@@ -282,13 +283,13 @@ TEST_F(Shell, AsksOnceBeforeItEndsAndWithoutARunEndsAtASignal) {
   }
   expect_end();
   const auto during_run = [&] {
-    transcript.take();
+    transcript.newLines();
     application.progress->press("btnAbort");
     expect_question("progress", {"log: Abort button clicked"}, false);
     interrupt();
     interrupt();
     application.progress->close_requested();
-    EXPECT_EQ(transcript.take(), Lines{}) << "the question is open already";
+    EXPECT_EQ(transcript.newLines(), Lines{}) << "the question is open already";
     application.answer(kModalResponseAbort);
     EXPECT_EQ(declined, 2);
     interrupt();
@@ -311,7 +312,7 @@ TEST_F(Shell, AsksOnceBeforeItEndsAndWithoutARunEndsAtASignal) {
   };
   runToItsAlert();
   interrupt();
-  EXPECT_EQ(transcript.take().back(), "terminate");
+  EXPECT_EQ(transcript.newLines().back(), "terminate");
 }
 
 TEST_F(Shell, TellsOfADeviceOnceTheDriverHasIt) {
@@ -353,10 +354,10 @@ TEST_F(Shell, SaysBeforeNextWhatIsInThePackage) {
     application.image_path = is_there ? path : std::nullopt;
     application.image = image;
     application.is_development_image = is_development;
-    transcript.take();
+    transcript.newLines();
     start();
     EXPECT_EQ(application.shown["txtPackagedVersion"], text);
-    EXPECT_EQ(transcript.take(), Lines{std::string("out: ") + line});
+    EXPECT_EQ(transcript.newLines(), Lines{std::string("out: ") + line});
   }
 }
 
@@ -377,7 +378,7 @@ TEST_F(Shell, SeesTheUpdateToItsEndWithoutADisplay) {
         {0x4201, EXIT_SUCCESS, "Firmware update successful! New version(QM5 v.4208) Please"}}) {
     if (version != 0) attach(static_cast<std::uint16_t>(version));
     statuses.clear();
-    transcript.take();
+    transcript.newLines();
     application.main->press("btnNext");
     if (application.sheet) {
       statuses.push_back(lose_display());
@@ -385,7 +386,7 @@ TEST_F(Shell, SeesTheUpdateToItsEndWithoutADisplay) {
       EXPECT_EQ(lose_display(), EXIT_FAILURE);
     }
     EXPECT_EQ(statuses, std::vector<int>(2, expected));
-    const Lines lines = transcript.take();
+    const Lines lines = transcript.newLines();
     for (const std::string kind : {"out: ", "log: "}) {
       const std::string start = kind + "The display has gone. The update ended: " + line;
       const auto is_it = [&](const std::string& said) { return said.starts_with(start); };

@@ -61,10 +61,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (decision == 2) app.bus.plug(device);
   };
   app.bus.plug(device);
-  if (app.update().told.empty()) qm5::fatal("a run without an outcome");
+  if (app.update().title.empty()) qm5::fatal("a run without an outcome");
   app.bus.unplug();
   qm5::FaultyQm5 good;
-  if (updateGoodDevice(good).told != "Firmware update successful!" || !good.signatureHolds())
+  if (updateGoodDevice(good).title != "Firmware update successful!" || !good.signatureHolds())
     qm5::fatal("a good QM5 is not updated");
   return 0;
 }

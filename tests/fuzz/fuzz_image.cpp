@@ -14,8 +14,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   app.start();
   qm5::FaultyQm5 device;
   const Outcome outcome = updateGoodDevice(device);
-  if (outcome.told == "Flash firmware error" && !outcome.lines.empty()) return 0;
-  const bool succeeded = outcome.told == "Firmware update successful!" && outcome.lines.empty();
+  if (outcome.title == "Flash firmware error" && !outcome.lines.empty()) return 0;
+  const bool succeeded = outcome.title == "Firmware update successful!" && outcome.lines.empty();
   if (!succeeded || !device.signatureHolds() ||
       device.flash() != qm5::flashContents(qm5::ByteView(image).subspan(772)))
     qm5::fatal("a wrong outcome");

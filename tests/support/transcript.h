@@ -23,7 +23,7 @@ class Notes {
     lines_.push_back(std::move(line));
   }
   /// Returns the lines noted since the last call.
-  Lines take() {
+  Lines newLines() {
     const std::lock_guard lock(mutex_);
     return std::exchange(lines_, {});
   }

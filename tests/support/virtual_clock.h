@@ -19,7 +19,7 @@ class VirtualClock final : public Clock {
   std::function<void(double)> during_sleep;
 
   /// Returns the sleeps since the last call, in seconds.
-  std::vector<double> takeSleeps() {
+  std::vector<double> newSleeps() {
     const std::lock_guard lock(mutex_);
     return std::exchange(sleeps_, {});
   }

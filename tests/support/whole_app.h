@@ -19,7 +19,7 @@ namespace qm5::test {
 
 /// What the person was told, and why.
 struct Outcome {
-  std::string told;   ///< the title of the alert, or of the finish dialog
+  std::string title;  ///< the title of the alert, or of the finish dialog
   std::string lines;  ///< the console's lines about a failure, each ended by a semicolon
   bool operator==(const Outcome&) const = default;
 };
@@ -64,15 +64,15 @@ class WholeApp {
   /// Presses Next and sees the run to its end. Starts the program again where the finish
   /// dialog has ended it, and only there.
   Outcome update() {
-    transcript.take();
+    transcript.newLines();
     application.main->press("btnNext");
     if (!ended_) application.runUntilAlert();
-    Outcome outcome = read(transcript.take());
+    Outcome outcome = read(transcript.newLines());
     if (!ended_ && during_alert) during_alert();
     if (!ended_) application.answer(kAlertFirstButtonReturn);
     const Lines ready = {"log: OK pressed", "btnExit enabled", "btnNext enabled"};
-    EXPECT_EQ(transcript.take(), ended_ ? Lines{} : ready);
-    clock.takeSleeps();
+    EXPECT_EQ(transcript.newLines(), ended_ ? Lines{} : ready);
+    clock.newSleeps();
     if (ended_) {
       for (const char* text : {"finish", "powerCycle"}) application.shown[text].clear();
       end();
@@ -99,9 +99,9 @@ class WholeApp {
     Outcome outcome;
     for (const std::string& line : lines) {
       const auto says = [&](std::string_view text) { return line.find(text) != line.npos; };
-      if (line.starts_with("finish titled ")) outcome.told += line.substr(14);
+      if (line.starts_with("finish titled ")) outcome.title += line.substr(14);
       if (line.starts_with("alert on main: "))
-        outcome.told += line.substr(15, line.find(" |") - 15);
+        outcome.title += line.substr(15, line.find(" |") - 15);
       if (says("ailed") || says("is None") || says("out: Invalid"))
         outcome.lines += line.substr(5) + ";";  // behind "out: "
     }
