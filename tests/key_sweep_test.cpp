@@ -153,7 +153,7 @@ void check(Desk& desk, unsigned shown, bool disturbed) {
   const std::pair<const char*, bool> words[] = {
       {"A QM5 is connected.", there},
       {"No QM5 is connected.", !there},
-      {"Writing the new firmware", there},
+      {"Writing the new firmware.", there},
       {"left to write", there},
       {"is checking", there},
       {"Waiting for the QM5 to respond", there},
@@ -164,7 +164,7 @@ void check(Desk& desk, unsigned shown, bool disturbed) {
       {"The update is complete", desk.qm5->version() == 0x4208}};
   const std::string texts = desk.texts();
   for (const auto& [said, is_so] : words)
-    EXPECT_TRUE(is_so || texts.find(said) == texts.npos) << said;
+    EXPECT_TRUE(is_so || texts.find(said) == texts.npos) << said << " in:\n" << texts;
 }
 
 /// What the run does once the key has been pressed.
