@@ -20,7 +20,8 @@ set(QM5_TEST_ENVIRONMENT
 
 # qm5_test(NAME [SWEEP] SOURCES file... USES target... [ENVIRONMENT variable...])
 # One process per test: what a test leaves behind dies with it. A test that hangs is ended after two
-# minutes; one of a SWEEP, which "./test --long" runs in full, when ./test says so.
+# minutes; one of a SWEEP, which "./test --long" runs in full, when ./test says so. The sweeps, which
+# take longest, start first.
 function(qm5_test name)
   cmake_parse_arguments(arg "SWEEP" "" "SOURCES;USES;ENVIRONMENT" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
@@ -31,7 +32,7 @@ function(qm5_test name)
   set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR "${emulator}")
   set(limit PROPERTIES TIMEOUT 120)
   if(arg_SWEEP)
-    set(limit)
+    set(limit PROPERTIES COST 100)
   endif()
   gtest_discover_tests(${name} NO_PRETTY_VALUES TEST_PREFIX ${name}. ${limit})
 endfunction()
