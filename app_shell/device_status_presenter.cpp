@@ -34,12 +34,12 @@ Shown shownFor(const DeviceState& state) {
               "Unplug it and plug it in again."};
     case DeviceAvailability::notFollowed:
       return {StatusKind::caution,
-              "A QM5 is connected, but the updater followed another one,\n"
+              "A QM5 is connected, but the updater followed another one, "
               "which has left. Unplug this one and plug it in again."};
     case DeviceAvailability::notPermitted:
       return {StatusKind::caution,
-              "A QM5 is connected, but you may not open it. Have the package\n"
-              "qm5-updater or its udev rule installed, then unplug the QM5\n"
+              "A QM5 is connected, but you may not open it. Have the package "
+              "qm5-updater or its udev rule installed, then unplug the QM5 "
               "and plug it in again."};
     case DeviceAvailability::unusable:
       return {StatusKind::caution,

@@ -18,21 +18,20 @@ constexpr double kLongPause = 5;  // seconds
 // The job looks for the QM5 at 1 s.
 constexpr double kLookingTime = 2;  // seconds
 
-// The lines are broken here, because the window has a fixed width.
 constexpr std::string_view kAway =
-    "The QM5 has been disconnected: the update will end in an\n"
-    "error message. Connect the QM5 again after that, then press\n"
+    "The QM5 has been disconnected: the update will end in an "
+    "error message. Connect the QM5 again after that, then press "
     "Next.";
 constexpr std::string_view kAwayWhileChecking =
-    "The QM5 has been disconnected: the update will end in an\n"
-    "error message, which can take up to five minutes. Connect\n"
+    "The QM5 has been disconnected: the update will end in an "
+    "error message, which can take up to five minutes. Connect "
     "the QM5 again after that, then press Next.";
 constexpr std::string_view kCameBack =
-    "The QM5 was disconnected and is back. This update can't be\n"
+    "The QM5 was disconnected and is back. This update can't be "
     "relied on: when it has ended, start it again.";
 constexpr std::string_view kReplaced =
-    "Another QM5 was connected, and the update now goes to that\n"
-    "one. It can't be relied on: when it has ended, connect one\n"
+    "Another QM5 was connected, and the update now goes to that "
+    "one. It can't be relied on: when it has ended, connect one "
     "QM5 alone and start it again.";
 
 }  // namespace

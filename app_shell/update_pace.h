@@ -19,7 +19,7 @@ enum class UpdatedDevice {
 
 /// That the system may put the computer to sleep during the update.
 inline constexpr std::string_view kMaySleepText =
-    "The updater can't keep the computer from going to sleep.\n"
+    "The updater can't keep the computer from going to sleep. "
     "See to it that it stays awake until the update is done.";
 
 /// Times are seconds of one monotonic clock. All texts of the progress window that change with

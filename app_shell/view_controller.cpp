@@ -91,7 +91,7 @@ void ViewController::viewDidLoad() {
 // |                                     | of the start say                                |
 void ViewController::showPackagedVersion() {
   std::string text =
-      "This package has no firmware that can be read: nothing can\nbe updated. Install the package "
+      "This package has no firmware that can be read: nothing can be updated. Install the package "
       "again.";
   if (binData) {
     text = "Firmware version in this package: ";

@@ -65,7 +65,7 @@ top() { window "$1" | tail -n 1; }
 # Starts the program again on the bus of the one that runs, in the place of this shell.
 start_again() {
   mapfile -t bus < <(tr '\0' '\n' <"/proc/$updater/environ" | grep -E '^(LD_PRE|UMOCK)')
-  exec timeout 20 env "${bus[@]}" "$@" "$program"
+  exec timeout 60 env "${bus[@]}" "$@" "$program"
 }
 again() { (start_again) || fail "a second start ended with $?"; }
 
@@ -165,7 +165,7 @@ killed() {
   # shellcheck disable=SC2016 # the shell that is started expands them
   timeout 500 "$bin/qm5-simulator" -- bash -ec 'for _ in $(seq "$1"); do
     "$0" & program=$!
-    until timeout 20 xdotool search --sync --onlyvisible --pid $program; do kill -0 $program; done
+    until timeout 60 xdotool search --sync --onlyvisible --pid $program; do kill -0 $program; done
     kill -9 $program
   done' "$program" "$([ -z "${QM5_LONG-}" ] && echo 5 || echo 300)" >"$work/lines" 2>&1 ||
     wrote "the program ended with 0" || fail "a killed program did not start again"

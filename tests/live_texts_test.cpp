@@ -155,7 +155,7 @@ TEST_F(Bus, TellsWhatTheDriverHasAndWhyItHasNone) {
   arrive(4);
   shows("2 QM5s are connected. An update goes to the one at port 1-4.4.\n");
   remove(4);
-  shows("A QM5 is connected, but the updater followed another one,\nwhich has left. ");
+  shows("A QM5 is connected, but the updater followed another one, which has left. ");
   announce(5);
   examine(5, kIOReturnSuccess);
   shows("2 QM5s are connected. An update goes to the one connected last.\n");

@@ -342,7 +342,7 @@ TEST_F(Shell, SaysThatAnotherDeviceCameDuringTheUpdateAndNotThatOneLeft) {
 TEST_F(Shell, SaysBeforeNextWhatIsInThePackage) {
   const std::string known = "Firmware version in this package: 4208";
   const std::string none =
-      "This package has no firmware that can be read: nothing can\nbe updated. Install the package "
+      "This package has no firmware that can be read: nothing can be updated. Install the package "
       "again.";
   const std::optional<std::string> path = application.image_path;
   for (const auto& [is_there, image, is_development, line, text] :

@@ -32,8 +32,9 @@ within() {
   done
 }
 
-# await MESSAGE COMMAND...: fails with that where the command does not succeed in half a minute.
-await() { within 30 "${@:2}" || fail "$1"; }
+# await MESSAGE COMMAND...: fails with that where the command does not succeed in a minute and a
+# half, which a busy machine may need.
+await() { within 90 "${@:2}" || fail "$1"; }
 
 # child_of PROCESS: the one process that it has started.
 child_of() { tr -d ' ' <"/proc/$1/task/$1/children"; }
@@ -66,7 +67,7 @@ XML
 }
 
 # Where a window goes at the wrong moment, xdotool would wait for it for ever.
-xdotool() { timeout 10 xdotool "$@"; }
+xdotool() { timeout 30 xdotool "$@"; }
 
 window() { xdotool search --onlyvisible --name "^$1$"; }
 

@@ -7,6 +7,11 @@ namespace qm5 {
 TextLabel::TextLabel(QWidget* parent) : QLabel(parent) {
   setTextFormat(Qt::PlainText);
   setWordWrap(true);
+  // QLabel does this itself only once it shows a text, and the label has room for its widest text
+  // before that.
+  QSizePolicy policy = sizePolicy();
+  policy.setHeightForWidth(true);
+  setSizePolicy(policy);
 }
 
 void TextLabel::setWidestText(const QString& text) {
