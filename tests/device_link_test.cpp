@@ -73,7 +73,7 @@ TEST_F(Link, ReadsTheLengthAskedForWhateverTheDeviceSent) {
 
 TEST_F(Link, WritesUpToTheLargestRequest) {
   attach();
-  for (const std::size_t size : {0, 0xFFFF}) {
+  for (const std::size_t size : {std::size_t{0}, std::size_t{0xFFFF}}) {
     const Bytes data = counting(size);
     device.expect({{0x40, 0xFD, 0x1F, 0xFFFF, static_cast<std::uint16_t>(size)}, data});
     EXPECT_EQ(global_driver->usb_write(0x40, 0xFD, 0x1F, 0xFFFF, data), size);

@@ -5,12 +5,18 @@
 work=$(mktemp -d) # for this user alone, as the run-time folder has to be
 trap end_all EXIT
 
-# A program in the middle of an update ends at its second signal.
+# A program in the middle of an update ends at its second signal. Nothing may be left that stands
+# still: the kernel ends the whole group with SIGHUP then.
 end_all() {
-  for _ in {1..20}; do
-    [ -n "$(jobs -pr)" ] || break
-    # shellcheck disable=SC2046 # one word for each
-    kill $(jobs -pr) && kill -CONT $(jobs -pr)
+  set +e
+  local running
+  for _ in {1..200}; do
+    running=$(jobs -pr)
+    [ -n "$running" ] || break
+    # shellcheck disable=SC2086 # one word for each
+    kill $running
+    # shellcheck disable=SC2086
+    kill -CONT $running
     sleep 0.15
   done 2>/dev/null
   rm -rf "$work"
