@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <set>
 
 #include "app_shell/process/already_running.h"
 #include "support/desk.h"
@@ -62,13 +63,22 @@ unsigned expected(unsigned shown, const QString& focus, bool early, const Press&
 
 /// All presses, those of the mnemonics of the window on top included.
 std::vector<Press> pressesIn(unsigned shown) {
-  std::vector<Press> presses = {{kCloses}, {Qt::Key_Escape}};
-  if (ruleOf(shown).buttons.empty()) return presses;
-  for (const Qt::Key key : {Qt::Key_Space, Qt::Key_Return, Qt::Key_Enter}) {
-    for (int tabs = 0; tabs <= 3; ++tabs) presses.push_back({key, tabs});
-    presses.push_back({key, 0, true});
-    presses.push_back({key, 1, true});
-  }
+  if (ruleOf(shown).buttons.empty()) return {{kCloses}, {Qt::Key_Escape}};
+  constexpr Qt::Key space = Qt::Key_Space;
+  std::vector<Press> presses = {{kCloses},
+                                {Qt::Key_Escape},
+                                {space},
+                                {space, 1},
+                                {space, 2},
+                                {space, 3},
+                                {space, 0, true},
+                                {space, 1, true},
+                                {Qt::Key_Return},
+                                {Qt::Key_Return, 1},
+                                {Qt::Key_Return, 0, true},
+                                {Qt::Key_Return, 1, true},
+                                {Qt::Key_Enter},
+                                {Qt::Key_Enter, 0, true}};
   for (const QString& title : ruleOf(shown).buttons) {
     if (title.isEmpty() || title.contains('&')) continue;
     presses.push_back({Qt::Key_Space, 0, false, title});
@@ -197,9 +207,16 @@ void tryOut(Desk& desk, const State& state, const Press& press, Then then) {
 TEST(Keys, EndNoUpdateButByADeliberateQuitAndLeaveAWayOn) {
   std::vector<Desk::Case> cases;
   for (const State& state : kStates) {
+    std::set<unsigned> followed;
     for (const Press& press : pressesIn(state.shown)) {
+      const auto& buttons = ruleOf(state.shown).buttons;
+      const QString focus = buttons.empty() ? QString() : buttons[0];
+      const unsigned shown = expected(state.shown, focus, state.waits == 0, press);
+      // How a run goes on does not depend on the press that has led there.
+      const bool is_new = shown != kEnded && followed.insert(shown).second;
       for (const Then then : {Then::goesOn, Then::succeeds, Then::fails, Then::unplugged}) {
-        if (then != Then::goesOn && (state.shown & kProgress) == 0) continue;
+        if (then != Then::goesOn && ((state.shown & kProgress) == 0 || !(is_new || isLong())))
+          continue;
         cases.push_back({state.name + ", " + nameOf(press) + ", " + std::to_string(int(then)),
                          state.has_image,
                          [&state, press, then](Desk& desk) { tryOut(desk, state, press, then); }});

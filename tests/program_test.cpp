@@ -1,6 +1,5 @@
 // The whole program in one process: its windows on Qt's offscreen platform, its threads,
 // libusb, and the software QM5 on the emulated bus. A second thread plays the person.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -8,7 +7,6 @@
 
 #include <QAbstractButton>
 #include <QApplication>
-#include <QLabel>
 #include <future>
 #include <random>
 #include <thread>
@@ -22,7 +20,6 @@
 #include "platform/fatal.h"
 #include "simulator/usb_bus/emulated_bus.h"
 #include "support/effort.h"
-#include "support/named_cases.h"
 #include "support/update_requests.h"
 #include "support/whole_app.h"
 
@@ -37,14 +34,8 @@ constexpr auto kPatience = 30s;
 class TestedApplication final : public QtApplication, public FilePackage {
  public:
   FileContents readFile(const std::string&) override { return image; }
-  void terminate() override {
-    ended = true;
-    if (ends_process) QtApplication::terminate();
-    QCoreApplication::exit(0);
-  }
+  void terminate() override { QCoreApplication::exit(0); }
   const Bytes image = smallImage();
-  bool ends_process = false;
-  std::atomic<bool> ended = false;
 };
 
 // A system bus that takes connections and never answers.
@@ -92,7 +83,7 @@ class Program : public testing::Test {
     application->mainQueueAsync([&] {  // once events are served
       acts = std::thread([&] {
         person();
-        if (!application->ended) application->mainQueueAsync([&] { application->terminate(); });
+        application->mainQueueAsync([&] { application->terminate(); });
       });
     });
     EXPECT_EQ(application->applicationMain(1, arguments, mainStoryboard()), 0);
@@ -148,7 +139,6 @@ TEST_F(Program, SendsExactlyTheRequestsOfAnUpdateAndNothingElse) {
     EXPECT_FALSE(onMain([] { return QApplication::windowIcon().isNull(); }));
     for (const std::string& line : transcript.newLines())
       EXPECT_FALSE(line.starts_with("log: The computer may")) << "it waited for the system bus";
-    press("Confirm  Exit");
   });
   EXPECT_EQ(qm5.breaches(), std::vector<std::string>{});
   Lines seen, expected;
@@ -159,31 +149,6 @@ TEST_F(Program, SendsExactlyTheRequestsOfAnUpdateAndNothingElse) {
   EXPECT_EQ(seen, expected);
   qm5.powerCycle();
   EXPECT_EQ(qm5.version(), 0x4208);
-}
-
-TEST_F(Program, SaysWhetherAQM5IsConnectedAndMayBeOpened) {
-  EmulatedBus bus(qm5, {.permitted = false});
-  const auto told = [](const QString& start) {
-    for (QWidget* widget : QApplication::allWidgets()) {
-      if (widget->objectName() == "txtStatus" && widget->isVisible() &&
-          widget->parentWidget()->objectName() == "deviceStatus")
-        return qobject_cast<QLabel*>(widget)->text().startsWith(start);
-    }
-    return false;
-  };
-  const auto expectTold = [&](const QString& start) {
-    EXPECT_TRUE(eventually([&] { return told(start); })) << start.toStdString();
-  };
-  run([&] {
-    expectTold("No QM5 is connected.");
-    bus.plug();
-    expectTold("A QM5 is connected, but you may not open it.");
-    bus.unplug();
-    expectTold("No QM5 is connected.");
-    bus.setPermitted(true);
-    bus.plug();
-    expectTold("A QM5 is connected.");
-  });
 }
 
 // Unplugged in the middle of a request, all along an update; then plugged in again.
@@ -213,57 +178,6 @@ TEST_F(Program, SurvivesAnUnplugAtAnyMomentAndTheNextRunSucceeds) {
   report(std::to_string(rounds) +
          " unplugs in the middle of a run: each its alert, the next run right");
 }
-
-struct Quitting {
-  std::string_view name;
-  std::optional<Fault> fault;
-  std::size_t requests;          // that have come when the person acts
-  std::vector<QString> presses;  // none: the main window is closed
-};
-QM5_PRINTS_NAME(Quitting)
-
-class ProgramDeathTest : public Program, public testing::WithParamInterface<Quitting> {
- protected:
-  // The whole program, with sleeps that are sleeps, up to the last press.
-  void runAndQuit() {
-    const auto& [name, fault, requests, presses] = GetParam();
-    setProcessClock(nullptr);
-    if (fault) qm5.addFault(*fault);
-    EmulatedBus bus(qm5);
-    bus.plug();
-    application->ends_process = true;
-    alarm(45);  // far less than what the job waits for
-    run([&, awaited = requests, titles = presses] {
-      awaitDevice();
-      for (const QString& title : titles) {
-        while (title == "Abort" && qm5.requestCount() < awaited) std::this_thread::sleep_for(1ms);
-        EXPECT_TRUE(eventually([&] { return pressable(title) != nullptr; })) << title.toStdString();
-        if (HasFailure()) std::_Exit(7);  // the parent sees the status alone
-        press(title);
-      }
-      const auto close = [] {
-        QWidget* const top = QApplication::activeWindow();
-        return top && top->close();
-      };
-      if (titles.empty()) eventually(close);
-      while (true) pause();
-    });
-  }
-};
-
-TEST_P(ProgramDeathTest, EndsAtOnceWithStatusZero) {
-  EXPECT_EXIT(runAndQuit(), testing::ExitedWithCode(0),
-              testing::Not(testing::HasSubstr("Sanitizer")));
-}
-
-const std::vector<QString> kAbort = {"Next", "Abort", "Quit"};
-const std::vector<Quitting> kQuittings = {
-    {"by closing the window", {}, 0, {}},
-    {"idle", {}, 0, {"Exit", "Quit"}},
-    {"in a transfer", Fault{FaultKind::silent, "", 40}, 40, kAbort},
-    {"in long sleeps", Fault{FaultKind::busy_for_ever, "SFWs"}, 44, kAbort},
-    {"finished", {}, 0, {"Next", "Confirm  Exit"}}};
-INSTANTIATE_TEST_SUITE_P(Quit, ProgramDeathTest, testing::ValuesIn(kQuittings), named);
 
 }  // namespace
 }  // namespace qm5::test

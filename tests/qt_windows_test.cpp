@@ -1,10 +1,9 @@
-// The Qt adapter on Qt's offscreen platform: modal runs and the main queue, alerts, what a
-// person's keys and closing requests do, and where the windows are.
+// The Qt adapter on Qt's offscreen platform: what needs no program behind the windows. What keys
+// and closing requests do, the key sweep shows.
 #include <gtest/gtest.h>
 
 #include <QApplication>
 #include <QClipboard>
-#include <QDialogButtonBox>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileDialog>
@@ -22,14 +21,13 @@
 #include "app_shell/qt/layouts.h"
 #include "app_shell/qt/qt_application.h"
 #include "app_shell/qt/qt_window.h"
-#include "app_shell/qt/status_sign.h"
+#include "app_shell/qt/status_box.h"
 #include "support/virtual_clock.h"
 
 namespace qm5::test {
 namespace {
 
 using Trace = std::vector<std::string>;
-const Trace kQuestion = {"Quit", "Don't quit"};
 
 class QtWindows : public testing::Test {
  public:
@@ -55,19 +53,18 @@ class QtWindows : public testing::Test {
     window->addSubview(Label{{{10, 120}, {300, 20}}, "Firmware update successful!", 16, false});
     const std::string text = "New version(QM5 v.4208)\nPlease power cycle your QM5 to apply\nit.";
     window->addSubview(Label{{{10, 45}, {300, 60}}, text, std::nullopt, true});
-    const Action act = [this](Button*) { note("confirm"); };
     window->addSubview(
-        PushButton{{{10, 10}, {300, 40}}, "Confirm & Exit", BezelStyle::rounded, act});
+        PushButton{{{10, 10}, {300, 40}}, "Confirm & Exit", BezelStyle::rounded, [](Button*) {}});
     return window;
   }
 
  protected:
   void note(const std::string& what) { heard_.push_back(what); }
-  void ask(Window& window, const std::vector<std::string>& buttons) {
-    window.beginSheet({.messageText = "QM5 firmware update data error!",
-                       .informativeText = "Please download this program\nand try again.",
-                       .firstButton = buttons.front(),
-                       .otherButtons = {buttons.begin() + 1, buttons.end()},
+  void ask(Window& window) {
+    window.beginSheet({.messageText = "Exit confirmation",
+                       .informativeText = "Do you want to quit?",
+                       .firstButton = "Quit",
+                       .otherButtons = {"Don't quit"},
                        .comesUnasked = true},
                       [this](int response) { note(std::to_string(response)); });
     QTest::qWait(1);
@@ -123,52 +120,18 @@ TEST_F(QtWindows, StepsKeepTheirOrderInAndOutOfNestedRuns) {
   EXPECT_EQ(heard_, (Trace{"first", "second", "third", "inner run ended", "outer run goes on"}));
 }
 
-// --- keys, and windows that only the program closes ---
-
-TEST_F(QtWindows, AModalRunMakesItsWindowModalAndTheQuestionPutsItsButtonsByWhatTheyDo) {
-  const auto window = mainWindow();
-  QWidget* shown = show(*window);
-  EXPECT_FALSE(shown->isModal());
-  application_.mainQueueAsync([&] {
-    EXPECT_TRUE(shown->isModal() && shown->isVisible());
-    application_.stopModal();
-  });
-  application_.runModalForWindow(window);
-  ask(*window, kQuestion);
-  const auto* box = QApplication::activeModalWidget()->findChild<QDialogButtonBox*>();
-  for (auto* button : box->buttons()) {
-    const bool quits = button->text().remove('&') == "Quit";
-    EXPECT_EQ(box->buttonRole(button),
-              quits ? QDialogButtonBox::AcceptRole : QDialogButtonBox::RejectRole);
-  }
-}
+// --- keys ---
 
 TEST_F(QtWindows, AKeyHeldSinceAnotherWindowPressesNothing) {
   const auto window = mainWindow();
   QTest::keyPress(show(*window), Qt::Key_Return);
-  ask(*window, kQuestion);
+  ask(*window);
   clock_.sleep(0.5);
   QTest::keyPress(QApplication::activeModalWidget(), Qt::Key_Return);
   EXPECT_EQ(heard_, Trace{});
   clock_.sleep(1);  // it was let go where no window heard of it
   QTest::keyClick(QApplication::activeModalWidget(), Qt::Key_Return);
   EXPECT_EQ(heard_, Trace{"1001"});
-}
-
-TEST_F(QtWindows, OnlyTheProgramClosesProgressAndFinishAndTheirAlertsGoUnanswered) {
-  for (const auto& window : {progressWindow(), finishDialog()}) {
-    QWidget* shown = show(*window);
-    window->setViewWillDisappear([&] { note("gone"); });
-    shown->close();
-    window->setCloseRequested([&] { note("asked to close"); });
-    shown->close();
-    EXPECT_TRUE(shown->isVisible());
-    ask(*window, kQuestion);
-    window->close();
-    EXPECT_FALSE(shown->isVisible());
-    EXPECT_EQ(std::exchange(heard_, {}),
-              (Trace{"asked to close", std::to_string(kModalResponseAbort), "gone"}));
-  }
 }
 
 TEST_F(QtWindows, ShowsLinesToCopyAndSave) {
@@ -257,17 +220,6 @@ TEST_F(QtWindows, ProgressIsDrawnEveryOtherFrameToItsLastValueAndHoldsNothingUp)
 
 // --- geometry ---
 
-TEST_F(QtWindows, FramesCountFromTheLowerLeftOfTheScreen) {
-  const auto window = progressWindow();
-  const QWidget* shown = show(*window);
-  window->setFrameOrigin({30, 0});
-  QTest::qWait(1);
-  const QRect frame = shown->frameGeometry();
-  EXPECT_EQ(frame.bottomLeft(),
-            QGuiApplication::primaryScreen()->geometry().bottomLeft() + QPoint(30, 0));
-  EXPECT_EQ(window->frame().origin.y, 0);
-}
-
 TEST_F(QtWindows, GrowsAtItsTopWhereTheScreenHasRoomForThat) {
   const auto window = finishDialog();
   QWidget* shown = show(*window);
@@ -292,22 +244,6 @@ TEST_F(QtWindows, GrowsAtItsTopWhereTheScreenHasRoomForThat) {
     EXPECT_EQ(shown->findChild<StatusBox*>()->isVisible(), !text.empty());
   }
   EXPECT_EQ(window->growStatusIndicator(), indicator);
-}
-
-TEST_F(QtWindows, HeadlineAndSignGrowWithTheFont) {
-  const auto window = mainWindow();
-  window->statusIndicator("deviceStatus")->setStatus(StatusKind::good, "A QM5 is connected.");
-  const QWidget* shown = show(*window);
-  const auto* headline = shown->findChild<QLabel*>("txtHeadline");
-  const auto* sign = shown->findChild<StatusSign*>();
-  const QSize before(headline->height(), sign->height());
-  QFont font = QApplication::font();
-  font.setPointSizeF(1.25 * font.pointSizeF());
-  QApplication::setFont(font);
-  EXPECT_TRUE(QTest::qWaitFor([&] {
-    return std::abs(headline->height() - 1.25 * before.width()) <= 2 &&
-           std::abs(sign->height() - 1.25 * before.height()) <= 2;
-  }));
 }
 
 // --- the application's own end ---

@@ -158,7 +158,8 @@ std::shared_ptr<StatusIndicator> QtWindow::growStatusIndicator() {
   above->setContentsMargins(pointsView().marginsAbove());
   above->addWidget(box);
   const int growth = above->contentsMargins().top() + box->height();
-  if (before.top() - growth < native_->screen()->availableGeometry().top()) {
+  if (before.top() - growth < native_->screen()->availableGeometry().top() ||
+      native_->height() + growth > roomOnScreen(*native_).height()) {
     delete above;
     delete box;
     return nullptr;
