@@ -2,7 +2,6 @@
 // state of the bus.
 #include <algorithm>
 #include <array>
-#include <sstream>
 
 #include "app_shell/device_status_presenter.h"
 #include "app_shell/power_cycle_check.h"
@@ -19,7 +18,7 @@ struct Moment {
   std::string_view name;
   std::vector<std::pair<std::size_t, double>> steps;  // number, seconds
   double now;
-  std::string told;  // the texts: two lines, and a warning's second one
+  std::string told;  // the texts, a line each
   UpdatedDevice device = UpdatedDevice::there;
 };
 QM5_PRINTS_NAME(Moment)
@@ -31,10 +30,8 @@ TEST_P(Pace, TellsWhatIsSoAndNoMoreThanIsKnown) {
   UpdatePace pace(0, 100);
   for (const auto& [number, time] : steps) pace.progressed(number, time);
   pace.deviceIs(device);
-  std::istringstream warning{std::string(pace.warning(now))};
-  std::string line;
-  std::getline(std::getline(warning, line), line);  // where the warnings differ
-  EXPECT_EQ(pace.remaining(now) + "\n" + std::string(pace.phase(now)) + "\n" + line, told);
+  std::string texts = pace.remaining(now).append("\n").append(pace.phase(now)).append("\n");
+  EXPECT_EQ(texts.append(pace.warning(now)), told);
 }
 
 constexpr auto away = UpdatedDevice::away;
@@ -43,10 +40,19 @@ const std::string kWriting = "\nWriting the new firmware.\n";
 const std::string kWaiting = "\nWaiting for the QM5 to respond.\n";
 const std::string kChecking = "\nThe QM5 is checking the new firmware. This can take minutes.\n";
 const std::string kEnding = "\nWaiting for the update to end.\n";
-const std::string kLost = kEnding + "error message. Connect the QM5 again after that, then press";
-const std::string kLostLate = kEnding + "error message, which can take up to five minutes. Connect";
-const std::string kIsBack = kEnding + "relied on: when it has ended, start it again.";
-const std::string kAnother = kEnding + "one. It can't be relied on: when it has ended, connect one";
+const std::string kGone =
+    kEnding + "The QM5 has been disconnected: the update will end in an error message";
+const std::string kLost = kGone + ". Connect the QM5 again after that, then press Next.";
+const std::string kLostLate = kGone +
+                              ", which can take up to five minutes. Connect the QM5 again after "
+                              "that, then press Next.";
+const std::string kIsBack = kEnding +
+                            "The QM5 was disconnected and is back. This update can't be relied "
+                            "on: when it has ended, start it again.";
+const std::string kAnother = kEnding +
+                             "Another QM5 was connected, and the update now goes to that one. It "
+                             "can't be relied on: when it has ended, connect one QM5 alone and "
+                             "start it again.";
 const std::string kMinutes = "About 3 minutes left to write" + kWriting;
 const std::string kMinute = "Less than a minute left to write" + kWriting;
 
