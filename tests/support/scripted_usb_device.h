@@ -17,7 +17,7 @@ inline constexpr IOReturn kRefused = -9;  // LIBUSB_ERROR_PIPE
 class ScriptedUsbDevice final : public IOUSBDeviceStruct942 {
  public:
   ~ScriptedUsbDevice() {
-    EXPECT_TRUE(expected_.empty()) << "never came: " << describe(expected_.front().request);
+    EXPECT_TRUE(expected_.empty()) << "never came: " << describe(expected_.front().first);
   }
 
   // Script it. Without a reply the request fails; a reply may be shorter than asked for.
@@ -27,14 +27,15 @@ class ScriptedUsbDevice final : public IOUSBDeviceStruct942 {
   void expectRead(std::uint16_t address, std::uint16_t length, const std::optional<Bytes>& reply) {
     expect(registerRead(address, length), reply);
   }
-  /// A task that has ended at the first poll.
-  void expectTask(std::string_view command, const Bytes& data, std::uint16_t reply_length,
-                  const std::optional<Bytes>& reply) {
-    for (const WireRequest& request : taskRequests(command, data, reply_length)) {
+  /// A task that has ended at the first poll. Zeros follow what is given of its reply.
+  void expectTask(std::string_view command, const Bytes& data = {},
+                  std::optional<Bytes> reply = Bytes{0x40}) {
+    for (const WireRequest& request : taskRequests(command, data)) {
       const bool polls = isRead(request.setup) && request.setup.wValue == 0x1E;
       expect(request, polls ? Bytes{4, 0, 0, 0, 0} : Bytes());
     }
-    expected_.back().reply = reply;
+    if (reply) reply->resize(expected_.back().first.setup.wLength);
+    expected_.back().second = std::move(reply);
   }
 
   // Pass it on.
@@ -64,12 +65,7 @@ class ScriptedUsbDevice final : public IOUSBDeviceStruct942 {
   }
 
  private:
-  struct Step {
-    WireRequest request;
-    std::optional<Bytes> reply;
-  };
-
-  std::deque<Step> expected_;
+  std::deque<std::pair<WireRequest, std::optional<Bytes>>> expected_;
   IOUSBDeviceStruct942* device_ = this;
 };
 

@@ -50,33 +50,32 @@ inline WireRequests registerWrite(std::uint16_t address, ByteView data, std::siz
 }
 
 /// A task that has ended at the first poll.
-inline WireRequests taskRequests(std::string_view command, ByteView data,
-                                 std::uint16_t reply_length) {
+inline WireRequests taskRequests(std::string_view command, ByteView data) {
   WireRequests requests = registerWrite(0x1F, data);
   const WireRequests start = registerWrite(0x1E, Bytes(command.begin(), command.end()));
   requests.insert(requests.end(), start.begin(), start.end());
   requests.push_back(registerRead(0x1E, 5));
-  requests.push_back(registerRead(0x1F, reply_length));
+  requests.push_back(registerRead(0x1F, command == "SFWi" ? 7 : command == "SFWd" ? 2 : 11));
   return requests;
 }
 
 /// The whole update, from the version read to the last key block's reply.
 inline WireRequests updateRequests(ByteView image) {
   WireRequests requests = {registerRead(0x06, 9)};
-  const auto task = [&](std::string_view command, ByteView data, std::uint16_t reply_length) {
-    const WireRequests more = taskRequests(command, data, reply_length);
+  const auto task = [&](std::string_view command, ByteView data) {
+    const WireRequests more = taskRequests(command, data);
     requests.insert(requests.end(), more.begin(), more.end());
   };
-  task("SFWi", {}, 7);
+  task("SFWi", {});
   const Bytes flash = flashContents(image.subspan(kImagePayloadStart));
   Bytes previous(64, 0xFF);
   for (std::size_t at = 0; at < flash.size(); at += 64) {
     const Bytes block = slice(flash, at, 64);
-    task("SFWd", slice(block, 0, block == previous ? 4 : 64), 2);
+    task("SFWd", slice(block, 0, block == previous ? 4 : 64));
     previous = block;
   }
   for (const std::size_t region : {kImageSignatureStart, kImagePublicKeyStart})
-    for (std::size_t at = 0; at < 384; at += 64) task("SFWs", slice(image, region + at, 64), 11);
+    for (std::size_t at = 0; at < 384; at += 64) task("SFWs", slice(image, region + at, 64));
   return requests;
 }
 
