@@ -398,10 +398,11 @@ void tryPairsOf(std::size_t number, Tally& tally) {
 void showProgress(const Tally& tally, double seconds) {
   static std::ofstream terminal("/dev/tty");
   const double done = static_cast<double>(tally.tried) / static_cast<double>(tally.all);
-  if (done > 0)
+  if (done > 0) {
     terminal << "\rPairs of faults: " << std::lround(100 * done) << " %, about "
              << std::lround(std::ceil(seconds * (1 - done) / done / 60)) << " min left  "
              << (done < 1 ? "" : "\n") << std::flush;
+  }
 }
 
 // Each first fault in a process of its own, as a process has but one application and one bus; as

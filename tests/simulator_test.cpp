@@ -100,7 +100,7 @@ QM5_PRINTS_NAME(Sent)
 class Host : public testing::TestWithParam<Sent> {};
 TEST_P(Host, IsAnsweredNamedAndMayUpdateAllTheSame) {
   FaultyQm5 device;
-  const auto [status, answer, comes_back] = send(device, GetParam().requests);
+  const auto [status, comes_back, answer] = send(device, GetParam().requests);
   const int second = answer.size() < 2 ? 0 : answer[1];
   EXPECT_EQ(status == ControlStatus::stall ? kStall : second, GetParam().answer);
   send(device, {registerRead(0x1E, 5)});  // a task that was left alone ends here

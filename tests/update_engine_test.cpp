@@ -170,8 +170,9 @@ TEST_F(Engine, SendsSignatureThenKeyUnlessThePaddingIsAnother) {
       for (std::uint8_t i = 0; i < 6; ++i) {
         const std::string number = std::to_string(i);
         device.expectTask("SFWs", Bytes(64, first + i), Bytes{0x40, 0x80, 7});
-        lines.push_back("progress: Update " + title + number + " 99.000000");
-        lines.push_back("out: Sending SFWs " + sending + number);
+        lines.push_back(
+            std::string("progress: Update ").append(title).append(number).append(" 99.000000"));
+        lines.push_back(std::string("out: Sending SFWs ").append(sending).append(number));
         lines.emplace_back("out: SFWs: read_back: [64, 128, 7, 0, 0, 0, 0, 0, 0, 0, 0]");
         if (!sent.empty()) lines.push_back(sent + number);
       }

@@ -190,9 +190,9 @@ std::optional<Fault> parseFault(std::string_view text) {
 std::variant<SimulatorOptions, SimulatorNotice> parseSimulatorOptions(
     std::vector<std::string> arguments) {
   arguments.insert(arguments.begin(), "qm5-simulator");
-  std::vector<char*> words;
-  for (std::string& argument : arguments) words.push_back(argument.data());
-  words.push_back(nullptr);
+  std::vector<char*> words(arguments.size() + 1);  // the last one stays null
+  std::transform(arguments.begin(), arguments.end(), words.begin(),
+                 [](std::string& argument) { return argument.data(); });
   SimulatorOptions options;
   optind = 0;  // getopt_long starts anew
   for (int found = nextOption(words); found != kEndOfOptions; found = nextOption(words)) {

@@ -30,8 +30,8 @@ enum class ControlStatus {
 
 struct ControlResult {
   ControlStatus status = ControlStatus::ok;
-  Bytes data = {};          ///< of a read: what the device sent, at most wLength bytes
   bool comes_back = false;  ///< with `gone`: it is plugged in again a moment later
+  Bytes data = {};          ///< of a read: what the device sent, at most wLength bytes
 };
 
 /// A device that can be plugged into a bus: it answers control requests.

@@ -16,7 +16,7 @@ std::optional<ControlResult> resultOf(FaultKind kind) {
     case FaultKind::unplug:
       return ControlResult{ControlStatus::gone};
     case FaultKind::replug:
-      return ControlResult{ControlStatus::gone, {}, true};
+      return ControlResult{ControlStatus::gone, true};
     default:
       return std::nullopt;
   }

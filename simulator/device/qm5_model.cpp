@@ -26,7 +26,7 @@ ControlResult registerReply(ByteView contents, std::uint16_t length) {
   Bytes reply = {static_cast<std::uint8_t>(contents.size())};
   reply.insert(reply.end(), contents.begin(), contents.end());
   reply.resize(std::min<std::size_t>(reply.size(), length));
-  return {ControlStatus::ok, std::move(reply)};
+  return {.data = std::move(reply)};
 }
 
 }  // namespace
@@ -81,7 +81,7 @@ ControlResult Qm5Model::readVersion(std::uint16_t length) const {
   reply[0] = static_cast<std::uint8_t>(version_ & 0xFF);
   reply[1] = static_cast<std::uint8_t>(version_ >> 8);
   reply.resize(std::min<std::size_t>(reply.size(), length));
-  return {ControlStatus::ok, std::move(reply)};
+  return {.data = std::move(reply)};
 }
 
 // A task ends with the poll that sees its end. So a host that does not wait is refused at any

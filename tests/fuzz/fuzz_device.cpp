@@ -23,7 +23,7 @@ class StreamedQm5 final : public ControlEndpoint {
   ControlResult control(const ControlSetup& setup, ByteView data) override {
     static const ControlResult kFailures[] = {{ControlStatus::stall},
                                               {ControlStatus::gone},
-                                              {ControlStatus::gone, {}, true},
+                                              {ControlStatus::gone, true},
                                               {ControlStatus::pending}};
     const std::size_t decision = next();
     if (decision >= 1 && decision <= std::size(kFailures)) return kFailures[decision - 1];
@@ -37,7 +37,7 @@ class StreamedQm5 final : public ControlEndpoint {
   ControlResult madeUp(const ControlSetup& setup) {
     Bytes reply(isRead(setup) ? std::min<std::size_t>(next(), setup.wLength) : 0);
     std::generate(reply.begin(), reply.end(), [this] { return next(); });
-    return {ControlStatus::ok, reply};
+    return {.data = reply};
   }
   ControlResult changed(ControlResult result) {
     if (!result.data.empty()) result.data[next() % result.data.size()] = next();

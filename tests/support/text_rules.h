@@ -22,7 +22,7 @@ struct Moment {
   bool goesOn() const { return since_change < 1 || (is_there && !said.has_left); }
   std::string percent(const char* format) const {
     char text[16];
-    const double least = isOpened() ? static_cast<double>(said.taken * 100 / 3) : 0;
+    const double least = isOpened() ? std::floor(100.0 * static_cast<double>(said.taken) / 3) : 0;
     std::snprintf(text, sizeof text, format, said.taken < kPayloadBlocks ? least : 99.0);
     return text;
   }
