@@ -4,7 +4,6 @@
 #include <pthread.h>
 
 #include <algorithm>
-#include <latch>
 #include <new>
 
 #include "app_shell/progress_window.h"
@@ -17,35 +16,20 @@ namespace {
 
 constexpr int kOK = kAlertFirstButtonReturn;
 
-class Shell : public testing::Test {
+class Shell : public testing::Test, protected WholeApp {
  protected:
-  // Starts the application's classes anew as the toolkit does.
-  void start() {
-    app_.start();
-    controller = std::static_pointer_cast<ViewController>(application.controller);
-  }
+  Shell() : WholeApp(smallImage()) {}
+  ~Shell() override { bus.unplug(); }
   // In place of the one before, if any.
   void attach(std::uint16_t version) {
     device.emplace(Qm5Model({.version = version}));
-    app_.bus.plug(*device);
+    bus.plug(*device);
   }
-  // Presses Next, and OK once the run has ended in an alert.
-  void runToItsAlert() {
-    application.main->press("btnNext");
-    application.runUntilAlert();
-    application.answer(kOK);
+  std::shared_ptr<ViewController> controller() const {
+    return std::static_pointer_cast<ViewController>(application.controller);
   }
 
   std::optional<FaultyQm5> device;
-
- private:
-  WholeApp app_{smallImage()};
-
- protected:
-  Transcript& transcript = app_.transcript;
-  VirtualClock& clock = app_.clock;
-  ScriptedApplication& application = app_.application;
-  std::shared_ptr<ViewController> controller;
 };
 
 const Lines kNext = {"log: Next Click",
@@ -136,7 +120,7 @@ const std::string kFound = "log: Device found. Out customer version: ";
 const std::string kFile = "The firmware file of this package is ";
 const std::string kNothing = "; nothing was written to the QM5.";
 const std::string kMissing = kFile + "missing or could not be read" + kNothing;
-const std::string kShort = kFile + "no image, as it has only 3 bytes" + kNothing;
+const std::string kShort = kFile + "no image, as it has only 771 bytes" + kNothing;
 const std::string kOther = kFile + "no image, as it begins like none" + kNothing;
 const FileError kGone = {"gone"};
 const std::vector<Ending> kEndings = {
@@ -151,8 +135,8 @@ const std::vector<Ending> kEndings = {
     {"no image", 0x420A, kGone, {kFound + "420A"}, kDataError, kMissing},
     {"bad image",
      0x4209,
-     Bytes(3),
-     {kFound + "4209", "out: Invalid binary file. Binary file length:3"},
+     Bytes(771),
+     {kFound + "4209", "out: Invalid binary file. Binary file length:771"},
      kFlashError,
      kShort},
     {"no magic",
@@ -164,25 +148,16 @@ const std::vector<Ending> kEndings = {
 INSTANTIATE_TEST_SUITE_P(Endings, Run, testing::ValuesIn(kEndings), named);
 
 TEST_F(Shell, EndsARunInItsAlertWhereTheComputerHasNothingLeftForIt) {
-  start();
   attach(0x4201);
-  const auto expect_reason = [&](const std::string& reason) {
-    application.main->press("btnNext");
-    application.runUntilAlert();
-    EXPECT_EQ(application.shown["runStatus"], reason);
-    const Lines lines = transcript.newLines();
-    EXPECT_EQ(std::count(lines.begin(), lines.end(),
-                         "alert on main: " + std::string(kFlashError) + " [OK]"),
-              1);
-    application.answer(kOK);
-  };
-  clock.during_sleep = [](double) { throw std::bad_alloc(); };
-  expect_reason("The computer has not enough memory for the update.");
+  during_sleep = [] { throw std::bad_alloc(); };
+  EXPECT_EQ(update().title, "Flash firmware error");
+  EXPECT_EQ(application.shown["runStatus"], "The computer has not enough memory for the update.");
   pthread_attr_t too_large;
   pthread_attr_init(&too_large);
   pthread_attr_setstacksize(&too_large, std::size_t{1} << 46);
   pthread_setattr_default_np(&too_large);
-  expect_reason("The computer had no thread left for the update.");
+  EXPECT_EQ(update().title, "Flash firmware error");
+  EXPECT_EQ(application.shown["runStatus"], "The computer had no thread left for the update.");
 }
 
 Lines without(Lines lines, std::string_view prefix) {
@@ -191,7 +166,6 @@ Lines without(Lines lines, std::string_view prefix) {
 }
 
 TEST_F(Shell, ShowsEachStepAndEndsInTheFinishDialog) {
-  start();
   attach(0x420A);
   application.refuses_to_stay_awake = true;
   Lines expected = without(kNext, "out: ");
@@ -228,42 +202,27 @@ TEST_F(Shell, ShowsEachStepAndEndsInTheFinishDialog) {
   application.main->press("btnNext");
   // The job's own lines come when they come; those of the main thread keep their order.
   EXPECT_EQ(without(without(seen, "out: "), "log: S"), expected);
-  controller->confirmButtonClicked(nullptr);
+  controller()->confirmButtonClicked(nullptr);
   EXPECT_EQ(transcript.newLines(), (Lines{"log: confirm button clicked", "finish closed"}));
 }
 
 TEST_F(Shell, PlacesTheFinishDialogByItsWholeHalfWidth) {
-  start();
   for (const auto& [content, image] :
        {std::pair<std::optional<Size>, std::string>{std::nullopt, "image 107 160 106 100 qm5_OK"},
         {Size{341.9, 280}, "image 117 160 106 100 qm5_OK"}}) {
     application.finish_content_size = content;
-    controller->showCustomDialog();
+    controller()->showCustomDialog();
     const Lines lines = transcript.newLines();
     EXPECT_EQ(std::count(lines.begin(), lines.end(), image), 1);
   }
   application.finish_content_size = Size{1e30, 280};
-  EXPECT_DEATH(controller->showCustomDialog(), "without a usable width");
-  application.has_main_window = false;
-  EXPECT_DEATH(controller->showCustomDialog(), "no main window");
-}
-
-TEST_F(Shell, DropsProgressWhileNoProgressWindowIsUp) {
-  start();
-  transcript.newLines();
-  controller->callbackUpdateProgress("title", 50.0);
-  application.drain();
-  EXPECT_EQ(transcript.newLines(), Lines{});
-  // An error then leaves the progress window alone.
-  controller->dialogErrorStop("T", "M");
-  EXPECT_EQ(transcript.newLines(), Lines{"alert on main: T | M [OK]"});
-  application.answer(kModalResponseAbort);
-  EXPECT_EQ(transcript.newLines(), Lines{}) << "only the button counts";
+  EXPECT_DEATH(controller()->showCustomDialog(), "without a usable width");
+  application.main.reset();
+  EXPECT_DEATH(controller()->showCustomDialog(), "no main window");
 }
 
 // By a button, by a window's frame, or from outside: a signal, or the session's end.
 TEST_F(Shell, AsksOnceBeforeItEndsAndWithoutARunEndsAtASignal) {
-  start();
   int declined = 0;
   const auto interrupt = [&] { application.requestTermination([&] { ++declined; }); };
   const auto expect_question = [&](const std::string& window, Lines lines, bool unasked) {
@@ -274,68 +233,48 @@ TEST_F(Shell, AsksOnceBeforeItEndsAndWithoutARunEndsAtASignal) {
   };
   const auto expect_end = [&] { EXPECT_EQ(transcript.newLines(), Lines{"terminate"}); };
   transcript.newLines();
-  interrupt();
-  expect_end();
   for (const int answer : {kOK + 1, kOK}) {
     application.main->press("btnExit");
     expect_question("main", {"log: Exit Click"}, false);
     application.answer(answer);
   }
   expect_end();
-  const auto during_run = [&] {
-    transcript.newLines();
-    application.progress->press("btnAbort");
-    expect_question("progress", {"log: Abort button clicked"}, false);
-    interrupt();
-    interrupt();
-    application.progress->close_requested();
-    EXPECT_EQ(transcript.newLines(), Lines{}) << "the question is open already";
-    application.answer(kModalResponseAbort);
-    EXPECT_EQ(declined, 2);
-    interrupt();
-    expect_question("progress", {}, true);
-    application.answer(kOK + 1);
-    EXPECT_EQ(declined, 3);
-    application.progress->close_requested();
-    expect_question("progress", {}, false);
-    application.answer(kOK);
-    expect_end();
-  };
-  clock.during_sleep = [&](double) {
-    application.waitUntilModal();
-    std::latch over(1);
+  during_sleep = [&] {
     application.mainQueueAsync([&] {
-      during_run();
-      over.count_down();
+      transcript.newLines();
+      application.progress->press("btnAbort");
+      expect_question("progress", {"log: Abort button clicked"}, false);
+      interrupt();
+      interrupt();
+      application.progress->close_requested();
+      EXPECT_EQ(transcript.newLines(), Lines{}) << "the question is open already";
+      application.answer(kModalResponseAbort);
+      EXPECT_EQ(declined, 2);
+      interrupt();
+      expect_question("progress", {}, true);
+      application.answer(kOK + 1);
+      EXPECT_EQ(declined, 3);
+      application.progress->close_requested();
+      expect_question("progress", {}, false);
+      application.answer(kOK);
+      expect_end();
     });
-    over.wait();
+    application.whenIdle([] {});
   };
-  runToItsAlert();
+  update();
   interrupt();
   EXPECT_EQ(transcript.newLines().back(), "terminate");
 }
 
-TEST_F(Shell, TellsOfADeviceOnceTheDriverHasIt) {
-  start();
-  const auto examined = NotificationCenter::defaultCenter().addObserver(
-      USBDeviceExamined, [](const Notification&) { EXPECT_TRUE(global_driver->deviceInfo()); });
-  attach(0x4201);
-  application.drain();
-  EXPECT_EQ(application.shown["deviceStatus"], "A QM5 is connected.");
-}
-
 TEST_F(Shell, SaysThatAnotherDeviceCameDuringTheUpdateAndNotThatOneLeft) {
-  start();
   attach(0x4201);
   USBDevice another;
   another.id = 99;
-  clock.during_sleep = [&](double) {
-    application.waitUntilModal();
+  during_sleep = [&] {
     NotificationCenter::defaultCenter().post({USBDeviceConnected, Dictionary{{"device", another}}});
   };
   for (const std::string before : {"Another QM5 was connected during the update. ", ""}) {
-    runToItsAlert();
-    EXPECT_EQ(application.shown["runStatus"], before + "The QM5 did not report its version.");
+    EXPECT_EQ(update().reason, before + "The QM5 did not report its version.");
   }
 }
 
@@ -362,13 +301,11 @@ TEST_F(Shell, SaysBeforeNextWhatIsInThePackage) {
 }
 
 TEST_F(Shell, SeesTheUpdateToItsEndWithoutADisplay) {
-  start();
   const auto lose_display = [this] { return application.delegate->applicationLostDisplay(); };
   EXPECT_EQ(lose_display(), EXIT_FAILURE) << "no update runs";
   std::vector<int> statuses;  // of a run that is under way, and of one whose end is shown
   application.during_finish_dialog = [&] { statuses.push_back(lose_display()); };
-  clock.during_sleep = [&](double) {
-    application.waitUntilModal();
+  during_sleep = [&] {
     // Serves nothing before the job has ended.
     application.mainQueueAsync([&] { statuses.push_back(lose_display()); });
   };

@@ -19,12 +19,6 @@ inline const std::string kFinish = "Firmware update successful!";
 inline constexpr std::size_t kPayloadBlocks = 4;
 inline constexpr std::size_t kBlocks = 16;  // with those of the signature and the key
 
-/// What the person must be told of a run.
-struct Expected {
-  Outcome outcome = {kFinish, ""};
-  std::string reason = {};  // in the main window
-};
-
 class Conversation {
  public:
   using Reply = std::optional<unsigned int>;  ///< its result; none: there was no reply
@@ -44,14 +38,14 @@ class Conversation {
     if (isRead(setup) && setup.wValue == kData3Register)
       reply(is_ok ? Reply(byte(setup.wLength == 7 ? 0 : 1) & 15u) : Reply());
   }
-  /// What follows for the person. `is_gone`: there is no device any more, so that the host may
+  /// What the person must be told. `is_gone`: there is no device any more, so that the host may
   /// have asked it in vain.
-  Expected outcome(bool is_gone) const {
+  Outcome outcome(bool is_gone) const {
     const bool ended = stage == Stage::sent || stage == Stage::failed || stage == Stage::looking;
-    if (unasked_ > 0 || (!ended && !is_gone)) return {{"not as these replies want it", ""}};
-    if (stage == Stage::sent) return {};
+    if (unasked_ > 0 || (!ended && !is_gone)) return {"not as these replies want it", "", ""};
+    if (stage == Stage::sent) return {kFinish, "", ""};
     if (stage == Stage::looking)
-      return {{"Get customer version error !", ""}, qm5() + "did not report its version."};
+      return {"Get customer version error !", "", qm5() + "did not report its version."};
     return failure(ended ? refusal_ : Reply());
   }
 
@@ -102,7 +96,7 @@ class Conversation {
   }
   bool isWriting() const { return stage == Stage::payload || stage == Stage::secure; }
 
-  Expected failure(Reply result) const {
+  Outcome failure(Reply result) const {
     const std::string number = std::string("0x") + "0123456789ABCDEF"[result.value_or(0)];
     const std::string region = taken < kPayloadBlocks ? "firmware"
                                : taken < 10           ? "signature"
@@ -116,7 +110,7 @@ class Conversation {
     const auto& rule = *std::find_if(std::begin(kRules), std::end(kRules), [&](const Rule& known) {
       return known.task == task_ && known.replied == result.has_value();
     });
-    return {{"Flash firmware error", filled(rule.lines)}, qm5() + filled(rule.reason)};
+    return {"Flash firmware error", filled(rule.lines), qm5() + filled(rule.reason)};
   }
   std::string codeInLine(unsigned int code, const std::string& number) const {
     if (task_ == "SFWi") return code < 4 || (code > 8 && code < 15) ? "FAIL_UNKNOWN_ERROR" : number;

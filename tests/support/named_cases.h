@@ -8,17 +8,13 @@
 
 namespace qm5::test {
 
-struct CaseName {
-  template <typename Case>
-  std::string operator()(const testing::TestParamInfo<Case>& info) const {
-    std::string name(info.param.name);
-    for (char& c : name) {
-      if (std::isalnum(static_cast<unsigned char>(c)) == 0) c = '_';
-    }
-    return name;
+inline constexpr auto named = [](const auto& info) {
+  std::string name(info.param.name);
+  for (char& c : name) {
+    if (std::isalnum(static_cast<unsigned char>(c)) == 0) c = '_';
   }
+  return name;
 };
-inline constexpr CaseName named;
 
 }  // namespace qm5::test
 

@@ -275,7 +275,6 @@ class ScriptedApplication final : public Application,
       std::make_shared<ScriptedWindow>(*this, "main", Rect{{100, 200}, {400, 300}});
   std::shared_ptr<ScriptedWindow> progress =
       std::make_shared<ScriptedWindow>(*this, "progress", Rect{{0, 0}, {300, 100}});
-  bool has_main_window = true;
   std::optional<std::string> image_path = "/package/image.bin";
   FileContents image = FileError{"not set"};
   bool is_development_image = false;
@@ -319,7 +318,7 @@ class ScriptedApplication final : public Application,
   std::shared_ptr<ApplicationDelegate> delegate;
   std::shared_ptr<void> controller;
 
-  std::shared_ptr<Window> mainWindow() override { return has_main_window ? main : nullptr; }
+  std::shared_ptr<Window> mainWindow() override { return main; }
   void runModalForWindow(const std::shared_ptr<Window>& window) override {
     noteOnMain("modal run");
     if (window != progress) return during_finish_dialog();

@@ -17,9 +17,11 @@ struct Moment {
   enum class RunState { none, under_way, failed, succeeded };
 
   bool isOpened() const { return said.stage > Stage::opening && said.stage != Stage::failed; }
+  double sinceTaken() const { return time - taken_at; }
+  double sinceChange() const { return time - changed_at; }
   /// The QM5 is the one that the update began with; where it has just left or come back, what
   /// was said before may still stand.
-  bool goesOn() const { return since_change < 1 || (is_there && !said.has_left); }
+  bool goesOn() const { return sinceChange() < 1 || (is_there && !said.has_left); }
   std::string percent(const char* format) const {
     char text[16];
     const double least = isOpened() ? std::floor(100.0 * static_cast<double>(said.taken) / 3) : 0;
@@ -29,10 +31,11 @@ struct Moment {
 
   RunState run = RunState::none;
   Conversation said;          // since Next
+  double next_at = 0;         // when Next was pressed
+  double taken_at = 0;        // when the QM5 took something, or Next was pressed
+  double changed_at = 0;      // when a QM5 left or came
+  double time = 0;            // now
   bool is_there = false;      // on the bus
-  double since_next = 0;      // since Next was pressed
-  double since_taken = 0;     // since the QM5 took something, or since Next
-  double since_change = 0;    // since a QM5 left or came
   bool was_away = false;      // since the update has succeeded
   std::uint16_t version = 0;  // of what runs on the QM5
   bool is_good = false;       // its flash and signature are right
@@ -85,27 +88,27 @@ inline constexpr TextRule kTextRules[] = {
        int minutes = 0;
        int seconds = 0;
        std::sscanf(text.c_str(), "Elapsed: %d:%2d", &minutes, &seconds);
-       const double late = now.since_next - 60 * minutes - seconds;
-       return late > -0.01 && late < 2;
+       const double late = now.time - now.next_at - 60 * minutes - seconds;
+       return late > -0.01 && late < 2 && text[text.size() - 3] == ':';
      }},
     {"txtRemaining", "", [](Now, Text) { return true; }},
     {"txtRemaining", "Less than a minute left to write",
      [](Now now, Text) {
-       return now.said.stage == Stage::payload && now.goesOn() && now.since_taken < 6;
+       return now.said.stage == Stage::payload && now.goesOn() && now.sinceTaken() < 6;
      }},
     {"txtPhase", "Looking for the QM5.",
      [](Now now, Text) {
-       return !now.is_there && (now.said.stage == Stage::looking || now.since_change < 1);
+       return !now.is_there && (now.said.stage == Stage::looking || now.sinceChange() < 1);
      }},
     {"txtPhase", "Preparing the update.",
-     [](Now now, Text) { return !now.isOpened() && now.goesOn() && now.since_next < 6; }},
+     [](Now now, Text) { return !now.isOpened() && now.goesOn() && now.time - now.next_at < 6; }},
     {"txtPhase", "Writing the new firmware.",
      [](Now now, Text) {
-       return now.said.stage == Stage::payload && now.goesOn() && now.since_taken < 6;
+       return now.said.stage == Stage::payload && now.goesOn() && now.sinceTaken() < 6;
      }},
     {"txtPhase", "Waiting for the QM5 to respond.",
      [](Now now, Text) {
-       return now.said.stage <= Stage::payload && now.goesOn() && now.since_taken >= 5;
+       return now.said.stage <= Stage::payload && now.goesOn() && now.sinceTaken() >= 5;
      }},
     {"txtPhase", "The QM5 is checking the new firmware. This can take minutes.",
      [](Now now, Text) { return now.said.stage == Stage::secure && now.goesOn(); }},

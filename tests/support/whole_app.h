@@ -19,8 +19,9 @@ namespace qm5::test {
 
 /// What the person was told, and why.
 struct Outcome {
-  std::string title;  ///< the title of the alert, or of the finish dialog
-  std::string lines;  ///< the console's lines about a failure, each ended by a semicolon
+  std::string title;   ///< the title of the alert, or of the finish dialog
+  std::string lines;   ///< the console's lines about a failure, each ended by a semicolon
+  std::string reason;  ///< in the main window
   bool operator==(const Outcome&) const = default;
 };
 
@@ -68,6 +69,7 @@ class WholeApp {
     application.main->press("btnNext");
     if (!ended_) application.runUntilAlert();
     Outcome outcome = read(transcript.newLines());
+    outcome.reason = application.shown["runStatus"];
     if (!ended_ && during_alert) during_alert();
     if (!ended_) application.answer(kAlertFirstButtonReturn);
     const Lines ready = {"log: OK pressed", "btnExit enabled", "btnNext enabled"};
