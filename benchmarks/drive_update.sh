@@ -18,5 +18,7 @@ for _ in {1..1200}; do
   sleep 0.5
 done
 on_screen "Firmware update successful!"
-xdotool key Return # "Confirm & Exit"
+# "Confirm & Exit", again and again: a window that has come up by itself takes no presses at first.
+confirmed() { ! kill -0 $simulator || { xdotool key Return && false; }; }
+await "the finish dialog stayed" confirmed
 wait $simulator
