@@ -14,10 +14,9 @@ constexpr double kSettleTime = 1.0;  // seconds in which a QM5 that came starts 
 
 constexpr std::string_view kRepeat = " Start the updater again and repeat the update.";
 constexpr std::string_view kAnotherOne =
-    "The QM5 came back, but another QM5 was connected too, so it was not asked for its version. "
-    "Connect one QM5 alone.";
+    "The QM5 came back, but another QM5 was connected too. Connect one QM5 alone.";
 constexpr std::string_view kNoThread =
-    "The QM5 came back, but the computer had no thread left to ask for its version.";
+    "The QM5 came back, but the computer had no thread left to ask it.";
 
 std::optional<std::uint64_t> usedId() {
   const auto used = global_driver ? global_driver->deviceInfo() : std::nullopt;
@@ -40,7 +39,8 @@ std::shared_ptr<PowerCycleCheck> PowerCycleCheck::follow() {
     const auto* id = objectValue<std::uint64_t>(posted, "id");
     const auto* result = objectValue<IOReturn>(posted, "result");
     const auto* location = objectValue<std::string>(posted, "location");
-    if (id == nullptr || result == nullptr) return;
+    // One that left while it was examined has no removal.
+    if (id == nullptr || result == nullptr || *result == kIOReturnNoDevice) return;
     const Arrival arrival{*id, location != nullptr ? *location : "", *result == kIOReturnSuccess};
     onMain([arrival](PowerCycleCheck& kept) { kept.noteArrival(arrival); });
   }));
@@ -70,7 +70,8 @@ void PowerCycleCheck::noteArrival(const Arrival& arrival) {
   if (phase_ == Phase::present && arrival.id == id_) location_ = arrival.location;
   const bool same_port =
       location_.empty() || arrival.location.empty() || arrival.location == location_;
-  if (phase_ != Phase::away || !same_port) return;
+  // Its removal may have been reported already.
+  if (phase_ != Phase::away || !same_port || gone_.contains(arrival.id)) return;
   phase_ = Phase::back;
   id_ = arrival.id;
   show(StatusKind::information, "The QM5 is back. Its version is being read.");
@@ -79,13 +80,14 @@ void PowerCycleCheck::noteArrival(const Arrival& arrival) {
 }
 
 void PowerCycleCheck::noteRemoval(std::uint64_t id) {
+  gone_.insert(id);
   if (id == id_ && (phase_ == Phase::present || phase_ == Phase::back)) waitForReturn();
 }
 
 void PowerCycleCheck::waitForReturn() {
   phase_ = Phase::away;
   show(StatusKind::information,
-       "The QM5 is off or unplugged. Waiting for it to come back at the same USB port.");
+       "The QM5 is off, unplugged or at another USB port. Waiting for it at the port it had.");
 }
 
 // On the queue of the update jobs.

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -65,6 +66,7 @@ class PowerCycleCheck : public std::enable_shared_from_this<PowerCycleCheck> {
   std::string newest_location_;  // of the last one that the Driver was told of
   std::string location_;         // where the updated QM5 was; empty: not known
   std::uint64_t id_ = 0;         // of the QM5 that is present or back
+  std::set<std::uint64_t> gone_;
   std::weak_ptr<StatusIndicator> indicator_;
   std::atomic<bool> asked_ = false;  // set by the job that asks
   std::optional<NotificationCenter::Registration> arrivals_;

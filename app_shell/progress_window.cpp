@@ -12,8 +12,6 @@ namespace qm5 {
 namespace {
 
 // As laid out: the title of the update before has said how far that one came.
-constexpr std::string_view kTitleAtFirst = "Preparing the update …";
-
 // When the job looks for the QM5. Until then, one that comes is as good as one that has left.
 constexpr double kLooksAfter = 1;  // second
 
@@ -28,7 +26,6 @@ void ProgressViewController::updateBegan(std::size_t chunks) {
   device_.reset();
   replacement_.reset();
   pace_ = UpdatePace(start_, chunks);
-  required(txtTitle2.lock(), "no txtTitle2").setStringValue(kTitleAtFirst);
   required(sleepStatus.lock(), "no sleepStatus").setStatus(StatusKind::caution, "");
   showPace();
 }
@@ -60,7 +57,7 @@ void ProgressViewController::showPace() {
 
 UpdatedDevice ProgressViewController::updatedDevice(double now) {
   const DeviceState state = bus_->state();
-  if (!state.used) return UpdatedDevice::away;
+  if (!state.used) return device_ ? UpdatedDevice::away : UpdatedDevice::notYetThere;
   if (!device_ || now - start_ < kLooksAfter) {
     device_ = state.used;
     location_ = state.location;

@@ -15,8 +15,8 @@ constexpr double kLeastTime = 3;          // seconds
 // A chunk takes milliseconds, and a device that hangs lets the host wait for minutes.
 constexpr double kLongPause = 5;  // seconds
 
-// The job looks for the QM5 at 1 s.
-constexpr double kLookingTime = 2;  // seconds
+// When the job looks for the QM5. Until then, one that has left may come back.
+constexpr double kLookingTime = 1;  // seconds
 
 constexpr std::string_view kAway =
     "The QM5 has been disconnected: the update will end in an "
@@ -43,7 +43,7 @@ UpdatePace::Stage UpdatePace::stage() const {
 }
 
 bool UpdatePace::isLost(double now) const {
-  if (device_ == UpdatedDevice::there || stage() == Stage::sent) return false;
+  if (device_ <= UpdatedDevice::there || stage() == Stage::sent) return false;
   return stage() != Stage::opening || now - start_ >= kLookingTime;
 }
 
@@ -84,7 +84,7 @@ std::string_view UpdatePace::phase(double now) const {
     case Stage::checking:
       return "The QM5 is checking the new firmware. This can take minutes.";
     case Stage::opening:
-      if (device_ == UpdatedDevice::away) return "Looking for the QM5.";
+      if (device_ != UpdatedDevice::there) return "Looking for the QM5.";
       return pauses(now) ? "Waiting for the QM5 to respond." : "Preparing the update.";
     case Stage::writing:
       break;

@@ -11,10 +11,11 @@ namespace qm5 {
 
 /// What has become of the QM5 that the update was begun with.
 enum class UpdatedDevice {
-  there,     ///< the link uses it; also before the job looks for one, while the link has any
-  away,      ///< the link has no device
-  cameBack,  ///< it has left, and the link uses one that arrived since at the same USB port
-  replaced,  ///< the link uses another one: from another port, or that came while it was there
+  notYetThere,  ///< the link has had no device since the beginning
+  there,        ///< the link uses it; also before the job looks for one, while the link has any
+  away,         ///< the link has no device any more
+  cameBack,     ///< it has left, and the link uses one that arrived since at the same USB port
+  replaced,     ///< the link uses another one: from another port, or that came while it was there
 };
 
 /// That the system may put the computer to sleep during the update.
@@ -30,7 +31,8 @@ inline constexpr std::string_view kMaySleepText =
 /// | txtElapsed   | Elapsed: <m:ss>                   | always                                    |
 /// | txtRemaining | About <n> minutes left to write,  | chunks are being taken, and enough have   |
 /// |              | Less than a minute left to write  | been to judge by; it changes with a chunk |
-/// | txtPhase     | Looking for the QM5.              | first 2 s, no QM5 there                   |
+/// | txtPhase     | Looking for the QM5.              | the job has not looked for a QM5 yet or   |
+/// |              |                                   | found none: none is there                 |
 /// |              | Preparing the update.             | nothing reported yet, a QM5 is there      |
 /// |              | Writing the new firmware.         | the opening task or a chunk was reported  |
 /// |              | Waiting for the QM5 to respond.   | the same two, but no report for 5 s       |

@@ -166,6 +166,7 @@ class Faults : public testing::Test {
     requested_ = 0;
     const double now = app_.clock.now();
     moment_ = {RunState::under_way, {}, now, now, now};
+    moment_.title_before = app_.application.shown["txtTitle2"];
     untrue_.clear();
   }
   /// A step of the job: until it goes on, the main thread does all that it has been given.

@@ -93,7 +93,7 @@ std::string nameOf(const Press& press) {
 }
 
 constexpr Stop kInSleep = {.sleep = true};
-constexpr Stop kWriting = {.request = 40};    // in the payload
+constexpr Stop kWriting = {.request = 20};    // in the payload
 constexpr Stop kChecking = {.request = 120};  // among the secure blocks
 const Fault kRefused = {FaultKind::stall, "SFWi"};
 
@@ -168,7 +168,7 @@ void check(Desk& desk, unsigned shown, bool disturbed) {
       {"is checking", there},
       {"Waiting for the QM5 to respond", there},
       {"has been disconnected", !there},
-      {"is off or unplugged", !there},
+      {"is off, unplugged", !there},
       {"update will end", (shown & kProgress) != 0},
       {"successful", (shown & kFinish) != 0 && (disturbed || desk.qm5->signatureHolds())},
       {"The update is complete", desk.qm5->version() == 0x4208}};

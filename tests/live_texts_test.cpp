@@ -27,6 +27,11 @@ TEST(Pace, TellsTheTimeLeftByTheWritingAloneAndNoSoonerThanItIsKnown) {
     for (const auto& [number, time] : steps) pace.progressed(number, time);
     EXPECT_EQ(pace.remaining(now), left) << now;
   }
+  UpdatePace looking(0, 100);
+  for (const UpdatedDevice none : {UpdatedDevice::notYetThere, UpdatedDevice::away}) {
+    looking.deviceIs(none);
+    EXPECT_EQ(looking.phase(0.9), "Looking for the QM5.");
+  }
 }
 
 void examine(std::uint64_t id, IOReturn result, const std::string& location = "") {
@@ -154,7 +159,7 @@ TEST_F(Bus, IsKnownRightWhateverTheOrderOfPosts) {
 // no room. What a QM5 reports that answers, the sweep of faults tells.
 TEST_F(Bus, AsksTheQM5OnceThatCameBackToItsPortOrSaysWhyNot) {
   const std::string off =
-      "The QM5 is off or unplugged. Waiting for it to come back at the same USB port.";
+      "The QM5 is off, unplugged or at another USB port. Waiting for it at the port it had.";
   std::uint64_t id = 1;
   for (const std::string end :
        {", but the computer had no thread", ", but another QM5 was connected",
@@ -179,9 +184,11 @@ TEST_F(Bus, AsksTheQM5OnceThatCameBackToItsPortOrSaysWhyNot) {
     arrive(id);
     remove(id);
     EXPECT_EQ(shownIn("runStatus"), off);
+    examine(id, kIOReturnSuccess, "1-4." + std::to_string(id));  // told after its removal
+    examine(98 + id, kIOReturnNoDevice, "1-4." + std::to_string(id));
     arrive(id + 1);
     examine(99 + id, kIOReturnError, "1-1");  // an update never went to this one
-    EXPECT_EQ(shownIn("runStatus"), off) << "at another port";
+    EXPECT_EQ(shownIn("runStatus"), off) << "at another port, or gone again";
     announce(id);  // as when the Driver has not heard of the removal yet
     EXPECT_EQ(finish(), off);
     clock.during_sleep = [&](double) {

@@ -5,10 +5,7 @@
 #include <qpa/qplatformaccessibility.h>
 #include <qpa/qplatformintegration.h>
 
-#include <QAbstractButton>
 #include <QAccessible>
-#include <QApplication>
-#include <QLabel>
 #include <QPainter>
 #include <QPushButton>
 #include <QScrollArea>
@@ -17,16 +14,9 @@
 #include <cmath>
 #include <set>
 
-#include "app_shell/main_storyboard.h"
-#include "app_shell/package/file_package.h"
-#include "app_shell/progress_window.h"
-#include "app_shell/qt/layouts.h"
 #include "app_shell/qt/picture.h"
-#include "app_shell/qt/qt_application.h"
-#include "app_shell/qt/qt_window.h"
 #include "app_shell/qt/status_sign.h"
-#include "app_shell/view_controller.h"
-#include "support/linked_device.h"
+#include "support/desk.h"
 #include "support/named_cases.h"
 
 namespace qm5::test {
@@ -43,151 +33,106 @@ struct Desktop {
 };
 QM5_PRINTS_NAME(Desktop)
 
-const std::string kGone =
-    "The QM5 has gone during the update. Plug it in\n"
-    "again, then repeat the update.";
+using Look = std::function<void(const std::string& state, QWidget& top)>;
+constexpr const char* kLast = "grown finish, old version";
 
-// The production toolkit, but for modal runs: what runs modally is looked at instead.
-struct LookedAt final : QtApplication {
-  std::shared_ptr<Window> mainWindow() override { return main; }
-  void runModalForWindow(const std::shared_ptr<Window>& window) override {
-    look("finish");
-    const auto grown = window->growStatusIndicator();
-    if (grown) grown->setStatus(StatusKind::good, "The QM5 is back and reports version 4208.");
-    if (grown) look("grown finish");
-  }
-  std::shared_ptr<Window> main;
-  std::function<void(const std::string& state)> look;
-};
+void examine(IOReturn result) {
+  NotificationCenter::defaultCenter().post(
+      {USBDeviceExamined,
+       Dictionary{
+           {"id", std::uint64_t{99}}, {"result", result}, {"location", std::string("1-1")}}});
+}
 
-class Windows : public LinkedDevice {
- protected:
-  // One process a test: the application is made for this desktop and never taken apart.
-  void startOn(const Desktop& desktop) {
-    static QTemporaryFile screens;
-    ASSERT_TRUE(screens.open());
-    const QSize size = desktop.screen * desktop.scale;
-    screens.write(QString(R"({"screens": [{"name": "", "x": 0, "y": 0, "width": %1, "height": %2,
-        "logicalDpi": 96, "logicalBaseDpi": 96, "dpr": 1}]})")
-                      .arg(size.width())
-                      .arg(size.height())
-                      .toUtf8());
-    screens.close();
-    qputenv("QT_QPA_PLATFORM", "offscreen:configfile=" + screens.fileName().toUtf8());
-    qputenv("QT_SCALE_FACTOR", QByteArray::number(desktop.scale));
-    static int count = 1;
-    static std::string name = "looks_test";
-    static char* arguments[] = {name.data(), nullptr};
-    [[maybe_unused]] static const auto* const kept = new QApplication(count, arguments);
-    QApplication::setApplicationName("QM5 Updater");
-    QApplication::setLayoutDirection(desktop.direction);
-    if (desktop.ground.isValid()) QApplication::setPalette({desktop.ground, desktop.ground});
-    font_ = desktop.font;
-  }
-
-  void lookAtAll(const std::function<void(const std::string& state, QWidget& top)>& look) {
-    application_.look = [this, &look](const std::string& state) {
-      bool is_drawn = false;
-      application_.mainQueueAsync([&] { is_drawn = true; });  // after what is there to be drawn
-      EXPECT_TRUE(QTest::qWaitFor([&] { return is_drawn; }));
-      // A change of size goes up from layout to layout, each in a turn of its own.
-      for (int layout = 0; layout < 8; ++layout) QApplication::processEvents();
+// All windows and alerts one after the other, as a person sees them.
+void lookAtAll(Desk& desk, double font_scale, const Look& look) {
+  const auto see = [&](const std::string& state) {
+    desk.letASecondPass();
+    desk.ask([&] {
       SCOPED_TRACE(state);
-      clock.sleep(1);  // a window that has just come up by itself takes no presses
       QWidget* modal = QApplication::activeModalWidget();
       look(state, modal ? *modal : *QApplication::activeWindow());
-    };
-    setApplication(&application_);
-    setApplicationPackage(new FilePackage);
-    MainQueue queue;
-    application_.main = std::make_shared<QtWindow>(queue, makeMainLayout());
-    const auto kept = mainStoryboard().makeMainController(application_.main);
-    auto& controller = *std::static_pointer_cast<ViewController>(kept);
-    application_.main->show();
-    // The person changes it while the window stands.
+      return 0;
+    });
+  };
+  // The person changes it while the window stands.
+  desk.ask([&] {
     QFont font = QApplication::font();
-    font.setPointSizeF(font.pointSizeF() * font_);
+    font.setPointSizeF(font.pointSizeF() * font_scale);
     QApplication::setFont(font);
-    lookAtDeviceStates();
-    for (const char* button : {"btnExit", "btnNext"}) {
-      application_.main->button(button)->setEnabled(false);  // as Next does
-    }
-    controller.dialogErrorStop(
-        "QM5 firmware update data error!",
-        "Attached binary file data error.\nPlease download this program and try again.");
-    application_.look("alert");
-    QTest::keyClick(QApplication::activeModalWidget(), Qt::Key_Return);
-    application_.main->makeKeyAndOrderFront();  // as a window manager would
-    application_.look("main, after an alert");
-    lookAtFailedRun();
-    controller.showExitConfirmation();
-    application_.look("exit");
-    QTest::keyClick(QApplication::activeModalWidget(), Qt::Key_Escape);
-    lookAtProgress();
-    controller.showCustomDialog();
-  }
+    return 0;
+  });
+  see("main, absent");
+  examine(kIOReturnNotPermitted);
+  see("main, not permitted");
+  examine(kIOReturnError);
+  see("main, unusable");
+  NotificationCenter::defaultCenter().post(
+      {USBDeviceDisconnected, Dictionary{{"id", std::uint64_t{99}}}});
+  desk.plug({.version = 0xDDDD});  // of the widest digits
+  see("main, connected");
+  desk.click("Exit");
+  see("exit");
+  desk.send({Qt::Key_Escape});
+  desk.qm5->addFault({FaultKind::stall, "SFWi"});
+  desk.click("Next");
+  desk.awaitStop();
+  see("alert");
+  desk.send({Qt::Key_Return});
+  see("main, failed run");
+  desk.click("Details…");
+  see("details");
+  desk.send({Qt::Key_Escape});
+  desk.qm5->clearRequests();
+  desk.stopAt({.sleep = true});
+  desk.click("Next");
+  desk.awaitStop();
+  see("progress, looking");
+  desk.goOn({.request = 20});
+  see("progress, writing");
+  desk.clock.sleep(6000);
+  see("progress, waiting");
+  desk.goOn({.request = 120});
+  see("progress, checking");
+  desk.bus.unplug();
+  see("progress, gone");
+  desk.goOn({});
+  see("alert, gone");
+  desk.send({Qt::Key_Return});
+  desk.plug({});
+  desk.click("Next");
+  desk.awaitStop();
+  see("finish");
+  desk.bus.unplug();
+  see("grown finish");
+  desk.plug({});  // another one, for the longest text
+  while (desk.texts().find("still reported") == std::string::npos) std::this_thread::yield();
+  see(kLast);
+}
 
- private:
-  void lookAtDeviceStates() {
-    application_.look("main, absent");
-    for (const auto& [state, result] : {std::pair("not permitted", kIOReturnNotPermitted),
-                                        {"unusable", kIOReturnError},
-                                        {"connected", kIOReturnSuccess}}) {
-      if (result == kIOReturnSuccess) attach();
-      NotificationCenter::defaultCenter().post(
-          {USBDeviceExamined,
-           Dictionary{
-               {"id", std::uint64_t{7}}, {"result", result}, {"location", std::string("1-1")}}});
-      application_.look(std::string("main, ") + state);
-    }
-  }
-
-  void lookAtFailedRun() {
-    application_.main->statusIndicator("runStatus")->setStatus(StatusKind::caution, kGone);
-    application_.main->button("btnDetails")->setHidden(false);
-    application_.look("main, failed run");
-    const std::string line =
-        "Writing SFWd chunk 17 of the new firmware, and more than fits in a line";
-    const std::string introduction =
-        "What the updater has printed in its last run. Send it to whoever helps you, together with "
-        "what qm5-updater-report writes.";
-    application_.main->showText({"Details of the last update", introduction, line, "run.txt"});
-    application_.look("details");
-    QTest::keyClick(QApplication::activeModalWidget(), Qt::Key_Escape);
-    application_.main->statusIndicator("runStatus")->setStatus(StatusKind::caution, "");
-    application_.main->button("btnDetails")->setHidden(true);
-  }
-
-  void lookAtProgress() {
-    const auto window = application_.instantiateWindow("Main", "ProgressWindow");
-    const auto bus = DeviceStatusPresenter::follow();
-    bus->showIn(application_.main->statusIndicator("deviceStatus"));
-    ProgressWindowController progress(window, bus);
-    auto& content = dynamic_cast<ProgressViewController&>(*progress.contentViewController);
-    content.updateBegan(20);
-    progress.showWindow();
-    application_.look("progress, looking");
-    content.progressed({.number = 1, .percent = 1});
-    const std::string longest = "Updating firmware version from DDDD -> 4208, (100.0 %)";
-    content.txtTitle2.lock()->setStringValue(longest);
-    content.progressBar.lock()->setDoubleValue(37.5);
-    for (const auto& [state, seconds, step] : {std::tuple("writing", 30.0, std::size_t{10}),
-                                               {"waiting", 6000.0, std::size_t{0}},
-                                               {"checking", 0.0, std::size_t{22}}}) {
-      clock.sleep(seconds);
-      if (step > 0) content.progressed({.number = step, .percent = 50});
-      content.showPace();
-      application_.look(std::string("progress, ") + state);
-    }
-    for (const char* box : {"deviceStatus", "sleepStatus"})
-      window->statusIndicator(box)->setStatus(StatusKind::caution, kGone);
-    application_.look("progress, gone");
-    progress.close();
-  }
-
-  LookedAt application_;
-  double font_ = 1;  // times the usual one
-};
+// In a process of its own. Returns whether all was well.
+bool lookAtAllOn(const Desktop& desktop, const Look& look) {
+  QTemporaryFile screens;
+  EXPECT_TRUE(screens.open());
+  const QSize size = desktop.screen * desktop.scale;
+  screens.write(QString(R"({"screens": [{"name": "", "x": 0, "y": 0, "width": %1, "height": %2,
+      "logicalDpi": 96, "logicalBaseDpi": 96, "dpr": 1}]})")
+                    .arg(size.width())
+                    .arg(size.height())
+                    .toUtf8());
+  screens.close();
+  qputenv("QT_QPA_PLATFORM", "offscreen:configfile=" + screens.fileName().toUtf8());
+  qputenv("QT_SCALE_FACTOR", QByteArray::number(desktop.scale));
+  const auto caseOf = [&](std::size_t) {
+    return Desk::Case{desktop.name, true, [&](Desk& desk) { lookAtAll(desk, desktop.font, look); }};
+  };
+  return Desk::tryAll("looks", 1, caseOf, [&](Desk& desk, const auto& begin) {
+    Desk::wholeProgram(desk, [&] {
+      begin();
+      QApplication::setLayoutDirection(desktop.direction);
+      if (desktop.ground.isValid()) QApplication::setPalette({desktop.ground, desktop.ground});
+    });
+  });
+}
 
 // --- to the eye ---
 
@@ -250,8 +195,11 @@ void expectReadable(QWidget& widget, const Desktop& desktop) {
             is_picture || !widget.isEnabled() ? 3 : 4.5);
 }
 
+// The main window's own, as the windows on it are its children too.
 QImage signOf(const QWidget& main) {
-  return main.findChild<QWidget*>("deviceStatus")->findChild<StatusSign*>()->grab().toImage();
+  for (auto* box : main.findChildren<QWidget*>("deviceStatus"))
+    if (box->window() == &main) return box->findChild<StatusSign*>()->grab().toImage();
+  return {};
 }
 
 // Of a label what its text takes up.
@@ -292,33 +240,40 @@ void expectInStep(const QWidget& finish, const QWidget& main) {
   }
 }
 
-class Looks : public Windows, public testing::WithParamInterface<Desktop> {};
+class Looks : public testing::TestWithParam<Desktop> {};
 
 TEST_P(Looks, AreWholeTidyAndReadable) {
   const Desktop& desktop = GetParam();
-  startOn(desktop);
   std::map<std::string, QSize> sizes;
   QList<QImage> signs;
   const QWidget* main = nullptr;
+  QPoint place;                                      // of the button of the finish dialog
   const QSize room = desktop.screen - QSize(0, 24);  // a title bar
-  lookAtAll([&](const std::string& state, QWidget& top) {
+  EXPECT_TRUE(lookAtAllOn(desktop, [&](const std::string& state, QWidget& top) {
     if (!main) main = &top;
     if (!signs.contains(signOf(*main))) signs.push_back(signOf(*main));
+    EXPECT_TRUE(state != kLast || signs.size() == 3);
     expectTidy(top, desktop);
     EXPECT_EQ(top.layoutDirection(), Qt::LeftToRight);
     for (auto* picture : top.findChildren<Picture*>()) {
       if (&top == main) expectSharp(*picture, "qm5");
     }
-    for (auto* button : top.findChildren<QPushButton*>())
+    for (auto* button : top.findChildren<QPushButton*>()) {
       EXPECT_TRUE(!button->isVisible() || button->visibleRegion() == button->rect());
-    if (state == "finish") expectInStep(top, *main);
+    }
+    if (state == "finish") {
+      expectInStep(top, *main);
+      place = top.findChild<QPushButton*>()->mapToGlobal(QPoint());
+    }
+    if (state.starts_with("grown")) {
+      EXPECT_EQ(top.findChild<QPushButton*>()->mapToGlobal(QPoint()), place);
+    }
     EXPECT_EQ(top.isModal(), !state.starts_with("main")) << "it blocks the others";
     EXPECT_EQ(top.size(), top.size().boundedTo(room));
     const auto window = state.substr(0, state.find(','));
     EXPECT_EQ(sizes.try_emplace(window, top.size()).first->second.width(), top.width())
         << "it jumps";
-  });
-  EXPECT_EQ(signs.size(), 3);
+  }));
 }
 
 const Desktop kDesktops[] = {
@@ -371,53 +326,54 @@ std::string mainWith(const std::string& sign) {
          "done, do not unplug the QM5 and do not let the computer sleep., status, picture " +
          sign + ", button Next, button Exit, Tab Next Tab Exit ";
 }
+std::map<std::string, int> announcements;  // by the name of the widget
 std::map<std::string, std::string> expected_aloud = {
     {"main, absent", mainWith("Information")},
     {"main, connected", mainWith("Good")},
     {"main, not permitted", mainWith("Caution")},
     {"main, unusable", mainWith("Caution")},
-    {"main, after an alert", mainWith("Good")},
     {"alert",
-     "alert QM5 Updater, picture Caution, title QM5 firmware update data error!, button OK, Tab "
+     "alert QM5 Updater, picture Caution, title Flash firmware error, button OK, Tab "
      "OK "},
     {"exit",
      "alert QM5 Updater, picture Caution, title Exit confirmation, button Quit, button Don't quit, "
      "Tab Don't quit Tab Quit "},
     {"progress, writing",
-     "window Updating the QM5, title Do not unplug the QM5, bar Progress of the update, at 375, "
+     "window Updating the QM5, title Do not unplug the QM5, bar Progress of the update, at 330, "
      "button Abort, Tab Updating the QM5 Tab Abort "},
     {"finish",
      "window Firmware update successful!, picture QM5, title Firmware update successful!, button "
      "Confirm & Exit, Tab Confirm & Exit "}};
 
-std::map<std::string, int> announcements;  // by the name of the widget
-
-TEST_F(Windows, AreNamedReachedByTabAndTellWhatChanges) {
-  startOn({"", {1280, 800}, 1, 1, {}, true});
-  // As when a screen reader runs, which only a platform can tell.
-  QGuiApplicationPrivate::platformIntegration()->accessibility()->setActive(true);
-  QAccessible::installUpdateHandler([](QAccessibleEvent* event) {
-    std::set<int> telling = {QAccessible::Alert, QAccessible::NameChanged,
-                             QAccessible::ValueChanged};
+void countAnnouncement(QAccessibleEvent* event) {
+  std::set<int> telling = {QAccessible::Alert, QAccessible::NameChanged, QAccessible::ValueChanged};
 #if QT_VERSION >= QT_VERSION_CHECK(6, 8, 0)
-    telling.insert(QAccessible::Announcement);
+  telling.insert(QAccessible::Announcement);
 #endif
-    const auto* widget = qobject_cast<QWidget*>(event->object());
-    if (widget && widget->isVisible() && telling.contains(event->type()))
-      ++announcements[widget->objectName().toStdString()];
-  });
-  lookAtAll([](const std::string& state, QWidget& top) {
+  const auto* widget = qobject_cast<QWidget*>(event->object());
+  if (widget && widget->isVisible() && telling.contains(event->type()))
+    ++announcements[widget->objectName().toStdString()];
+}
+
+TEST(Windows, AreNamedReachedByTabAndTellWhatChanges) {
+  const auto look = [](const std::string& state, QWidget& top) {
+    if (state == "main, absent") {
+      // As when a screen reader runs, which only a platform can tell.
+      QGuiApplicationPrivate::platformIntegration()->accessibility()->setActive(true);
+      QAccessible::installUpdateHandler(countAnnouncement);
+    }
     const std::string told = readAloud(top);
     const auto expected = expected_aloud.extract(state);
     EXPECT_EQ(told, expected ? expected.mapped() : told);
-  });
-  EXPECT_TRUE(expected_aloud.empty());
-  const int of_boxes_that_come_and_go = 5;
-  EXPECT_EQ(announcements["txtStatus"], 2 * 3 + of_boxes_that_come_and_go)
-      << "the new name, and an alert that it has changed";
-  EXPECT_EQ(announcements["progressBar"], 1);
-  EXPECT_EQ(announcements["txtTitle2"], 1);
-  EXPECT_GE(announcements["txtPhase"], 3) << "writing, waiting, checking";
+    if (state != kLast) return;
+    EXPECT_TRUE(expected_aloud.empty());
+    EXPECT_EQ(announcements["txtStatus"], 26) << "each new name, and an alert that it has changed";
+    for (const char* moving : {"progressBar", "txtTitle2"}) {
+      EXPECT_TRUE(announcements[moving] > 0 && announcements[moving] < 10) << "of 19 steps";
+    }
+    EXPECT_GE(announcements["txtPhase"], 3) << "writing, waiting, checking";
+  };
+  EXPECT_TRUE(lookAtAllOn({"", {1280, 800}, 1, 1, {}, true}, look));
 }
 
 }  // namespace

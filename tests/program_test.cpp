@@ -1,42 +1,21 @@
 // The whole program in one process: its windows on Qt's offscreen platform, its threads,
-// libusb, and the software QM5 on the emulated bus. A second thread plays the person.
+// libusb, and the software QM5 on the emulated bus.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <QAbstractButton>
-#include <QApplication>
-#include <future>
 #include <random>
-#include <thread>
 
-#include "app_shell/main_storyboard.h"
-#include "app_shell/package/file_package.h"
-#include "app_shell/qt/qt_application.h"
 #include "app_shell/wakefulness/sleep_inhibitor.h"
 #include "device_link/driver.h"
 #include "device_monitor/libusb/libusb_registry.h"
-#include "platform/fatal.h"
 #include "simulator/usb_bus/emulated_bus.h"
-#include "support/effort.h"
+#include "support/desk.h"
 #include "support/update_requests.h"
-#include "support/whole_app.h"
 
 namespace qm5::test {
 namespace {
-
-using namespace std::chrono_literals;
-
-constexpr auto kPatience = 30s;
-
-// The production application and package, but for the image and the end of the process.
-class TestedApplication final : public QtApplication, public FilePackage {
- public:
-  FileContents readFile(const std::string&) override { return image; }
-  void terminate() override { QCoreApplication::exit(0); }
-  const Bytes image = smallImage();
-};
 
 // A system bus that takes connections and never answers.
 void hangSystemBus() {
@@ -50,133 +29,71 @@ void hangSystemBus() {
   ASSERT_EQ(setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:abstract=" + name).c_str(), 1), 0);
 }
 
-class Program : public testing::Test {
- protected:
-  Program() {
-    hangSystemBus();
-    // Nobody has to wait, except for the progress window to come up in a job's first sleep.
-    clock.during_sleep = [](double) {
-      static thread_local bool is_up = false;  // each job has a thread of its own
-      is_up = is_up || eventually([] { return QApplication::activeModalWidget() != nullptr; });
-    };
-  }
-
-  // What `question` answers on the main thread. Not by way of Qt, whose locks ThreadSanitizer can't
-  // see.
-  template <typename Question>
-  static auto onMain(Question question) {
-    std::promise<decltype(question())> answer;
-    qm5::application().mainQueueAsync([&] { answer.set_value(question()); });
-    auto reply = answer.get_future();
-    if (reply.wait_for(kPatience) == std::future_status::timeout) fatal("the main thread is stuck");
-    return reply.get();
-  }
-  // Runs the program while `person` does things; returns when the program has ended.
-  void run(const std::function<void()>& person) {
-    setUSBRegistry(&LibusbRegistry::create());
-    setApplication(application);
-    setApplicationPackage(application);
-    setWakefulness(new SleepInhibitor);
-    static std::string name = "qm5-updater";
-    static char* arguments[] = {name.data(), nullptr};
-    std::thread acts;
-    application->mainQueueAsync([&] {  // once events are served
-      acts = std::thread([&] {
-        person();
-        application->mainQueueAsync([&] { application->terminate(); });
-      });
-    });
-    EXPECT_EQ(application->applicationMain(1, arguments, mainStoryboard()), 0);
-    acts.join();
-  }
-
-  static QAbstractButton* pressable(const QString& title) {
-    for (QWidget* widget : QApplication::allWidgets()) {
-      auto* button = qobject_cast<QAbstractButton*>(widget);
-      if (button && button->text().remove('&') == title && button->isVisible() &&
-          button->isEnabled())
-        return button;
-    }
-    return nullptr;
-  }
-  template <typename Condition>
-  static bool eventually(Condition condition) {
-    const auto end = std::chrono::steady_clock::now() + kPatience;
-    while (!onMain(condition)) {
-      if (std::chrono::steady_clock::now() > end) return false;
-      std::this_thread::sleep_for(1ms);
-    }
-    return true;
-  }
-  // Waits for a button that can be pressed, and presses it.
-  void press(const QString& title) {
-    ASSERT_TRUE(eventually([&] { return pressable(title) != nullptr; })) << title.toStdString();
-    // Not inside the question: what the press starts may take as long as a modal run.
-    application->mainQueueAsync([title] { pressable(title)->click(); });
-  }
-  void awaitDevice() {
-    ASSERT_TRUE(eventually([] { return global_driver->deviceInfo().has_value(); }));
-  }
-  void expectSuccess() {
-    EXPECT_TRUE(eventually([] { return pressable("Confirm  Exit") != nullptr; }));
-    EXPECT_TRUE(qm5.signatureHolds());
-    EXPECT_EQ(qm5.flash(), flashContents(ByteView(application->image).subspan(kImagePayloadStart)));
-  }
-
-  Transcript transcript;
-  VirtualClock clock;
-  TestedApplication* application = new TestedApplication;
-  FaultyQm5 qm5;
-};
-
-TEST_F(Program, SendsExactlyTheRequestsOfAnUpdateAndNothingElse) {
-  EmulatedBus bus(qm5);
-  bus.plug();
-  run([&] {
-    awaitDevice();
-    press("Next");
-    expectSuccess();
-    EXPECT_FALSE(onMain([] { return QApplication::windowIcon().isNull(); }));
-    for (const std::string& line : transcript.newLines())
-      EXPECT_FALSE(line.starts_with("log: The computer may")) << "it waited for the system bus";
-  });
-  EXPECT_EQ(qm5.breaches(), std::vector<std::string>{});
-  Lines seen, expected;
-  for (const RequestRecord& request : qm5.requests())
-    seen.push_back(describe({request.setup, isRead(request.setup) ? Bytes{} : request.data}));
-  for (const WireRequest& request : updateRequests(application->image))
-    expected.push_back(describe(request));
-  EXPECT_EQ(seen, expected);
-  qm5.powerCycle();
-  EXPECT_EQ(qm5.version(), 0x4208);
+void await(bool attached) {
+  while (global_driver->deviceInfo().has_value() != attached) std::this_thread::yield();
 }
 
-// Unplugged in the middle of a request, all along an update; then plugged in again.
-TEST_F(Program, SurvivesAnUnplugAtAnyMomentAndTheNextRunSucceeds) {
-  EmulatedBus bus(qm5);
-  // By the last two, the device has taken the image and comes back with its new version.
-  const std::size_t requests = updateRequests(application->image).size() - 2;
-  std::mt19937 random(20'260'101);
-  const std::size_t rounds = effort<std::size_t>(16, 300);
-  run([&] {
-    for (std::size_t round = 1; round <= rounds; ++round) {
-      // The first ones in order: they are the openings of an update.
-      const std::size_t moment = round < 12 ? round : 1 + random() % requests;
-      bus.plug();
-      awaitDevice();
-      qm5.addFault({.kind = FaultKind::unplug, .number = qm5.requestCount() + moment});
-      press("Next");
-      ASSERT_TRUE(eventually([] { return !global_driver->deviceInfo().has_value(); })) << moment;
-      press("OK");  // of its alert
-      qm5.clearRequests();
-    }
+// The QM5 leaves at the request of that number, if it is not 0. The next run then succeeds.
+void updateAfterAnUnplug(Desk& desk, EmulatedBus& bus, std::size_t moment) {
+  if (moment > 0) {
+    desk.qm5->addFault({.kind = FaultKind::unplug, .number = moment});
     bus.plug();
-    awaitDevice();
-    press("Next");
-    expectSuccess();
-  });
-  report(std::to_string(rounds) +
-         " unplugs in the middle of a run: each its alert, the next run right");
+    await(true);
+    desk.click("Next");
+    desk.awaitStop();
+    EXPECT_EQ(desk.shown(), kAlert | kFailed);
+    await(false);
+    desk.click("OK");
+    desk.qm5->clearRequests();
+  }
+  bus.plug();
+  await(true);
+  desk.click("Next");
+  desk.awaitStop();
+  EXPECT_EQ(desk.shown(), kFinish);
+  Lines seen, expected;
+  for (const RequestRecord& request : desk.qm5->requests())
+    seen.push_back(describe({request.setup, isRead(request.setup) ? Bytes{} : request.data}));
+  for (const WireRequest& request : updateRequests(smallImage()))
+    expected.push_back(describe(request));
+  EXPECT_EQ(seen, expected);
+  EXPECT_EQ(desk.qm5->breaches(), std::vector<std::string>{});
+  EXPECT_EQ(desk.qm5->flash(), flashContents(ByteView(smallImage()).subspan(kImagePayloadStart)));
+  desk.qm5->powerCycle();
+  EXPECT_EQ(desk.qm5->version(), 0x4208);
+  EXPECT_FALSE(desk.ask([] { return QApplication::windowIcon().isNull(); }));
+  for (const std::string& line : desk.transcript.newLines())
+    EXPECT_FALSE(line.starts_with("log: The computer may")) << "it waited for the system bus";
+}
+
+// Each time in a process of its own: without an unplug, at each of the first requests, which are
+// the openings of an update, and at any others.
+TEST(Program, SendsExactlyTheRequestsOfAnUpdateAlsoAfterAnUnplug) {
+  // By the last two, the device has taken the image and comes back with its new version.
+  const std::size_t requests = updateRequests(smallImage()).size() - 2;
+  std::mt19937 random(20'260'101);
+  std::vector<std::size_t> moments(effort<std::size_t>(17, 301));
+  for (std::size_t i = 0; i < moments.size(); ++i)
+    moments[i] = i < 12 ? i : 1 + random() % requests;
+  std::optional<EmulatedBus> bus;
+  const auto caseOf = [&](std::size_t number) {
+    const std::size_t moment = moments[number];
+    return Desk::Case{"unplug at " + std::to_string(moment), true, [&, moment](Desk& desk) {
+                        desk.shown();  // by now all is there
+                        updateAfterAnUnplug(desk, *bus, moment);
+                      }};
+  };
+  EXPECT_TRUE(Desk::tryAll("updates on the bus, all but one after an unplug in the middle",
+                           moments.size(), caseOf, [&](Desk& desk, const auto& begin) {
+                             Desk::wholeProgram(desk, [&] {
+                               begin();
+                               hangSystemBus();
+                               desk.qm5.emplace();
+                               bus.emplace(*desk.qm5);
+                               setUSBRegistry(&LibusbRegistry::create());
+                               setWakefulness(new SleepInhibitor);
+                             });
+                           }));
 }
 
 }  // namespace

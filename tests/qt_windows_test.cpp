@@ -9,7 +9,6 @@
 #include <QFileDialog>
 #include <QLabel>
 #include <QProgressBar>
-#include <QScreen>
 #include <QSessionManager>
 #include <QTemporaryDir>
 #include <QTest>
@@ -21,7 +20,6 @@
 #include "app_shell/qt/layouts.h"
 #include "app_shell/qt/qt_application.h"
 #include "app_shell/qt/qt_window.h"
-#include "app_shell/qt/status_box.h"
 #include "support/virtual_clock.h"
 
 namespace qm5::test {
@@ -45,17 +43,6 @@ class QtWindows : public testing::Test {
   }
   std::shared_ptr<Window> progressWindow() {
     return application_.instantiateWindow("Main", "ProgressWindow");
-  }
-  std::shared_ptr<Window> finishDialog() {
-    auto window = application_.makeWindow({{0, 0}, {320, 280}}, WindowStyle::titled);
-    window->setFrameOrigin({200, 200});
-    window->addSubview(ImageView{{{107, 160}, {106, 100}}, "qm5_OK"});
-    window->addSubview(Label{{{10, 120}, {300, 20}}, "Firmware update successful!", 16, false});
-    const std::string text = "New version(QM5 v.4208)\nPlease power cycle your QM5 to apply\nit.";
-    window->addSubview(Label{{{10, 45}, {300, 60}}, text, std::nullopt, true});
-    window->addSubview(
-        PushButton{{{10, 10}, {300, 40}}, "Confirm & Exit", BezelStyle::rounded, [](Button*) {}});
-    return window;
   }
 
  protected:
@@ -216,34 +203,6 @@ TEST_F(QtWindows, ProgressIsDrawnEveryOtherFrameToItsLastValueAndHoldsNothingUp)
   }
   EXPECT_EQ(title->text(), QString::number(kSteps));
   EXPECT_EQ(bar->value(), bar->maximum());
-}
-
-// --- geometry ---
-
-TEST_F(QtWindows, GrowsAtItsTopWhereTheScreenHasRoomForThat) {
-  const auto window = finishDialog();
-  QWidget* shown = show(*window);
-  const auto* button = shown->findChild<QPushButton*>();
-  const auto place = [&] { return button->mapToGlobal(QPoint()); };
-  const Rect before = window->frame();
-  const QPoint place_before = place();
-  const double top = QGuiApplication::primaryScreen()->geometry().height() - before.size.height;
-  window->setFrameOrigin({200, top});
-  EXPECT_EQ(window->growStatusIndicator(), nullptr);
-  window->setFrameOrigin(before.origin);
-  EXPECT_EQ(window->frame().size.height, before.size.height);
-  const auto indicator = window->growStatusIndicator();
-  ASSERT_NE(indicator, nullptr);
-  for (const std::string text : {"Off.", "",
-                                 "The QM5 is back, and still reports version 4201. So "
-                                 "start the updater again and repeat the update."}) {
-    indicator->setStatus(StatusKind::caution, text);
-    QTest::qWait(1);
-    EXPECT_EQ(place(), place_before) << text;
-    EXPECT_GT(window->frame().size.height, before.size.height + 40);
-    EXPECT_EQ(shown->findChild<StatusBox*>()->isVisible(), !text.empty());
-  }
-  EXPECT_EQ(window->growStatusIndicator(), indicator);
 }
 
 // --- the application's own end ---

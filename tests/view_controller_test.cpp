@@ -37,7 +37,6 @@ const Lines kNext = {"log: Next Click",
                      "btnNext disabled",
                      "awake: The firmware of a QM5 is being updated.",
                      "progressBar: 0.000000",
-                     "txtTitle2: Preparing the update …",
                      "progress shown",
                      "progress at 150 300 300 100",
                      "modal run",
@@ -124,7 +123,12 @@ const std::string kShort = kFile + "no image, as it has only 771 bytes" + kNothi
 const std::string kOther = kFile + "no image, as it begins like none" + kNothing;
 const FileError kGone = {"gone"};
 const std::vector<Ending> kEndings = {
-    {"no device", {}, Bytes(), {"log: str_NO_DMC"}, kNoDevice, "No QM5 was connected."},
+    {"no device",
+     {},
+     Bytes(),
+     {"log: str_NO_DMC"},
+     kNoDevice,
+     "The updater found no QM5 that it could use."},
     {"no version",
      1,
      kGone,

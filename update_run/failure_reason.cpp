@@ -86,7 +86,7 @@ std::string reasonInLines(const std::vector<std::string>& lines) {
 std::string reasonOf(const RunRecord& record) {
   switch (record.outcome) {
     case Outcome::noDevice:
-      return "No QM5 was connected.";
+      return "The updater found no QM5 that it could use.";
     case Outcome::noVersion:
       return "The QM5 did not report its version.";
     case Outcome::noImage:

@@ -90,6 +90,19 @@ class Desk {
     desk.application.ended = true;
     while (true) desk.loop_.processEvents(QEventLoop::WaitForMoreEvents);
   }
+  /// The updater, from its entry point on.
+  static void wholeProgram(Desk& desk, const std::function<void()>& begin) {
+    MainStoryboard storyboard = mainStoryboard();
+    storyboard.makeMainController = [&, make = storyboard.makeMainController](const auto& window) {
+      // Fonts are loaded once for all cases. To draw more than texts may start threads of Qt's.
+      const auto layout = makeProgressLayout(nullptr);
+      layout->adjustSize();
+      for (QLabel* label : layout->template findChildren<QLabel*>()) label->grab();
+      begin();
+      return make(window);
+    };
+    desk.application.applicationMain(1, arguments(), storyboard);
+  }
   static char** arguments() {
     static char name[] = "qm5-updater";
     static char* arguments[] = {name, nullptr};
@@ -246,18 +259,6 @@ class Desk {
       waitAt(true);
     };
   }
-  static void wholeProgram(Desk& desk, const std::function<void()>& begin) {
-    MainStoryboard storyboard = mainStoryboard();
-    storyboard.makeMainController = [&, make = storyboard.makeMainController](const auto& window) {
-      // Fonts are loaded once for all cases. To draw more than texts may start threads of Qt's.
-      const auto layout = makeProgressLayout(nullptr);
-      layout->adjustSize();
-      for (QLabel* label : layout->template findChildren<QLabel*>()) label->grab();
-      begin();
-      return make(window);
-    };
-    desk.application.applicationMain(1, arguments(), storyboard);
-  }
   // Returns in each process that it forks off, with the number of its case, and nowhere else.
   static std::size_t forkEach(const std::string& what, std::size_t count, const CaseOf& caseOf) {
     const std::size_t at_once = effort(1U, std::thread::hardware_concurrency());
@@ -268,7 +269,7 @@ class Desk {
         std::fflush(nullptr);
         const pid_t process = fork();
         if (process == 0) {
-          alarm(60);
+          alarm(kMeasurable ? 60 : 300);
           return started;
         }
         running[process] = started++;

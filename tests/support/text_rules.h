@@ -30,15 +30,16 @@ struct Moment {
   }
 
   RunState run = RunState::none;
-  Conversation said;          // since Next
-  double next_at = 0;         // when Next was pressed
-  double taken_at = 0;        // when the QM5 took something, or Next was pressed
-  double changed_at = 0;      // when a QM5 left or came
-  double time = 0;            // now
-  bool is_there = false;      // on the bus
-  bool was_away = false;      // since the update has succeeded
-  std::uint16_t version = 0;  // of what runs on the QM5
-  bool is_good = false;       // its flash and signature are right
+  Conversation said;              // since Next
+  double next_at = 0;             // when Next was pressed
+  double taken_at = 0;            // when the QM5 took something, or Next was pressed
+  double changed_at = 0;          // when a QM5 left or came
+  double time = 0;                // now
+  bool is_there = false;          // on the bus
+  bool was_away = false;          // since the update has succeeded
+  std::uint16_t version = 0;      // of what runs on the QM5
+  bool is_good = false;           // its flash and signature are right
+  std::string title_before = {};  // that of the run before stands until the update is opened
 };
 
 /// A text that ends with a star stands for all that begin like it. A text without a rule is
@@ -76,11 +77,11 @@ inline constexpr TextRule kTextRules[] = {
 
     {"progress", "", [](Now now, Text) { return now.run != RunState::under_way; }},
     {"progress", "up|", [](Now now, Text) { return now.run == RunState::under_way; }},
-    {"txtTitle2", "Preparing the update …", [](Now now, Text) { return !now.isOpened(); }},
-    {"txtTitle2", "Updating firmware version from *",
+    {"txtTitle2", "*",
      [](Now now, Text text) {
-       return now.isOpened() && text == "Updating firmware version from " + now.said.version +
-                                            " -> 4208, (" + now.percent("%.1f") + " %)";
+       if (!now.isOpened()) return text == now.title_before;
+       return text == "Updating firmware version from " + now.said.version + " -> 4208, (" +
+                          now.percent("%.1f") + " %)";
      }},
     {"progressBar", "*", [](Now now, Text text) { return text == now.percent("%f"); }},
     {"txtElapsed", "Elapsed: *",
@@ -95,10 +96,6 @@ inline constexpr TextRule kTextRules[] = {
     {"txtRemaining", "Less than a minute left to write",
      [](Now now, Text) {
        return now.said.stage == Stage::payload && now.goesOn() && now.sinceTaken() < 6;
-     }},
-    {"txtPhase", "Looking for the QM5.",
-     [](Now now, Text) {
-       return !now.is_there && (now.said.stage == Stage::looking || now.sinceChange() < 1);
      }},
     {"txtPhase", "Preparing the update.",
      [](Now now, Text) { return !now.isOpened() && now.goesOn() && now.time - now.next_at < 6; }},
@@ -131,7 +128,8 @@ inline constexpr TextRule kTextRules[] = {
      "Please power cycle your QM5 to apply\nthe new firmware.|Confirm & Exit|",
      [](Now now, Text) { return now.run == RunState::succeeded && now.said.stage == Stage::sent; }},
     {"powerCycle", "", [](Now now, Text) { return !now.was_away; }},
-    {"powerCycle", "The QM5 is off or unplugged. Waiting for it to come back at the same USB port.",
+    {"powerCycle",
+     "The QM5 is off, unplugged or at another USB port. Waiting for it at the port it had.",
      [](Now now, Text) { return !now.is_there; }},
     {"powerCycle", "The QM5 is back. Its version is being read.",
      [](Now now, Text) { return now.is_there && now.was_away && now.said.version_reads == 1; }},
