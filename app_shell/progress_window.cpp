@@ -15,6 +15,11 @@ namespace {
 // When the job looks for the QM5. Until then, one that comes is as good as one that has left.
 constexpr double kLooksAfter = 1;  // second
 
+// Either may be unknown.
+bool maySharePort(const std::string& one, const std::string& other) {
+  return one.empty() || other.empty() || one == other;
+}
+
 }  // namespace
 
 ProgressViewController::ProgressViewController(std::shared_ptr<DeviceStatusPresenter> bus)
@@ -65,10 +70,9 @@ UpdatedDevice ProgressViewController::updatedDevice(double now) {
   if (state.used == device_) return UpdatedDevice::there;
   // Both were there at once: it is another one for good, even when the first one leaves.
   if (state.present.contains(*device_)) replacement_ = state.used;
-  const bool is_same_port =
-      location_.empty() || state.location.empty() || state.location == location_;
-  return is_same_port && state.used != replacement_ ? UpdatedDevice::cameBack
-                                                    : UpdatedDevice::replaced;
+  return maySharePort(location_, state.location) && state.used != replacement_
+             ? UpdatedDevice::cameBack
+             : UpdatedDevice::replaced;
 }
 
 void ProgressViewController::viewWillDisappear() {
