@@ -5,18 +5,18 @@
 //   boundary        microseconds from the end of one block's last request to the beginning of the
 //                   next block's first one: the median over all blocks
 //   within          the same between two writes of one block
-//   wakeups         how often the main thread was woken per second of the update
+//   wakeups         how often the main thread's event loop was woken per second of the update
 //   percents        how many whole percents the bar has been painted at
 #include <sys/prctl.h>
-#include <unistd.h>
 
+#include <QAbstractEventDispatcher>
 #include <QProgressBar>
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
-#include <fstream>
 #include <set>
 #include <string>
 #include <vector>
@@ -121,18 +121,6 @@ Gaps gapsOf(const std::vector<PacedQm5::Request>& requests) {
   return gaps;
 }
 
-// How often the main thread has given up its core to wait, so far.
-long waitsOfMainThread() {
-  const std::string process = std::to_string(getpid());
-  std::ifstream status("/proc/" + process + "/task/" + process + "/status");
-  const std::string wanted = "voluntary_ctxt_switches:";
-  std::string name;
-  while (status >> name && name != wanted) status.ignore(4096, '\n');
-  long count = -1;
-  status >> count;
-  return count;
-}
-
 // How many whole percents the bar has been painted at.
 class PaintedPercents : public QObject {
  public:
@@ -158,14 +146,15 @@ class PacedUpdate final : public WatchedApplication {
   void repeat() {
     const auto& requests = device_.requests();
     update_ = secondsBetween(requests.front().begun, requests.back().ended);
-    wakeups_ = static_cast<double>(waitsOfMainThread() - waits_before_) / update_;
+    wakeups_ = static_cast<double>(waits_.exchange(0)) / update_;
     gaps_ = gapsOf(requests);
     bare_ = device_.repeatAll();
   }
 
  protected:
   void updateBegan() override {
-    waits_before_ = waitsOfMainThread();
+    QObject::connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::awake,
+                     [this] { ++waits_; });
     bar_ = std::make_unique<PaintedPercents>();
   }
   void updateEnded() override {
@@ -182,7 +171,7 @@ class PacedUpdate final : public WatchedApplication {
   double update_ = 0;
   double bare_ = 0;
   Gaps gaps_;
-  long waits_before_ = 0;
+  std::atomic<long> waits_ = 0;  // of the main thread's event loop, since the update began
   double wakeups_ = 0;
 };
 
