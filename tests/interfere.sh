@@ -192,7 +192,9 @@ signals() {
 insisted() { gone "$simulator" || { kill -TERM "$updater" && false; }; } # two at once count as one
 
 # The update goes on without anybody to tell, whatever signals say, and the computer is kept awake.
+# Desktops like this one have a theme that brings another toolkit, with a connection of its own.
 lost_display() {
+  export XDG_CURRENT_DESKTOP=XFCE
   start_logind
   start --image "$image" --latency-ms 20
   begin_update

@@ -11,7 +11,8 @@ say() { printf '== %s\n' "$*"; }
     libssl-dev)
   readonly packages_build=("${packages_product[@]}" qt6-base-private-dev libumockdev-dev umockdev
     libgtest-dev libgmock-dev locales dbus-daemon)
-  readonly packages_screen=(xvfb openbox xdotool imagemagick fonts-dejavu-core)
+  readonly packages_screen=(xvfb openbox xdotool imagemagick fonts-dejavu-core
+    qt6-gtk-platformtheme)
   readonly packages_bench_build=(libbenchmark-dev libxcb1-dev libxcb-damage0-dev)
   # qflipper and gnome-firmware are peers: only their start is looked at.
   readonly packages_bench=(valgrind binutils python3 qflipper gnome-firmware)

@@ -9,6 +9,10 @@
 #include <new>
 #include <utility>
 
+#ifdef __linux__
+#include <dlfcn.h>
+#endif
+
 #include "app_shell/qt/alert_dialog.h"
 #include "app_shell/qt/layouts.h"
 #include "app_shell/qt/main_queue.h"
@@ -36,6 +40,20 @@ QIcon applicationIcon() {
                      .arg(QCoreApplication::applicationDirPath(), QLatin1String(size)));
   }
   return icon;
+}
+
+// A desktop's theme may bring a toolkit that ends the process by _exit() when X's display has gone.
+// Xlib by itself calls exit(), as Qt does.
+void leaveLossOfDisplayToXlib() {
+#ifdef __linux__
+  void* const xlib = ::dlopen("libX11.so.6", RTLD_LAZY | RTLD_NOLOAD);
+  if (xlib == nullptr) return;
+  using Handler = int (*)(void* display);
+  using SetHandler = Handler (*)(Handler);
+  const auto set_handler = reinterpret_cast<SetHandler>(::dlsym(xlib, "XSetIOErrorHandler"));
+  if (set_handler != nullptr) set_handler(nullptr);
+  ::dlclose(xlib);
+#endif
 }
 
 // Qt itself would write to standard error and wait there for a reader who has stopped reading.
@@ -78,6 +96,7 @@ int QtApplication::applicationMain(int argc, char** argv, const MainStoryboard& 
   QApplication::setDesktopFileName("qm5-updater");
   GuardedApplication application(argc, argv);
   keepTextsOutOfTheLocale();
+  leaveLossOfDisplayToXlib();
   QApplication::setQuitOnLastWindowClosed(false);
   QObject::connect(&application, &QApplication::lastWindowClosed, [this] { lastWindowClosed(); });
   QObject::connect(&application, &QApplication::commitDataRequest,
