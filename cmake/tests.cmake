@@ -9,14 +9,15 @@ add_custom_command(
   VERBATIM)
 add_custom_target(qm5_locales ALL DEPENDS ${QM5_LOCALES}/de_DE.UTF-8)
 
-# Qt and glib are built without ThreadSanitizer: the locks inside them can't be seen.
+# Qt and glib are built without ThreadSanitizer: the locks inside them can't be seen. A process that
+# tries one case of many is forked off a program that Qt may have given threads.
 set(QM5_TEST_ENVIRONMENT
   LOCPATH=${QM5_LOCALES}
   GTEST_DEATH_TEST_STYLE=threadsafe
   ASAN_OPTIONS=verify_asan_link_order=0:detect_stack_use_after_return=1
   LSAN_OPTIONS=suppressions=${CMAKE_CURRENT_SOURCE_DIR}/support/leaks_of_others.txt
   UBSAN_OPTIONS=print_stacktrace=1
-  "TSAN_OPTIONS=ignore_noninstrumented_modules=1:halt_on_error=1")
+  "TSAN_OPTIONS=ignore_noninstrumented_modules=1:halt_on_error=1:die_after_fork=0")
 
 # qm5_test(NAME [SWEEP] SOURCES file... USES target... [ENVIRONMENT variable...])
 # One process per test: what a test leaves behind dies with it. A test that hangs is ended after two
