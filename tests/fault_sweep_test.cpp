@@ -143,8 +143,10 @@ class Faults : public testing::Test {
            " wrong outcomes");
     report(sweep + ": " + std::to_string(texts_.checked()) + " texts at " +
            std::to_string(moments_) + " moments");
-    for (const auto& [why, count] : unnoticed_)
-      report(sweep + ": " + std::to_string(count) + " told after the power cycle alone: " + why);
+    for (const auto& [why, count] : unnoticed_) {
+      std::string line = sweep + ": " + std::to_string(count);
+      report(line.append(" told after the power cycle alone: ").append(why));
+    }
   }
 
   TextCheck texts_;
