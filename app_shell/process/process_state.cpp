@@ -65,6 +65,11 @@ bool isDying(pid_t process) {
          hasPendingKill(statusOf(process, "SigPnd")) || hasPendingKill(statusOf(process, "ShdPnd"));
 }
 
+bool isStopped(pid_t process) {
+  const std::string state = statusOf(process, "State");
+  return !state.empty() && (state[0] == 'T' || state[0] == 't');
+}
+
 }  // namespace qm5
 
 #endif

@@ -18,4 +18,7 @@ std::string describeProcess(pid_t process);
 /// It has been killed or has ended, and its files are about to be closed.
 bool isDying(pid_t process);
 
+/// A stop signal or a debugger holds it.
+bool isStopped(pid_t process);
+
 }  // namespace qm5

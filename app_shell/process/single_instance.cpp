@@ -44,6 +44,7 @@ using Time = std::chrono::steady_clock::time_point;
 
 constexpr milliseconds kAnswerTimeout{2'000};
 constexpr milliseconds kEndTimeout{10'000};
+constexpr milliseconds kUsualAnswerTime{200};  // of an owner that has not been stopped
 constexpr milliseconds kPollInterval{10};
 constexpr std::size_t kLongestMessage = 4096;
 
@@ -160,6 +161,15 @@ class OwnerContact {
     return std::nullopt;
   }
 
+  /// The token waits in a connection to this process of this user.
+  bool reaches(pid_t process) const {
+    return std::any_of(connections_.begin(), connections_.end(), [process](const auto& each) {
+      if (!each.isOpen()) return false;
+      const ucred peer = peerOf(each);
+      return peer.pid == process && peer.uid == ::getuid();
+    });
+  }
+
  private:
   // Any program can listen on these names. Both are 0 for an owner that this process can't see, in
   // a container of its own.
@@ -188,10 +198,14 @@ class OwnerContact {
 };
 
 /// Who has the bus, when its owner has not answered for so long; empty while it may yet answer.
-std::optional<BusInUse> identifySilentOwner(const Descriptor& bus, milliseconds silence) {
-  if (silence < kAnswerTimeout) return std::nullopt;
+std::optional<BusInUse> identifySilentOwner(const Descriptor& bus, const OwnerContact& contact,
+                                            milliseconds silence) {
+  if (silence < kUsualAnswerTime) return std::nullopt;
   const std::optional<pid_t> holder = lockHolder(bus.get());
   if (holder && isDying(*holder) && silence < kEndTimeout) return std::nullopt;
+  if (holder && isStopped(*holder) && contact.reaches(*holder))
+    return BusInUse{BusInUse::By::thisUser, {}};
+  if (silence < kAnswerTimeout) return std::nullopt;
   return BusInUse{BusInUse::By::otherProgram, holder ? describeProcess(*holder) : "A program"};
 }
 
@@ -229,7 +243,8 @@ std::variant<BusClaim, BusInUse> claimBus(std::string_view activation_token, con
   while (::flock(bus.get(), LOCK_EX | LOCK_NB) != 0) {
     if (auto answer = contact.answer()) return *answer;
     const auto silence = std::chrono::steady_clock::now() - began;
-    if (auto owner = identifySilentOwner(bus, std::chrono::duration_cast<milliseconds>(silence)))
+    if (auto owner =
+            identifySilentOwner(bus, contact, std::chrono::duration_cast<milliseconds>(silence)))
       return *owner;
     std::this_thread::sleep_for(kPollInterval);
   }
