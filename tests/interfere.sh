@@ -2,11 +2,11 @@
 # The program on a virtual screen, and what it has to do with the rest of the computer: it keeps
 # it awake, it is started again, signals want it to end, its streams are odd, its screen goes.
 # With QM5_LONG, it is killed and started again 300 times instead of 5.
-# usage: tests/interfere.sh BIN_FOLDER IMAGE LOGIND [PART]
+# usage: tests/interfere.sh BIN_FOLDER IMAGE DESKTOP [PART]
 # All parts run at the same time, each on a screen of its own. IMAGE, a small one, is installed in
 # place of the packaged one.
 set -euo pipefail
-readonly bin=$1 image=$2 logind=$3 part=${4-}
+readonly bin=$1 image=$2 desktop=$3 part=${4-}
 if [ -z "$part" ]; then
   for each in long_run odd_streams signals killed lost_display; do "$0" "$@" $each & done
   for each in $(jobs -p); do wait "$each" || status=$?; done
@@ -87,29 +87,32 @@ question() {
   await "$1 led to no question" shown "Updating the QM5" 2 # it has the title of its window
   await "$1 stopped the update" goes_on_to wrote_more "$(wrote chunk)"
   kill -STOP "$simulator"
-  ! grep -qs released "$work/awake" || fail "not awake under the question"
+  ! grep -qs "released\|Uninhibit" "$work/awake" || fail "not awake under the question"
 }
 
-start_logind() {
-  export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/bus
+# start_desktop: without it, there is neither bus.
+start_desktop() {
   dbus-daemon --session --nofork --address="$DBUS_SYSTEM_BUS_ADDRESS" 2>/dev/null &
   await "no bus came" test -S "$work/bus"
-  "$logind" >>"$work/awake" &
-  await "no logind came" grep -q ready "$work/awake"
+  "$desktop" >>"$work/awake" &
+  await "no desktop came" grep -q ready "$work/awake"
   : >"$work/awake"
 }
-# awake_until EVENT COMMAND...: an inhibitor has been taken with the press of Next, and is released
-# once the command has succeeded.
+# awake_until EVENT COMMAND...: both inhibitors have been taken with the press of Next, and are given
+# back once the command has succeeded.
 awake_until() {
   await "$1: not awake" grep "^Inhibit:$locks:QM5 Updater:.*:block$" "$work/awake"
+  await "$1: logging out is not held back" grep "^Inhibit:qm5-updater:0:The firmware .*:1$" "$work/awake"
   await "$1 did not come" "${@:2}"
   await "$1: still awake" grep -q "^released$" "$work/awake"
-  [ "$(wc -l <"$work/awake")" = 2 ] || fail "$1: $(cat "$work/awake")"
+  # With its connection, the session manager drops the inhibitor of a program that ends.
+  gone "$screen" || await "$1: logging out is still held back" grep -q "^Uninhibit:7$" "$work/awake"
+  [ "$(grep -vc Uninhibit "$work/awake")" = 3 ] || fail "$1: $(cat "$work/awake")"
   : >"$work/awake"
 }
 
 long_run() {
-  start_logind
+  start_desktop
   start --image "$image" --latency-ms 20
   minimised "QM5 Updater" 1
   xdotool key Return # Next
@@ -195,7 +198,7 @@ insisted() { gone "$simulator" || { kill -TERM "$updater" && false; }; } # two a
 # Desktops like this one have a theme that brings another toolkit, with a connection of its own.
 lost_display() {
   export XDG_CURRENT_DESKTOP=XFCE
-  start_logind
+  start_desktop
   start --image "$image" --latency-ms 20
   begin_update
   question TERM
@@ -207,6 +210,6 @@ lost_display() {
   ended
 }
 
-export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/none
+export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/bus
 start_screen
 "$part"

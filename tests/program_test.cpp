@@ -17,8 +17,8 @@
 namespace qm5::test {
 namespace {
 
-// A system bus that takes connections and never answers.
-void hangSystemBus() {
+// Buses that take connections and never answer.
+void hangBuses() {
   sockaddr_un address{AF_UNIX, {}};
   const std::string name = "qm5-hung-bus-" + std::to_string(getpid());
   name.copy(address.sun_path + 1, name.size());
@@ -26,7 +26,8 @@ void hangSystemBus() {
   const int bus = socket(AF_UNIX, SOCK_STREAM, 0);
   ASSERT_EQ(bind(bus, reinterpret_cast<const sockaddr*>(&address), length), 0);
   ASSERT_EQ(listen(bus, 5), 0);
-  ASSERT_EQ(setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:abstract=" + name).c_str(), 1), 0);
+  for (const char* address_of : {"DBUS_SYSTEM_BUS_ADDRESS", "DBUS_SESSION_BUS_ADDRESS"})
+    ASSERT_EQ(setenv(address_of, ("unix:abstract=" + name).c_str(), 1), 0);
 }
 
 void await(bool attached) {
@@ -87,7 +88,7 @@ TEST(Program, SendsExactlyTheRequestsOfAnUpdateAlsoAfterAnUnplug) {
                            moments.size(), caseOf, [&](Desk& desk, const auto& begin) {
                              Desk::wholeProgram(desk, [&] {
                                begin();
-                               hangSystemBus();
+                               hangBuses();
                                desk.qm5.emplace();
                                bus.emplace(*desk.qm5);
                                setUSBRegistry(&LibusbRegistry::create());

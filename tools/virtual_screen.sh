@@ -54,6 +54,7 @@ start_display() {
   await "the virtual screen did not start" test -s "$work/display"
   DISPLAY=:$(cat "$work/display")
   export DISPLAY QT_QPA_PLATFORM=xcb XDG_RUNTIME_DIR=$work
+  export DBUS_SESSION_BUS_ADDRESS=unix:path=$work/bus # no other desktop is to notice
 }
 
 # start_screen [WIDTHxHEIGHT]: a display with a window manager.

@@ -1,4 +1,4 @@
-// Keeping the computer awake.
+// Keeping the computer awake, and the person logged in.
 // Production: app_shell/wakefulness/. Tests: tests/support/scripted_application.h.
 #pragma once
 
@@ -15,10 +15,11 @@ class Wakefulness : public PortObject {
  public:
   virtual ~Wakefulness() = default;
 
-  /// Keeps the computer from going to sleep for as long as the returned token is held.
-  /// `reason` is a sentence that the desktop may show. Returns at once, before the operating
-  /// system has answered; where it refuses, the system log says so, and `refused` is called, on
-  /// any thread. The token may be dropped on any thread, and the end of the process drops it too.
+  /// Keeps the computer from going to sleep, and holds a log-out back where the desktop can do
+  /// that, for as long as the returned token is held. `reason` is a sentence that the desktop may
+  /// show. Returns at once, before the operating system has answered; where the computer may sleep,
+  /// the system log says so, and `refused` is called, on any thread. The token may be dropped on
+  /// any thread, and the end of the process drops it too.
   virtual std::shared_ptr<void> beginActivity(std::string_view reason,
                                               std::function<void()> refused) = 0;
 };

@@ -15,7 +15,9 @@
 #include <QDBusReply>
 #include <QDBusUnixFileDescriptor>
 #include <QString>
+#include <optional>
 
+#include "app_shell/wakefulness/logout_inhibitor.h"
 #include "platform/dispatch_queue.h"
 #endif
 
@@ -51,9 +53,9 @@ constexpr int kReplyTimeout = 10'000;  // milliseconds
 constexpr const char* kLocks =
     "shutdown:sleep:idle:handle-power-key:handle-suspend-key:handle-lid-switch";
 
-// The call to logind waits for the system bus, so it runs on a queue of its own and never on
-// the main thread.
-DispatchQueue& logindQueue() {
+// Calls to logind and to the session manager wait for their buses, so they run on a queue of their
+// own and never on the main thread.
+DispatchQueue& inhibitorQueue() {
   static auto* const queue =
       new DispatchQueue("tool.qm5-updater.awake", DispatchQueue::Attribute::serial);
   return *queue;
@@ -81,19 +83,23 @@ QDBusUnixFileDescriptor inhibitSleep(const QString& reason) {
 
 std::shared_ptr<void> SleepInhibitor::beginActivity(std::string_view reason,
                                                     std::function<void()> refused) {
+  const QString shown = QString::fromStdString(std::string(reason));
   // When the caller drops the token during the call, the queue's copy keeps the descriptor
   // until the call has returned, and then closes it.
-  auto inhibitor = std::make_shared<QDBusUnixFileDescriptor>();
-  const bool submitted = logindQueue().async(
-      [inhibitor, reason = QString::fromStdString(std::string(reason)), refused] {
-        *inhibitor = inhibitSleep(reason);
-        if (!inhibitor->isValid()) refused();
-      });
+  const auto lock = std::make_shared<QDBusUnixFileDescriptor>();
+  const bool submitted = inhibitorQueue().async([lock, shown, refused] {
+    *lock = inhibitSleep(shown);
+    if (!lock->isValid()) refused();
+  });
   if (!submitted) {
     log("The computer may fall asleep: there is no thread left to ask logind");
     refused();
   }
-  return inhibitor;
+  // Behind logind's call, which it must not delay; begun and ended on the queue alone.
+  const auto log_out = std::make_shared<std::optional<LogoutInhibitor>>();
+  inhibitorQueue().async([log_out, shown] { log_out->emplace(shown); });
+  return {nullptr,
+          [lock, log_out](void*) { inhibitorQueue().async([log_out] { log_out->reset(); }); }};
 }
 
 #endif

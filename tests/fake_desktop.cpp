@@ -1,5 +1,5 @@
-// A logind that says what is asked of it, on the bus that DBUS_SYSTEM_BUS_ADDRESS names: a line
-// when an inhibitor is taken, and one when it is released.
+// logind and a desktop's session manager, on the bus that DBUS_SYSTEM_BUS_ADDRESS names. Prints a
+// line for each call, and one when logind's inhibitor is released.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -14,26 +14,33 @@
 
 namespace {
 
-class Logind final : public QDBusVirtualObject {
+class Desktop final : public QDBusVirtualObject {
  public:
   QString introspect(const QString&) const override { return {}; }
   bool handleMessage(const QDBusMessage& message, const QDBusConnection& bus) override {
-    // The end that stays here is at its end when nobody holds the other one any more.
-    std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) return false;
-    const QDBusUnixFileDescriptor inhibitor(ends[1]);
-    close(ends[1]);
     std::cout << message.member().toStdString();
     for (const QVariant& argument : message.arguments())
       std::cout << ":" << argument.toString().toStdString();
     std::cout << std::endl;
+    if (!message.interface().startsWith("org.freedesktop.login1"))
+      return bus.send(message.createReply(7U));  // by which the caller knows what it has asked for
+    return bus.send(message.createReply(QVariant::fromValue(inhibitor())));
+  }
+
+ private:
+  QDBusUnixFileDescriptor inhibitor() {
+    // The end that stays here is at its end when nobody holds the other one any more.
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) return {};
+    const QDBusUnixFileDescriptor inhibitor(ends[1]);
+    close(ends[1]);
     auto* const released = new QSocketNotifier(ends[0], QSocketNotifier::Read, this);
     connect(released, &QSocketNotifier::activated, released, [released] {
       std::cout << "released" << std::endl;
       released->deleteLater();
       released->setEnabled(false);
     });
-    return bus.send(message.createReply(QVariant::fromValue(inhibitor)));
+    return inhibitor;
   }
 };
 
@@ -41,10 +48,11 @@ class Logind final : public QDBusVirtualObject {
 
 int main(int argc, char** argv) {
   const QCoreApplication application(argc, argv);
-  Logind logind;
+  Desktop desktop;
   QDBusConnection bus = QDBusConnection::systemBus();
-  if (!bus.registerVirtualObject("/org/freedesktop/login1", &logind)) return 1;
-  if (!bus.registerService("org.freedesktop.login1")) return 1;
+  if (!bus.registerVirtualObject("/", &desktop, QDBusConnection::SubPath)) return 1;
+  for (const char* service : {"org.freedesktop.login1", "org.gnome.SessionManager"})
+    if (!bus.registerService(service)) return 1;
   std::cout << "ready" << std::endl;
   return QCoreApplication::exec();
 }
