@@ -11,6 +11,10 @@ void AppDelegate::applicationDidFinishLaunching() {}
 
 void AppDelegate::applicationWillTerminate() {}
 
+void AppDelegate::applicationIsActive(bool active) {
+  if (const auto controller = mainController.lock()) controller->applicationIsActive(active);
+}
+
 bool AppDelegate::applicationSupportsSecureRestorableState() {
   return true;
 }

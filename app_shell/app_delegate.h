@@ -14,6 +14,7 @@ class AppDelegate final : public ApplicationDelegate {
  public:
   void applicationDidFinishLaunching() override;
   void applicationWillTerminate() override;
+  void applicationIsActive(bool active) override;
   bool applicationSupportsSecureRestorableState() override;
   bool applicationShouldTerminateAfterLastWindowClosed() override;
   int applicationLostDisplay() override;

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "app_shell/main_storyboard.h"
+#include "app_shell/notifications/notification_service.h"
 #include "app_shell/package/file_package.h"
 #include "app_shell/process/already_running.h"
 #include "app_shell/process/arguments.h"
@@ -26,6 +27,7 @@ void setAdapters() {
   setUSBRegistry(&LibusbRegistry::create());
   setApplicationPackage(new FilePackage);
   setWakefulness(new SleepInhibitor);
+  setDesktopNotifications(new NotificationService);
   setApplication(new QtApplication(holdTermination));
 }
 

@@ -4,6 +4,7 @@
 #include <variant>
 
 #include "app_shell/ports/application.h"
+#include "app_shell/ports/desktop_notifications.h"
 #include "app_shell/ports/package.h"
 #include "app_shell/ports/wakefulness.h"
 #include "app_shell/progress_window.h"
@@ -166,14 +167,32 @@ void ViewController::finishRun(RunRecord record) {
     self->runReport->runEnded(std::move(record));
   });
   const auto report = [self = shared_from_this(), outcome] { self->report(outcome); };
-  if (passesThroughMainQueue(outcome)) return application().mainQueueAsync(report);
-  report();
+  // Not later: while one window goes and another one comes, none may have the keyboard.
+  const bool is_seen = isActive;
+  passesThroughMainQueue(outcome) ? application().mainQueueAsync(report) : report();
+  if (is_seen) return;
+  application().mainQueueAsync(
+      [self = shared_from_this(), outcome] { self->notifyOfEnd(outcome); });
 }
 
 void ViewController::report(Outcome outcome) {
   if (outcome == Outcome::updated) return reportSuccess();
   const OutcomeText text = textOf(outcome, strVersion);
   dialogErrorStop(text.title, text.message);
+}
+
+void ViewController::notifyOfEnd(Outcome outcome) {
+  if (isActive) return;
+  const OutcomeText text = shownText(outcome);
+  notification =
+      desktopNotifications().show(text.title, text.message, [](const std::string& token) {
+        application().mainQueueAsync([token] { application().activate(token); });
+      });
+}
+
+void ViewController::applicationIsActive(bool active) {
+  isActive = active;
+  if (active) notification.reset();
 }
 
 void ViewController::reportSuccess() {

@@ -57,6 +57,9 @@ class ViewController final : public BaseViewController,
   /// Whether a wish from outside may end the application now. While an update runs it may
   /// not: the progress window asks, and `declined` is called when that has not ended it.
   bool shouldTerminate(std::function<void()> declined);
+  /// Whether one of the application's windows has the keyboard. While none has, the end of an
+  /// update is shown as a notification of the desktop too, which goes once one has.
+  void applicationIsActive(bool active);
   /// The display has gone: waits until the update that runs has ended, writes how as a line on the
   /// console and in the system log, and returns the process's status: EXIT_SUCCESS when the QM5
   /// is up to date. The same for an update whose end is shown and has not been answered.
@@ -71,6 +74,8 @@ class ViewController final : public BaseViewController,
   void finishRun(RunRecord record);
   void report(Outcome outcome);
   void reportSuccess();
+  OutcomeText shownText(Outcome outcome) const;
+  void notifyOfEnd(Outcome outcome);
   void showProgress(const ProgressStep& step);
   void showPackagedVersion();
   void takeProgressWindowDown();
@@ -85,9 +90,11 @@ class ViewController final : public BaseViewController,
   std::weak_ptr<TextField> txtPackagedVersion;
   std::shared_ptr<BaseWindowController> progressWindowController;
   std::shared_ptr<Window> customerFinisheDialog;
-  std::shared_ptr<void> activity;  ///< held from Next to the outcome: the computer stays awake
-  std::size_t runs = 0;            ///< that were started
-  std::optional<Bytes> binData;    ///< the whole image; empty when it could not be loaded
+  std::shared_ptr<void> activity;      ///< held from Next to the outcome: the computer stays awake
+  std::shared_ptr<void> notification;  ///< of an end that nobody has seen yet
+  std::atomic<bool> isActive = true;   ///< one of the windows has the keyboard
+  std::size_t runs = 0;                ///< that were started
+  std::optional<Bytes> binData;        ///< the whole image; empty when it could not be loaded
   DispatchQueue queue;
   std::shared_ptr<Driver> USB_Handle;  ///< the same object as global_driver
   /// As last read from the device, four hexadecimal digits. Written by the job before its

@@ -1,5 +1,6 @@
-// logind and a desktop's session manager, on the bus that DBUS_SYSTEM_BUS_ADDRESS names. Prints a
-// line for each call, and one when logind's inhibitor is released.
+// logind, and a desktop's session manager and notifications, on the bus that
+// DBUS_SYSTEM_BUS_ADDRESS names. Prints a line for each call, and one when logind's inhibitor is
+// released.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -20,7 +21,7 @@ class Desktop final : public QDBusVirtualObject {
   bool handleMessage(const QDBusMessage& message, const QDBusConnection& bus) override {
     std::cout << message.member().toStdString();
     for (const QVariant& argument : message.arguments())
-      std::cout << ":" << argument.toString().toStdString();
+      std::cout << ":" << argument.toString().replace('\n', ' ').toStdString();
     std::cout << std::endl;
     if (!message.interface().startsWith("org.freedesktop.login1"))
       return bus.send(message.createReply(7U));  // by which the caller knows what it has asked for
@@ -51,7 +52,8 @@ int main(int argc, char** argv) {
   Desktop desktop;
   QDBusConnection bus = QDBusConnection::systemBus();
   if (!bus.registerVirtualObject("/", &desktop, QDBusConnection::SubPath)) return 1;
-  for (const char* service : {"org.freedesktop.login1", "org.gnome.SessionManager"})
+  for (const char* service :
+       {"org.freedesktop.login1", "org.freedesktop.Notifications", "org.gnome.SessionManager"})
     if (!bus.registerService(service)) return 1;
   std::cout << "ready" << std::endl;
   return QCoreApplication::exec();

@@ -107,8 +107,12 @@ awake_until() {
   await "$1: still awake" grep -q "^released$" "$work/awake"
   # With its connection, the session manager drops the inhibitor of a program that ends.
   gone "$screen" || await "$1: logging out is still held back" grep -q "^Uninhibit:7$" "$work/awake"
-  [ "$(grep -vc Uninhibit "$work/awake")" = 3 ] || fail "$1: $(cat "$work/awake")"
+  [ "$(grep "^Inhibit\|^Notify\|^released" "$work/awake" | grep -vc "$success")" = 3 ] || fail "$1: $(cat "$work/awake")"
   : >"$work/awake"
+}
+
+notified() {
+  grep "^Notify:QM5 Updater:0:qm5-updater:$success:New version(QM5 v.4208) Please .*" "$work/awake"
 }
 
 long_run() {
@@ -126,7 +130,18 @@ long_run() {
   minimised "Updating the QM5" 2
   await "no answer" presses Escape "$(top "Updating.*")" shown "Updating the QM5" 1
   question HUP # and nobody answers
-  awake_until "success" goes_on_to window "$success"
+  (start_again DISPLAY="$DISPLAY.0") & # whose notice is another program's window here
+  local other=$!
+  await "no other program came" shown "QM5 Updater" 2
+  on_screen "QM5 Updater"
+  awake_until "success" goes_on_to notified
+  await "no finish dialog came behind another program" shown "$success" 1
+  active "QM5 Updater" 2 || fail "the finish dialog has taken the keyboard"
+  dbus-send --bus="$DBUS_SESSION_BUS_ADDRESS" --type=signal /org/freedesktop/Notifications \
+    org.freedesktop.Notifications.ActionInvoked uint32:7 string:default
+  await "a pressed notification did not bring the finish dialog" active "$success" 1
+  await "the notification stayed" grep "^CloseNotification:7$" "$work/awake"
+  kill $other
   await "the finish dialog stayed" presses Return "$(top "$success")" gone "$simulator"
   ended
 }

@@ -210,6 +210,7 @@ TEST_F(QtWindows, ProgressIsDrawnEveryOtherFrameToItsLastValueAndHoldsNothingUp)
 struct TellingDelegate : ApplicationDelegate {
   int applicationLostDisplay() override { return 3; }
   void applicationDidFinishLaunching() override {}
+  void applicationIsActive(bool) override {}
   void applicationWillTerminate() override { std::fputs("will terminate", stderr); }
   bool applicationSupportsSecureRestorableState() override { return true; }
   bool applicationShouldTerminateAfterLastWindowClosed() override { return true; }

@@ -85,8 +85,14 @@ TEST_P(Run, EndsInItsAlertAndCanBeRepeated) {
                        : kDown + Lines{shown, "may sleep"});
   for (std::size_t round = 1; round <= 2; ++round) {
     transcript.newLines();
+    const bool is_behind = round == 2;  // another program's windows
+    if (is_behind) {
+      application.delegate->applicationIsActive(false);
+      expected.push_back("notification: " + std::string(alert));
+    }
     application.main->press("btnNext");
     application.runUntilAlert();
+    application.drain();
     EXPECT_TRUE(application.sheet_came_unasked);
     EXPECT_EQ(byThread(transcript.newLines()), byThread(expected));
     EXPECT_EQ(application.shown["runStatus"], reason);
@@ -96,6 +102,12 @@ TEST_P(Run, EndsInItsAlertAndCanBeRepeated) {
     EXPECT_EQ(details.starts_with("check if device exist.\nChecking for TI"), !reason.empty());
     EXPECT_EQ(details.ends_with(lines.back().substr(5) + "\n"), !reason.empty());
     EXPECT_EQ(clock.newSleeps(), std::vector<double>{1.0});
+    if (is_behind) {
+      application.pressNotification("a token");
+      application.drain();
+      application.delegate->applicationIsActive(true);
+      EXPECT_EQ(transcript.newLines(), (Lines{"in front with a token", "notification gone"}));
+    }
     application.answer(kOK);
     EXPECT_EQ(transcript.newLines(),
               (Lines{"log: OK pressed", "btnExit enabled", "btnNext enabled"}));

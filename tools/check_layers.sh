@@ -23,6 +23,7 @@ declare -A may=(
   [app_shell/process]="app_shell/ports platform"
   [app_shell/package]="app_shell/ports platform"
   [app_shell/wakefulness]="app_shell/ports platform"
+  [app_shell/notifications]="app_shell/ports platform"
   [app_shell/qt]="app_shell/ports platform"
   [app_shell]="app_shell/ports update_run update_engine device_link platform"
   [firmware_image]="platform"
@@ -36,13 +37,14 @@ declare -A may=(
 )
 # The entry point alone includes the adapters behind the ports.
 readonly entry_point=app_shell/main.cpp
-readonly adapters="app_shell/process app_shell/package app_shell/wakefulness app_shell/qt
-  device_monitor/libusb"
+readonly adapters="app_shell/process app_shell/package app_shell/wakefulness
+  app_shell/notifications app_shell/qt device_monitor/libusb"
 
 # The folders in which each library's headers may be included; the C and C++ standard headers and
 # POSIX's may be everywhere.
 declare -A homes=(
-  ['Q[A-Za-z]+']="app_shell/qt app_shell/package app_shell/wakefulness benchmarks"
+  ['Q[A-Za-z]+']="app_shell/qt app_shell/package app_shell/wakefulness app_shell/notifications
+    benchmarks"
   ['qpa/.*']="app_shell/qt"
   ['IOKit/.*']="app_shell/wakefulness"
   ['libusb(-1\.0/libusb)?\.h']="device_monitor/libusb benchmarks"

@@ -26,6 +26,8 @@ class ApplicationDelegate : public PortObject {
   virtual void applicationDidFinishLaunching() = 0;
   /// The process is about to end.
   virtual void applicationWillTerminate() = 0;
+  /// Called at each change: whether one of the application's windows has the keyboard, or none.
+  virtual void applicationIsActive(bool active) = 0;
   /// True: a toolkit that keeps the state of windows from one start to the next may do so only in
   /// a form whose types it checks when it reads that back. One that keeps none never asks.
   virtual bool applicationSupportsSecureRestorableState() = 0;
@@ -86,8 +88,9 @@ class Application : public PortObject {
   /// Terminates as soon as the delegate or the person agrees; `declined` is called on the main
   /// thread when the application is to go on instead. Any thread.
   virtual void requestTermination(std::function<void()> declined) = 0;
-  /// Brings the application's windows to the front. `activation_token` is what the desktop
-  /// gave to the start that this answers; it may be empty.
+  /// Brings the application's windows to the front. `activation_token` is what the desktop gave to
+  /// the start or the press that this answers; it may be empty. Where the desktop brings nothing to
+  /// the front without one, the window that the person can use asks for attention instead.
   virtual void activate(const std::string& activation_token) = 0;
 };
 

@@ -1,6 +1,7 @@
 // The adapters of the shell's ports that this process uses.
 
 #include "app_shell/ports/application.h"
+#include "app_shell/ports/desktop_notifications.h"
 #include "app_shell/ports/package.h"
 #include "app_shell/ports/wakefulness.h"
 
@@ -10,6 +11,7 @@ namespace {
 PortSlot<Application> application_slot;
 PortSlot<Package> package_slot;
 PortSlot<Wakefulness> wakefulness_slot;
+PortSlot<DesktopNotifications> notifications_slot;
 
 }  // namespace
 
@@ -35,6 +37,14 @@ Wakefulness& wakefulness() {
 
 void setWakefulness(Wakefulness* wakefulness) {
   wakefulness_slot.set(wakefulness);
+}
+
+DesktopNotifications& desktopNotifications() {
+  return notifications_slot.get("no desktop notifications have been set");
+}
+
+void setDesktopNotifications(DesktopNotifications* notifications) {
+  notifications_slot.set(notifications);
 }
 
 }  // namespace qm5

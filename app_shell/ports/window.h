@@ -86,7 +86,8 @@ struct Alert {
   std::vector<std::string> otherButtons;
   AlertStyle style = AlertStyle::warning;
   /// The alert comes up without a press of the person's, who may be typing: presses in its first
-  /// half second count for nothing.
+  /// half second count for nothing, and where another program has the keyboard, the alert asks for
+  /// attention instead of taking it away.
   bool comesUnasked = false;
 };
 
@@ -173,7 +174,9 @@ class Window : public PortObject {
 
   /// Puts the window on the screen; nothing happens when it is there.
   virtual void show() = 0;
-  /// Shows the window, restores it when it is minimised, and asks for the keyboard.
+  /// Shows the window, restores it when it is minimised, and asks for the keyboard. One that the
+  /// program has built comes up by itself: while another program has the keyboard, it asks for
+  /// attention instead.
   virtual void makeKeyAndOrderFront() = 0;
   /// Takes the window off the screen, together with the alerts attached to it. Any thread.
   virtual void close() = 0;

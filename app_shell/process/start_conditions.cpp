@@ -23,7 +23,7 @@ namespace qm5 {
 namespace {
 
 // What the program has taken by the time its window stands and an update runs, with some in
-// reserve: 23 descriptors and 14 threads on X, with logind and the desktop's session bus.
+// reserve: 24 descriptors and 15 threads on X, with logind, the session manager and a notification.
 constexpr std::size_t kDescriptors = 32;
 constexpr std::size_t kThreads = 16;
 constexpr std::size_t kMemory = std::size_t{96} << 20;  // bytes, besides the threads' stacks

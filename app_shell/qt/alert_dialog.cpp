@@ -42,9 +42,9 @@ AlertDialog::AlertDialog(const Alert& alert, AlertCompletion completion, QWidget
     : FittingDialog(parent),
       completion_(std::move(completion)),
       last_response_(kAlertFirstButtonReturn + static_cast<int>(alert.otherButtons.size())),
-      comes_unasked_(alert.comesUnasked),
       buttons_(new QDialogButtonBox) {
   PressGuard::start();
+  if (alert.comesUnasked) setComesUnasked();
   setAccessibleRole<AlertDialog, QAccessible::AlertMessage>();
   setAttribute(Qt::WA_DeleteOnClose);
   setWindowTitle(parent ? parent->windowTitle() : QCoreApplication::applicationName());
@@ -105,11 +105,6 @@ void AlertDialog::abort() {
 
 void AlertDialog::reject() {
   answer(last_response_);
-}
-
-void AlertDialog::showEvent(QShowEvent* event) {
-  FittingDialog::showEvent(event);
-  if (comes_unasked_) PressGuard::ignoreFirstPresses(*this);
 }
 
 // The alert has left the screen when its answer arrives.

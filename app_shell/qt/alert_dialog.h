@@ -25,9 +25,6 @@ class AlertDialog : public FittingDialog {
   /// Closing it by whatever means answers with the last button.
   void reject() override;
 
- protected:
-  void showEvent(QShowEvent* event) override;
-
  private:
   QLayout& addTexts(const Alert& alert);
   void addButtons(const Alert& alert);
@@ -35,7 +32,6 @@ class AlertDialog : public FittingDialog {
 
   AlertCompletion completion_;
   int last_response_;
-  bool comes_unasked_;
   QDialogButtonBox* const buttons_;
 };
 

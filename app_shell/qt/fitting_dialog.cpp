@@ -1,16 +1,19 @@
 #include "app_shell/qt/fitting_dialog.h"
 
+#include <QApplication>
 #include <QBoxLayout>
 #include <QEvent>
 #include <QFontInfo>
 #include <QPushButton>
 #include <QScreen>
 #include <QStyle>
+#include <QWindow>
 #include <algorithm>
 #include <cmath>
 #include <utility>
 
 #include "app_shell/qt/colours.h"
+#include "app_shell/qt/press_guard.h"
 #include "app_shell/qt/scrolling_part.h"
 
 namespace qm5 {
@@ -90,8 +93,39 @@ void FittingDialog::makeScroll() {
 }
 
 void FittingDialog::setVisible(bool visible) {
-  if (visible && !isVisible()) fit();
+  const bool comes = visible && !isVisible();
+  if (comes) fit();
+  if (comes && comes_unasked_) return comeUnasked();
   QDialog::setVisible(visible);
+}
+
+void FittingDialog::comeUnasked() {
+  PressGuard::ignoreFirstPresses(*this);
+  if (QGuiApplication::applicationState() == Qt::ApplicationActive)
+    return QDialog::setVisible(true);
+  // On X, Qt asks for the keyboard for each modal window that it shows, even for such a one. So
+  // this one becomes modal when the person comes to another window of the program, which it is to
+  // block.
+  modality_later_ = windowModality();
+  setWindowModality(Qt::NonModal);
+  setAttribute(Qt::WA_ShowWithoutActivating);
+  QDialog::setVisible(true);
+  QApplication::alert(this);
+  connect(
+      qApp, &QGuiApplication::focusWindowChanged, this,
+      [this](const QWindow* focused) {
+        if (focused && focused != windowHandle()) becomeModal();
+      },
+      Qt::QueuedConnection);
+}
+
+// Qt takes a modality with the showing.
+void FittingDialog::becomeModal() {
+  if (!modality_later_ || !isVisible()) return;
+  QDialog::setVisible(false);
+  setWindowModality(*std::exchange(modality_later_, std::nullopt));
+  setAttribute(Qt::WA_ShowWithoutActivating, false);
+  QDialog::setVisible(true);
 }
 
 bool FittingDialog::event(QEvent* event) {

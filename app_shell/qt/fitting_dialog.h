@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QDialog>
+#include <optional>
 
 class QLayout;
 
@@ -24,6 +25,10 @@ class FittingDialog : public QDialog {
   /// font, and follow the window's font from here on. `scrollable` is the part, within the window's
   /// layout, that scrolls where the screen has no room for all: buttons don't belong in it.
   void completeLayout(QLayout& scrollable);
+  /// It comes up while the person may be busy with another window: presses in its first half second
+  /// count for nothing, and where another program has the keyboard, it asks for attention instead
+  /// of taking it away.
+  void setComesUnasked() { comes_unasked_ = true; }
   /// Takes the size that its content needs now.
   void fit();
 
@@ -31,16 +36,22 @@ class FittingDialog : public QDialog {
   void setVisible(bool visible) override;
 
  protected:
+  /// It has left the keyboard to another program, and becomes modal later.
+  bool leavesKeyboard() const { return modality_later_.has_value(); }
   bool event(QEvent* event) override;
 
  private:
   QSize wantedSize() const;
   void followFont();
   void makeScroll();
+  void comeUnasked();
+  void becomeModal();
 
   QLayout* scrollable_ = nullptr;  // until it scrolls
   QWidget* scrolled_ = nullptr;    // from then on
   double spacing_scale_ = 1;
+  bool comes_unasked_ = false;
+  std::optional<Qt::WindowModality> modality_later_;  // while it leaves the keyboard to others
 };
 
 }  // namespace qm5

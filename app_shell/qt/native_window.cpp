@@ -59,7 +59,7 @@ void NativeWindow::setFocusOnNothing() {
 
 // Qt takes a modality with the showing: a window that is on the screen without one is shown anew.
 void NativeWindow::makeModal() {
-  if (isModal()) return;
+  if (isModal() || leavesKeyboard()) return;
   const bool is_on_screen = isVisible();
   if (is_on_screen) FittingDialog::setVisible(false);
   setWindowModality(Qt::ApplicationModal);
@@ -71,6 +71,7 @@ void NativeWindow::restore() {
 }
 
 void NativeWindow::bringToFront() {
+  if (leavesKeyboard()) return;
   restore();
   raise();
   activateWindow();
@@ -81,7 +82,6 @@ void NativeWindow::setVisible(bool visible) {
   if (changes && visible) {
     if (timer_.interval() > 0) timer_.start();
     if (focus_on_nothing_) setFocus();
-    if (comes_unasked_) PressGuard::ignoreFirstPresses(*this);
   }
   if (changes && !visible) {
     timer_.stop();

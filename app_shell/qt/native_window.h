@@ -33,19 +33,18 @@ class NativeWindow : public FittingDialog {
   /// Has `callback` called once, when the window's first picture is on the screen.
   void setPainted(std::function<void()> callback);
 
-  /// The window comes up while the person may be busy with another one: presses in its first half
-  /// second count for nothing.
-  void setComesUnasked() { comes_unasked_ = true; }
   /// The window itself has the focus when it comes up: keys press nothing until the person has
   /// moved to a button.
   void setFocusOnNothing();
 
-  /// Has the window block all others of the program from now on.
+  /// Has the window block all others of the program from now on; one that leaves the keyboard to
+  /// another program, once the person comes back.
   void makeModal();
 
   /// Restores it when it is minimised.
   void restore();
-  /// Restores it, brings it to the front and asks for the keyboard.
+  /// Restores it, brings it to the front and asks for the keyboard. Nothing happens while it leaves
+  /// the keyboard to another program.
   void bringToFront();
 
   // Qt calls it for every way on and off the screen. On the way off, alerts go first.
@@ -65,7 +64,6 @@ class NativeWindow : public FittingDialog {
   std::function<void()> close_requested_;
   std::function<void()> will_disappear_;
   QTimer timer_;
-  bool comes_unasked_ = false;
   bool focus_on_nothing_ = false;
   bool awaits_paint_ = false;
   QTimer after_paint_;

@@ -98,11 +98,8 @@ int QtApplication::applicationMain(int argc, char** argv, const MainStoryboard& 
   keepTextsOutOfTheLocale();
   leaveLossOfDisplayToXlib();
   QApplication::setQuitOnLastWindowClosed(false);
-  QObject::connect(&application, &QApplication::lastWindowClosed, [this] { lastWindowClosed(); });
-  QObject::connect(&application, &QApplication::commitDataRequest,
-                   [this](QSessionManager& session) { sessionEnds(session); });
-
   delegate_ = storyboard.makeDelegate();
+  tellDelegateOf(application);
   auto layout = makeMainLayout();
   // The icon is not in the window, so the window does not wait for it.
   layout->setPainted([] { QApplication::setWindowIcon(applicationIcon()); });
@@ -119,6 +116,16 @@ int QtApplication::applicationMain(int argc, char** argv, const MainStoryboard& 
   // they use is taken apart.
   terminate();
   return status;
+}
+
+void QtApplication::tellDelegateOf(QApplication& application) {
+  QObject::connect(&application, &QApplication::lastWindowClosed, [this] { lastWindowClosed(); });
+  QObject::connect(&application, &QApplication::commitDataRequest,
+                   [this](QSessionManager& session) { sessionEnds(session); });
+  QObject::connect(&application, &QApplication::applicationStateChanged,
+                   [this](Qt::ApplicationState state) {
+                     delegate_->applicationIsActive(state == Qt::ApplicationActive);
+                   });
 }
 
 // Qt's plug-in for X ends the process by exit(), on the main thread, when the display has gone.
@@ -188,12 +195,14 @@ void QtApplication::sessionEnds(QSessionManager& session) {
 void QtApplication::activate(const std::string& activation_token) {
   // Under Wayland, Qt takes the token from there and from nowhere else; elsewhere the window
   // manager goes by itself. The process has made room for it in the environment at its start.
-  if (!activation_token.empty() && QApplication::platformName().startsWith("wayland"))
+  const bool needs_token = QApplication::platformName().startsWith("wayland");
+  if (needs_token && !activation_token.empty())
     qputenv("XDG_ACTIVATION_TOKEN", activation_token.c_str());
   // The token is good for one window: the one that the person can use now. Some window managers
   // minimise the windows that it stands on as well, others leave it behind.
   main_window_->native().restore();
   QWidget* const modal = QApplication::activeModalWidget();
+  if (needs_token && activation_token.empty()) QApplication::alert(modal ? modal : mainWidget());
   if (!modal) return main_window_->makeKeyAndOrderFront();
   for (QWidget* window = modal; window; window = window->parentWidget()) {
     window->setWindowState(window->windowState() & ~Qt::WindowMinimized);

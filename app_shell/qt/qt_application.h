@@ -7,6 +7,7 @@
 
 #include "app_shell/ports/application.h"
 
+class QApplication;
 class QEventLoop;
 class QSessionManager;
 class QWidget;
@@ -43,6 +44,7 @@ class QtApplication : public Application {
 
  private:
   static void endWithoutDisplay();
+  void tellDelegateOf(QApplication& application);
   void lastWindowClosed();
   void sessionEnds(QSessionManager& session);
   QWidget* mainWidget() const;

@@ -225,11 +225,15 @@ class Desk {
   }
 
   /// The production application, but for its image, sleep, and the end of the process.
-  struct Watched final : QtApplication, FilePackage, Wakefulness {
+  struct Watched final : QtApplication, FilePackage, Wakefulness, DesktopNotifications {
     FileContents readFile(const std::string&) override {
       return has_image ? FileContents(smallImage()) : FileError{"missing"};
     }
     std::shared_ptr<void> beginActivity(std::string_view, std::function<void()>) override {
+      return nullptr;
+    }
+    std::shared_ptr<void> show(const std::string&, const std::string&,
+                               std::function<void(const std::string&)>) override {
       return nullptr;
     }
     void terminate() override { ended = true; }
@@ -250,6 +254,7 @@ class Desk {
     setApplication(&application);
     setApplicationPackage(&application);
     setWakefulness(&application);
+    setDesktopNotifications(&application);
     QCoreApplication::setEventDispatcher(&loop_);
     clock.during_sleep = [this](double seconds) {
       loop_.wakeUp();

@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "app_shell/ports/application.h"
+#include "app_shell/ports/desktop_notifications.h"
 #include "app_shell/ports/package.h"
 #include "app_shell/ports/wakefulness.h"
 #include "transcript.h"
@@ -256,18 +257,21 @@ class ScriptedWindow final : public Window, public std::enable_shared_from_this<
 class ScriptedApplication final : public Application,
                                   public Package,
                                   public Wakefulness,
+                                  public DesktopNotifications,
                                   public ScriptedMainThread {
  public:
   explicit ScriptedApplication(Transcript& transcript) : ScriptedMainThread(transcript) {
     setApplication(this);
     setApplicationPackage(this);
     setWakefulness(this);
+    setDesktopNotifications(this);
   }
   ~ScriptedApplication() override {
     EXPECT_FALSE(sheet) << "an alert that nobody answered";
     setApplication(nullptr);
     setApplicationPackage(nullptr);
     setWakefulness(nullptr);
+    setDesktopNotifications(nullptr);
   }
 
   // Script it.
@@ -335,13 +339,20 @@ class ScriptedApplication final : public Application,
   void requestTermination(std::function<void()> declined) override {
     if (delegate->applicationShouldTerminate(std::move(declined))) terminate();
   }
-  void activate(const std::string&) override { noteOnMain("in front"); }
+  void activate(const std::string& token) override { noteOnMain("in front with " + token); }
   std::shared_ptr<void> beginActivity(std::string_view reason,
                                       std::function<void()> refused) override {
     noteOnMain("awake: " + std::string(reason));
     if (refuses_to_stay_awake) refused();
     return {nullptr, [this](void*) { noteOnMain("may sleep"); }};
   }
+  std::shared_ptr<void> show(const std::string& title, const std::string& text,
+                             std::function<void(const std::string& token)> pressed) override {
+    noteOnMain("notification: " + title + " | " + text);
+    pressNotification = std::move(pressed);
+    return {nullptr, [this](void*) { noteOnMain("notification gone"); }};
+  }
+  std::function<void(const std::string& token)> pressNotification;
   void mainQueueAsync(std::function<void()> step) override { async(std::move(step)); }
   std::shared_ptr<Window> instantiateWindow(std::string_view storyboard,
                                             std::string_view identifier) override {
