@@ -10,20 +10,8 @@
 
 namespace qm5 {
 
-/// Informs only: what Next does is for the update job to find out. All on the main thread.
-///
-/// | the box says                              | while                                          |
-/// |-------------------------------------------|------------------------------------------------|
-/// | No QM5 is connected.                      | none is on the bus                             |
-/// | A QM5 is connected.                       | one is, and the Driver has it                  |
-/// | <n> QM5s are connected. An update goes to | several are, and the Driver has one: the last  |
-/// |                                           | one announced                                  |
-/// | …, but it came before the updater was     | the Driver has none: it did not listen yet     |
-/// |   ready. …                                | when the last one was announced                |
-/// | …, but the updater followed another one,  | the Driver has none: the last one announced    |
-/// |   which has left. …                       | has left, another one is still there           |
-/// | …, but you may not open it. …             | none could be opened, one for want of a right  |
-/// | …, but it could not be opened. …          | none could be opened                           |
+/// Shows what update_run/device_state_text.h says. Informs only: what Next does is for the update
+/// job to find out. All on the main thread.
 class DeviceStatusPresenter {
  public:
   /// Follows the bus from now on. Call it before the Driver is made, so that no arrival is

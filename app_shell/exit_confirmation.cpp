@@ -1,19 +1,20 @@
 #include "app_shell/exit_confirmation.h"
 
+#include <string>
 #include <utility>
 
 #include "app_shell/ports/application.h"
+#include "update_run/exit_question.h"
 
 namespace qm5 {
 
 void askBeforeExit(const std::weak_ptr<Window>& window, bool unasked,
                    std::function<void()> declined) {
-  // It speaks of unfinished flashing in every state, also when no update has run.
   const Alert alert = {
-      .messageText = "Exit confirmation",
-      .informativeText = "Firmware flashing did not finish.\nDo you really want to exit?",
-      .firstButton = "Quit",
-      .otherButtons = {"Don't quit"},
+      .messageText = std::string(kExitTitle),
+      .informativeText = std::string(kExitText),
+      .firstButton = std::string(kQuit),
+      .otherButtons = {std::string(kDontQuit)},
       .style = AlertStyle::warning,
       .comesUnasked = unasked,
   };

@@ -12,7 +12,7 @@
 
 #include "app_shell/controllers.h"
 #include "app_shell/device_status_presenter.h"
-#include "app_shell/update_pace.h"
+#include "update_run/update_pace.h"
 
 namespace qm5 {
 

@@ -1,57 +1,23 @@
 #include "app_shell/view_controller.h"
 
 #include <utility>
-#include <variant>
 
 #include "app_shell/ports/application.h"
 #include "app_shell/ports/desktop_notifications.h"
-#include "app_shell/ports/package.h"
-#include "app_shell/ports/wakefulness.h"
+#include "app_shell/power_cycle_status.h"
 #include "app_shell/progress_window.h"
-#include "platform/console.h"
+#include "computer/wakefulness.h"
 #include "platform/fatal.h"
 #include "platform/system_log.h"
 #include "platform/text.h"
+#include "update_run/packaged_image.h"
 #include "update_run/target_version.h"
 
 namespace qm5 {
-namespace {
-
-constexpr std::string_view kImageName = "QM5-combind-051723-secure-Cus-42";
-constexpr std::string_view kImageExtension = "bin";
-
-constexpr std::uint16_t kVendorTexasInstruments = 0x0451;
-constexpr std::uint16_t kProductQM5 = 0xACE1;
-
-constexpr std::string_view kActivityReason = "The firmware of a QM5 is being updated.";
-
-// Neither parsed nor checked here: the update engine does that.
-std::optional<Bytes> loadImage() {
-  const std::optional<std::string> path =
-      applicationPackage().pathForResource(kImageName, kImageExtension);
-  if (!path) {
-    print("No embedded file.");
-    return std::nullopt;
-  }
-  FileContents contents = applicationPackage().readFile(*path);
-  if (const auto* error = std::get_if<FileError>(&contents)) {
-    print("Can not access file: " + error->description);
-    return std::nullopt;
-  }
-  Bytes& image = std::get<Bytes>(contents);
-  print("Got data size:" + std::to_string(image.size()));
-  return std::move(image);
-}
-
-// Installed beside an image that was made for the software QM5 alone.
-bool isDevelopmentImage() {
-  return applicationPackage().pathForResource("development-image", "notice").has_value();
-}
-
-}  // namespace
-
 ViewController::ViewController()
-    : queue("tool.qm5-updater.update", DispatchQueue::Attribute::concurrent) {
+    : powerCycleCheck(PowerCycleCheck::follow(
+          [](std::function<void()> step) { application().mainQueueAsync(std::move(step)); })),
+      queue("tool.qm5-updater.update", DispatchQueue::Attribute::concurrent) {
   if (!global_driver)
     global_driver = std::make_shared<Driver>(kVendorTexasInstruments, kProductQM5);
   USB_Handle = global_driver;
@@ -76,7 +42,7 @@ void ViewController::connectOutlets(const std::shared_ptr<Window>& main_window) 
 
 void ViewController::viewDidLoad() {
   BaseViewController::viewDidLoad();
-  binData = loadImage();
+  binData = loadPackagedImage();
   showPackagedVersion();
   auto window = application().instantiateWindow("Main", ProgressWindowController::windowNibName);
   progressWindowController =
@@ -97,8 +63,7 @@ void ViewController::showPackagedVersion() {
   if (binData) {
     text = "Firmware version in this package: ";
     text.append(kTargetVersion);
-    if (isDevelopmentImage())
-      text.append("\nA development image: it is for the software QM5 alone.");
+    if (isDevelopmentImage()) text.append("\n").append(kDevelopmentImageText);
   }
   required(txtPackagedVersion.lock(), "no txtPackagedVersion").setStringValue(text);
 }
@@ -177,7 +142,7 @@ void ViewController::finishRun(RunRecord record) {
 
 void ViewController::report(Outcome outcome) {
   if (outcome == Outcome::updated) return reportSuccess();
-  const OutcomeText text = textOf(outcome, strVersion);
+  const OutcomeText text = textOf(outcome, strVersion, kTargetVersion);
   dialogErrorStop(text.title, text.message);
 }
 
@@ -205,16 +170,16 @@ void ViewController::reportSuccess() {
 // Once the finish dialog is shown, which stays as it is until the QM5 has gone.
 void ViewController::checkAfterPowerCycle() {
   const std::shared_ptr<Window> main_window = application().mainWindow();
-  powerCycleCheck->begin({.dialog = customerFinisheDialog,
-                          .fallback = main_window->statusIndicator("runStatus"),
-                          .device = deviceStatus->state(),
-                          .expected_version = kTargetVersion,
-                          .submit = [weak = weak_from_this()](std::function<void()> job) {
-                            // The job keeps the controller alive, as the update job does.
-                            const auto self = weak.lock();
-                            return self &&
-                                   self->queue.async([self, job = std::move(job)] { job(); });
-                          }});
+  powerCycleCheck->begin(
+      {.device = deviceStatus->state(),
+       .expected_version = kTargetVersion,
+       .submit =
+           [weak = weak_from_this()](std::function<void()> job) {
+             // The job keeps the controller alive, as the update job does.
+             const auto self = weak.lock();
+             return self && self->queue.async([self, job = std::move(job)] { job(); });
+           },
+       .show = powerCycleStatus(customerFinisheDialog, main_window->statusIndicator("runStatus"))});
 }
 
 void ViewController::callbackUpdateProgress(std::string_view, double progress) {

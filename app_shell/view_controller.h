@@ -13,12 +13,12 @@
 
 #include "app_shell/controllers.h"
 #include "app_shell/device_status_presenter.h"
-#include "app_shell/power_cycle_check.h"
 #include "app_shell/progress_window.h"
 #include "app_shell/run_report.h"
 #include "device_link/driver.h"
 #include "platform/bytes.h"
 #include "platform/dispatch_queue.h"
+#include "update_run/power_cycle_check.h"
 #include "update_run/update_run.h"
 
 namespace qm5 {
@@ -83,7 +83,7 @@ class ViewController final : public BaseViewController,
 
   // Made first: they listen before the Driver has the bus watched.
   const std::shared_ptr<DeviceStatusPresenter> deviceStatus = DeviceStatusPresenter::follow();
-  const std::shared_ptr<PowerCycleCheck> powerCycleCheck = PowerCycleCheck::follow();
+  const std::shared_ptr<PowerCycleCheck> powerCycleCheck;
   const std::shared_ptr<RunReport> runReport = std::make_shared<RunReport>();
   std::weak_ptr<Button> btnExit;
   std::weak_ptr<Button> btnNext;

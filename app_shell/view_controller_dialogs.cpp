@@ -14,8 +14,6 @@
 #include "platform/console.h"
 #include "platform/fatal.h"
 #include "platform/system_log.h"
-#include "update_engine/image_layout.h"
-#include "update_engine/unsecure_flow.h"
 #include "update_run/target_version.h"
 
 namespace qm5 {
@@ -23,13 +21,6 @@ namespace {
 
 constexpr Rect kFinishContent = {{0, 0}, {320, 280}};
 constexpr double kHalfWidthWithoutContentView = 160;
-constexpr const char* kFinishTitle = "Firmware update successful!";
-
-std::string finishMessage() {
-  return std::string("New version(QM5 v.")
-      .append(kTargetVersion)
-      .append(")\nPlease power cycle your QM5 to apply\nthe new firmware.");
-}
 
 // Half the width of the dialog's content, in whole points.
 double halfWidth(Window& dialog) {
@@ -42,19 +33,19 @@ double halfWidth(Window& dialog) {
   return half;
 }
 
-void addContent(Window& dialog, Action confirm) {
+void addContent(Window& dialog, const OutcomeText& success, Action confirm) {
   dialog.addSubview(ImageView{
       .frame = {{halfWidth(dialog) - 53, 160}, {106, 100}},
       .imageNamed = "qm5_OK",
   });
   dialog.addSubview(Label{
       .frame = {{halfWidth(dialog) - 150, 120}, {300, 20}},
-      .text = kFinishTitle,
+      .text = success.title,
       .boldSystemFontOfSize = 16,
   });
   dialog.addSubview(Label{
       .frame = {{halfWidth(dialog) - 150, 45}, {300, 60}},
-      .text = finishMessage(),
+      .text = success.message,
       .boldSystemFontOfSize = std::nullopt,
       .wraps = true,
   });
@@ -67,12 +58,6 @@ void addContent(Window& dialog, Action confirm) {
   // Overwritten on purpose: pressing it ends the application.
   button.action = [](Button*) { application().terminate(); };
   dialog.addSubview(button);
-}
-
-// How many chunks an update with that image writes.
-std::size_t chunksOf(const std::optional<Bytes>& image) {
-  if (!image || image->size() < kPayloadStart) return 0;
-  return chunk_count(ByteView(*image).subspan(kPayloadStart));
 }
 
 }  // namespace
@@ -122,10 +107,11 @@ void ViewController::dialogErrorStop(const std::string& title, const std::string
 void ViewController::showCustomDialog() {
   const std::shared_ptr<Window> main_window = application().mainWindow();
   customerFinisheDialog = application().makeWindow(kFinishContent, WindowStyle::titled);
+  const OutcomeText success = textOf(Outcome::updated, strVersion, kTargetVersion);
   Window& dialog = *customerFinisheDialog;
-  dialog.setTitle(kFinishTitle);
+  dialog.setTitle(success.title);
   centreOn(dialog, centreOf(required(main_window, "no main window").frame()));
-  addContent(dialog, [self = weak_from_this()](Button* sender) {
+  addContent(dialog, success, [self = weak_from_this()](Button* sender) {
     if (const auto controller = self.lock()) controller->confirmButtonClicked(sender);
   });
   dialog.makeKeyAndOrderFront();

@@ -1,8 +1,8 @@
 // The program's main window and nothing behind it: what of a start its look alone costs.
 #include <QApplication>
 
-#include "app_shell/package/file_package.h"
 #include "app_shell/qt/layouts.h"
+#include "computer/package/file_package.h"
 
 int main(int argc, char** argv) {
   QApplication application(argc, argv);

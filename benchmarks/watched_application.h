@@ -11,10 +11,10 @@
 #include <utility>
 
 #include "app_shell/main_storyboard.h"
-#include "app_shell/package/file_package.h"
 #include "app_shell/qt/qt_application.h"
-#include "app_shell/wakefulness/sleep_inhibitor.h"
 #include "benchmarks/unsigned_image.h"
+#include "computer/package/file_package.h"
+#include "computer/wakefulness/sleep_inhibitor.h"
 
 namespace qm5 {
 

@@ -14,6 +14,10 @@
 
 namespace qm5 {
 
+/// The identifiers by which a QM5 is known on the bus.
+inline constexpr std::uint16_t kVendorTexasInstruments = 0x0451;
+inline constexpr std::uint16_t kProductQM5 = 0xACE1;
+
 class Driver {
  public:
   /// Starts a thread that watches for devices with that vendor and product identifier, and does not
@@ -65,8 +69,8 @@ class Driver {
   std::optional<NotificationCenter::Registration> disconnected_;
 };
 
-/// The one Driver of the process; empty until the first ViewController is made. Written on the main
-/// thread before the first update job starts, read by the jobs.
+/// The one Driver of the process; empty until the first ViewController, or the command, is made.
+/// Written on the main thread before the first update job starts, read by the jobs.
 extern std::shared_ptr<Driver> global_driver;
 
 }  // namespace qm5

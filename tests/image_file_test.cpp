@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "app_shell/package/file_package.h"
+#include "computer/package/file_package.h"
 
 namespace qm5::test {
 namespace {

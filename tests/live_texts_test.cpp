@@ -5,11 +5,11 @@
 #include <tuple>
 
 #include "app_shell/device_status_presenter.h"
-#include "app_shell/power_cycle_check.h"
+#include "app_shell/power_cycle_status.h"
 #include "app_shell/progress_window.h"
-#include "app_shell/update_pace.h"
 #include "support/linked_device.h"
 #include "support/scripted_application.h"
+#include "update_run/update_pace.h"
 
 namespace qm5::test {
 namespace {
@@ -165,18 +165,20 @@ TEST_F(Bus, AsksTheQM5OnceThatCameBackToItsPortOrSaysWhyNot) {
        {", but the computer had no thread", ", but another QM5 was connected",
         " and did not report its version. Start the updater again"}) {
     const bool is_asked = end.starts_with(" and");
-    const auto check = PowerCycleCheck::follow();
+    const auto check = PowerCycleCheck::follow(
+        [&](std::function<void()> step) { application.mainQueueAsync(std::move(step)); });
     const auto finish = [&] {
       application.main->has_room = false;
       application.shown["runStatus"].clear();
-      check->begin({.dialog = application.main,
-                    .fallback = application.main->statusIndicator("runStatus"),
-                    .device = status->state(),
+      check->begin({.device = status->state(),
                     .expected_version = "4208",
-                    .submit = [&](const std::function<void()>& job) {
-                      if (!end.ends_with("thread")) job();
-                      return !end.ends_with("thread");
-                    }});
+                    .submit =
+                        [&](const std::function<void()>& job) {
+                          if (!end.ends_with("thread")) job();
+                          return !end.ends_with("thread");
+                        },
+                    .show = powerCycleStatus(application.main,
+                                             application.main->statusIndicator("runStatus"))});
       return shownIn("runStatus");
     };
     announce(id);

@@ -14,9 +14,9 @@
 #include <thread>
 
 #include "app_shell/process/arguments.h"
-#include "app_shell/process/single_instance.h"
-#include "app_shell/process/start_conditions.h"
-#include "app_shell/process/termination_signals.h"
+#include "computer/process/single_instance.h"
+#include "computer/process/start_conditions.h"
+#include "computer/process/termination_signals.h"
 #include "platform/clock.h"
 #include "platform/dispatch_queue.h"
 #include "platform/fatal.h"

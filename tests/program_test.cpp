@@ -7,7 +7,7 @@
 
 #include <random>
 
-#include "app_shell/wakefulness/sleep_inhibitor.h"
+#include "computer/wakefulness/sleep_inhibitor.h"
 #include "device_link/driver.h"
 #include "device_monitor/libusb/libusb_registry.h"
 #include "simulator/usb_bus/emulated_bus.h"

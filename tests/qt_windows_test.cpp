@@ -16,10 +16,10 @@
 #include <clocale>
 #include <thread>
 
-#include "app_shell/package/file_package.h"
 #include "app_shell/qt/layouts.h"
 #include "app_shell/qt/qt_application.h"
 #include "app_shell/qt/qt_window.h"
+#include "computer/package/file_package.h"
 #include "support/virtual_clock.h"
 
 namespace qm5::test {

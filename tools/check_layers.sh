@@ -18,35 +18,39 @@ declare -A may=(
   [device_monitor/libusb]="device_monitor platform"
   [device_link]="device_monitor platform"
   [update_engine]="device_link platform"
-  [update_run]="update_engine device_link platform"
+  [computer]="platform"
+  [computer/package]="computer platform"
+  [computer/wakefulness]="computer platform"
+  [computer/process]="platform"
+  [main_queue]=""
+  [update_run]="update_engine device_link computer platform"
   [app_shell/ports]="platform"
-  [app_shell/process]="app_shell/ports platform"
-  [app_shell/package]="app_shell/ports platform"
-  [app_shell/wakefulness]="app_shell/ports platform"
+  [app_shell/process]="app_shell/ports computer/process platform"
   [app_shell/notifications]="app_shell/ports platform"
-  [app_shell/qt]="app_shell/ports platform"
-  [app_shell]="app_shell/ports update_run update_engine device_link platform"
+  [app_shell/qt]="app_shell/ports main_queue computer platform"
+  [app_shell]="app_shell/ports update_run computer update_engine device_link platform"
   [firmware_image]="platform"
   [simulator/device]="firmware_image platform"
   [simulator/direct_bus]="simulator/device device_monitor platform"
   [simulator/usb_bus]="simulator/device platform"
   [simulator/command]="simulator/usb_bus simulator/device firmware_image platform"
-  [benchmarks]="app_shell app_shell/ports app_shell/qt app_shell/package app_shell/wakefulness
-    update_engine device_link firmware_image simulator/device simulator/direct_bus tests/support
+  [benchmarks]="app_shell app_shell/ports app_shell/qt computer computer/package
+    computer/wakefulness update_engine device_link firmware_image simulator/device simulator/direct_bus tests/support
     platform"
 )
-# The entry point alone includes the adapters behind the ports.
-readonly entry_point=app_shell/main.cpp
-readonly adapters="app_shell/process app_shell/package app_shell/wakefulness
-  app_shell/notifications app_shell/qt device_monitor/libusb"
+# The entry points alone include the adapters behind the ports, and what makes up a process.
+declare -A entry_points=(
+  [app_shell/main.cpp]="app_shell/process app_shell/notifications app_shell/qt"
+)
+readonly adapters="computer/process computer/package computer/wakefulness device_monitor/libusb"
 
 # The folders in which each library's headers may be included; the C and C++ standard headers and
 # POSIX's may be everywhere.
 declare -A homes=(
-  ['Q[A-Za-z]+']="app_shell/qt app_shell/package app_shell/wakefulness app_shell/notifications
-    benchmarks"
+  ['Q[A-Za-z]+']="app_shell/qt app_shell/notifications computer/package computer/wakefulness
+    main_queue benchmarks"
   ['qpa/.*']="app_shell/qt"
-  ['IOKit/.*']="app_shell/wakefulness"
+  ['IOKit/.*']="computer/wakefulness"
   ['libusb(-1\.0/libusb)?\.h']="device_monitor/libusb benchmarks"
   ['(umockdev|glib)\.h']="simulator/usb_bus"
   ['openssl/.*']="firmware_image"
@@ -73,7 +77,7 @@ check_project_header() { # FILE HEADER
   [[ "$2" =~ ^ui_[A-Za-z]+\.h$|^[^/]+\.moc$ ]] && return
   [[ "$2" == *.h ]] || offend "$1 includes \"$2\", which is no header"
   allowed="$folder ${may[$folder]}"
-  [ "$1" = $entry_point ] && allowed+=" $adapters"
+  [ -z "${entry_points[$1]+known}" ] || allowed+=" $adapters ${entry_points[$1]}"
   [[ " ${allowed//$'\n'/ } " == *" $of "* ]] || offend "$1 may not include \"$2\""
 }
 

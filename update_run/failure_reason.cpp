@@ -54,6 +54,7 @@ constexpr std::array kRegions = {
     Region{"Writing SFWd chunk 0", "firmware"},
 };
 
+constexpr std::string_view kPackagedImage = "The firmware file of this package ";
 constexpr std::string_view kDevice = "The QM5 ";
 constexpr std::string_view kDeviceThatLeft = "The QM5 was disconnected during the update; it ";
 constexpr std::string_view kAnotherDevice = "Another QM5 was connected during the update. ";
@@ -95,6 +96,7 @@ std::string reasonOf(const RunRecord& record) {
     case Outcome::updateFailed:
       return reasonInLines(record.lines);
     case Outcome::upToDate:
+    case Outcome::updateDue:
     case Outcome::updated:
       break;
   }
@@ -162,8 +164,14 @@ RunRecord runRecorded(const UpdateRun& run) {
   return {outcome, recorder.lines(), device.change()};
 }
 
-std::string failureReason(const RunRecord& record) {
+bool failedByImage(const RunRecord& record) {
+  return reasonOf(record).starts_with(kPackagedImage);
+}
+
+std::string failureReason(const RunRecord& record, std::string_view image_file) {
   std::string reason = reasonOf(record);
+  if (reason.starts_with(kPackagedImage) && !image_file.empty())
+    reason.replace(0, kPackagedImage.size() - 1, image_file);
   if (!reason.starts_with(kDevice)) return reason;
   if (record.device == DeviceChange::left) reason.replace(0, kDevice.size(), kDeviceThatLeft);
   if (record.device == DeviceChange::another) reason.insert(0, kAnotherDevice);

@@ -31,8 +31,13 @@ inline constexpr std::string_view kNoThreadLine =
 /// has failed. Fatal while another run is recorded.
 RunRecord runRecorded(const UpdateRun& run);
 
+/// Whether the run failed for want of an image: there was none, or what there was is none. Nothing
+/// was written to the QM5 then. Any thread.
+bool failedByImage(const RunRecord& record);
+
 /// A sentence that stays true after the run, without line feeds; empty for a run that did not
-/// fail: Outcome::updated and Outcome::upToDate. Any thread.
-std::string failureReason(const RunRecord& record);
+/// fail: Outcome::updated, Outcome::upToDate and Outcome::updateDue. It calls the image the
+/// package's unless `image_file` names it. Any thread.
+std::string failureReason(const RunRecord& record, std::string_view image_file = {});
 
 }  // namespace qm5

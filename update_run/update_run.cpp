@@ -3,7 +3,9 @@
 #include "device_link/customer_version.h"
 #include "platform/clock.h"
 #include "platform/system_log.h"
+#include "update_engine/image_layout.h"
 #include "update_engine/secure_flow.h"
+#include "update_engine/unsecure_flow.h"
 
 namespace qm5 {
 namespace {
@@ -34,13 +36,19 @@ Outcome runUpdate(const UpdateRun& run) {
   }
   log("Device found. Out customer version: " + run.version);
   if (run.version == run.target_version) return Outcome::upToDate;
+  if (run.only_check) return Outcome::updateDue;
   if (!run.image) return Outcome::noImage;
   const bool updated =
       secure_update_binary(run.link, *run.image, run.progress, kSignaturePadding, kAutoReboot);
   return updated ? Outcome::updated : Outcome::updateFailed;
 }
 
-OutcomeText textOf(Outcome outcome, std::string_view version) {
+std::size_t chunksOf(const std::optional<Bytes>& image) {
+  if (!image || image->size() < kPayloadStart) return 0;
+  return chunk_count(ByteView(*image).subspan(kPayloadStart));
+}
+
+OutcomeText textOf(Outcome outcome, std::string_view version, std::string_view target_version) {
   switch (outcome) {
     case Outcome::noDevice:
       return {"No QM5 device !", std::string(kCheckConnection)};
@@ -54,10 +62,19 @@ OutcomeText textOf(Outcome outcome, std::string_view version) {
               "Attached binary file data error.\nPlease download this program and try again."};
     case Outcome::updateFailed:
       return {"Flash firmware error", "Flash ti dmc firmware error, please try again."};
+    case Outcome::updateDue:
+      return {"QM5 needs an update !", std::string("Current QM5 version: ")
+                                           .append(version)
+                                           .append("\nAn update to version ")
+                                           .append(target_version)
+                                           .append(" would be written.")};
     case Outcome::updated:
       break;
   }
-  return {};
+  return {"Firmware update successful!",
+          std::string("New version(QM5 v.")
+              .append(target_version)
+              .append(")\nPlease power cycle your QM5 to apply\nthe new firmware.")};
 }
 
 }  // namespace qm5

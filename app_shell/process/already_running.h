@@ -1,7 +1,7 @@
 // What a start does that finds another process on the same USB bus.
 #pragma once
 
-#include "app_shell/process/single_instance.h"
+#include "computer/process/single_instance.h"
 
 namespace qm5 {
 

@@ -5,8 +5,8 @@
 #include <cmath>
 #include <utility>
 
-#include "app_shell/ports/package.h"
 #include "app_shell/qt/accessible_role.h"
+#include "computer/package.h"
 
 namespace qm5 {
 

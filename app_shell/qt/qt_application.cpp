@@ -15,8 +15,8 @@
 
 #include "app_shell/qt/alert_dialog.h"
 #include "app_shell/qt/layouts.h"
-#include "app_shell/qt/main_queue.h"
 #include "app_shell/qt/qt_window.h"
+#include "main_queue/main_queue.h"
 #include "platform/fatal.h"
 #include "platform/line_writer.h"
 #include "platform/system_log.h"

@@ -9,8 +9,8 @@
 #include <QPushButton>
 
 #include "app_shell/ports/window.h"
-#include "app_shell/qt/main_queue.h"
 #include "app_shell/qt/status_box.h"
+#include "main_queue/main_queue.h"
 
 namespace qm5 {
 

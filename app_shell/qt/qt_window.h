@@ -6,10 +6,10 @@
 #include <string>
 
 #include "app_shell/ports/window.h"
-#include "app_shell/qt/main_queue.h"
 #include "app_shell/qt/native_window.h"
 #include "app_shell/qt/points_view.h"
 #include "app_shell/qt/qt_controls.h"
+#include "main_queue/main_queue.h"
 
 namespace qm5 {
 

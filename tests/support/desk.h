@@ -18,9 +18,9 @@
 #include <thread>
 #include <vector>
 
-#include "app_shell/package/file_package.h"
 #include "app_shell/qt/layouts.h"
 #include "app_shell/qt/qt_application.h"
+#include "computer/package/file_package.h"
 #include "simulator/device/faulty_qm5.h"
 #include "support/effort.h"
 #include "support/virtual_event_loop.h"

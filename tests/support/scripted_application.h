@@ -17,8 +17,8 @@
 
 #include "app_shell/ports/application.h"
 #include "app_shell/ports/desktop_notifications.h"
-#include "app_shell/ports/package.h"
-#include "app_shell/ports/wakefulness.h"
+#include "computer/package.h"
+#include "computer/wakefulness.h"
 #include "transcript.h"
 
 namespace qm5::test {

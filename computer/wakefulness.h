@@ -1,5 +1,5 @@
 // Keeping the computer awake, and the person logged in.
-// Production: app_shell/wakefulness/. Tests: tests/support/scripted_application.h.
+// Production: computer/wakefulness/. Tests: tests/support/scripted_application.h.
 #pragma once
 
 #include <functional>

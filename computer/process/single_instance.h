@@ -13,7 +13,7 @@
 #include <utility>
 #include <variant>
 
-#include "app_shell/process/descriptor.h"
+#include "computer/process/descriptor.h"
 
 namespace qm5 {
 
@@ -55,5 +55,11 @@ struct BusInUse {
 /// once.
 std::variant<BusClaim, BusInUse> claimBus(std::string_view activation_token,
                                           const char* bus = "/sys/bus/usb");
+
+/// The same for a program without windows: the updater that has the bus is not told, and its
+/// windows stay where they are. BusInUse then is By::otherProgram, and names the process. A later
+/// start finds this one to be a program that does not answer. Waits for a process alone that is
+/// ending.
+std::variant<BusClaim, BusInUse> claimBusQuietly(const char* bus = "/sys/bus/usb");
 
 }  // namespace qm5

@@ -1,4 +1,4 @@
-#include "app_shell/process/single_instance.h"
+#include "computer/process/single_instance.h"
 
 #include <cstdlib>
 
@@ -32,7 +32,7 @@ std::string activationToken() {
 #include <thread>
 #include <vector>
 
-#include "app_shell/process/process_state.h"
+#include "computer/process/process_state.h"
 #include "platform/fatal.h"
 #include "platform/thread.h"
 
@@ -45,6 +45,7 @@ using Time = std::chrono::steady_clock::time_point;
 constexpr milliseconds kAnswerTimeout{2'000};
 constexpr milliseconds kEndTimeout{10'000};
 constexpr milliseconds kUsualAnswerTime{200};  // of an owner that has not been stopped
+constexpr milliseconds kReleaseTime{200};  // in which an owner that is ending gives the lock back
 constexpr milliseconds kPollInterval{10};
 constexpr std::size_t kLongestMessage = 4096;
 
@@ -161,12 +162,14 @@ class OwnerContact {
     return std::nullopt;
   }
 
-  /// The token waits in a connection to this process of this user.
-  bool reaches(pid_t process) const {
-    return std::any_of(connections_.begin(), connections_.end(), [process](const auto& each) {
+  /// The owner is this user's and has been stopped: the token waits for it to go on.
+  bool waitsForStoppedOwner() const {
+    const std::optional<pid_t> owner = lockHolder(bus_.get());
+    if (!owner || !isStopped(*owner) || isDying(*owner)) return false;
+    return std::any_of(connections_.begin(), connections_.end(), [owner](const auto& each) {
       if (!each.isOpen()) return false;
       const ucred peer = peerOf(each);
-      return peer.pid == process && peer.uid == ::getuid();
+      return peer.pid == *owner && peer.uid == ::getuid();
     });
   }
 
@@ -197,16 +200,35 @@ class OwnerContact {
   std::array<Descriptor, kNames> connections_;
 };
 
-/// Who has the bus, when its owner has not answered for so long; empty while it may yet answer.
-std::optional<BusInUse> identifySilentOwner(const Descriptor& bus, const OwnerContact& contact,
-                                            milliseconds silence) {
-  if (silence < kUsualAnswerTime) return std::nullopt;
+/// Who has the bus, when its owner has not answered for so long; empty while it may yet answer,
+/// until `timeout`, or is ending.
+std::optional<BusInUse> identifySilentOwner(const Descriptor& bus, milliseconds silence,
+                                            milliseconds timeout) {
+  if (silence < timeout) return std::nullopt;
   const std::optional<pid_t> holder = lockHolder(bus.get());
   if (holder && isDying(*holder) && silence < kEndTimeout) return std::nullopt;
-  if (holder && isStopped(*holder) && contact.reaches(*holder))
-    return BusInUse{BusInUse::By::thisUser, {}};
-  if (silence < kAnswerTimeout) return std::nullopt;
   return BusInUse{BusInUse::By::otherProgram, holder ? describeProcess(*holder) : "A program"};
+}
+
+Descriptor requireBus(const char* folder) {
+  Descriptor bus = openBus(folder);
+  if (!bus.isOpen())
+    cannotStart(std::string("the USB bus can't be claimed: ").append(std::strerror(errno)));
+  return bus;
+}
+
+/// Locks the bus; where another process has it, tries again until `identify` says who that is.
+/// `identify` is called with the time since the first try.
+std::optional<BusInUse> lock(
+    const Descriptor& bus,
+    const std::function<std::optional<BusInUse>(milliseconds since_first_try)>& identify) {
+  const Time began = std::chrono::steady_clock::now();
+  while (::flock(bus.get(), LOCK_EX | LOCK_NB) != 0) {
+    const auto tried = std::chrono::steady_clock::now() - began;
+    if (auto owner = identify(std::chrono::duration_cast<milliseconds>(tried))) return owner;
+    std::this_thread::sleep_for(kPollInterval);
+  }
+  return std::nullopt;
 }
 
 Descriptor nextConnection(const Descriptor& listening) {
@@ -235,21 +257,26 @@ std::optional<std::string> receiveStart(const Descriptor& connection, const std:
 }  // namespace
 
 std::variant<BusClaim, BusInUse> claimBus(std::string_view activation_token, const char* folder) {
-  Descriptor bus = openBus(folder);
-  if (!bus.isOpen())
-    cannotStart(std::string("the USB bus can't be claimed: ").append(std::strerror(errno)));
+  Descriptor bus = requireBus(folder);
   OwnerContact contact(bus, activation_token);
-  const Time began = std::chrono::steady_clock::now();
-  while (::flock(bus.get(), LOCK_EX | LOCK_NB) != 0) {
-    if (auto answer = contact.answer()) return *answer;
-    const auto silence = std::chrono::steady_clock::now() - began;
-    if (auto owner =
-            identifySilentOwner(bus, contact, std::chrono::duration_cast<milliseconds>(silence)))
-      return *owner;
-    std::this_thread::sleep_for(kPollInterval);
-  }
+  const auto owner = lock(bus, [&](milliseconds silence) -> std::optional<BusInUse> {
+    if (auto answer = contact.answer()) return answer;
+    if (silence >= kUsualAnswerTime && contact.waitsForStoppedOwner())
+      return BusInUse{BusInUse::By::thisUser, {}};
+    return identifySilentOwner(bus, silence, kAnswerTimeout);
+  });
+  if (owner) return *owner;
   Descriptor later_starts = listenForLaterStarts(bus);
   return BusClaim(std::move(bus), std::move(later_starts));
+}
+
+std::variant<BusClaim, BusInUse> claimBusQuietly(const char* folder) {
+  Descriptor bus = requireBus(folder);
+  const auto owner = lock(bus, [&](milliseconds since_first_try) {
+    return identifySilentOwner(bus, since_first_try, kReleaseTime);
+  });
+  if (owner) return *owner;
+  return BusClaim(std::move(bus), Descriptor());
 }
 
 void BusClaim::followLaterStarts(std::function<void(const std::string&)> started) {
@@ -270,6 +297,10 @@ void BusClaim::followLaterStarts(std::function<void(const std::string&)> started
 namespace qm5 {
 
 std::variant<BusClaim, BusInUse> claimBus(std::string_view, const char*) {
+  return BusClaim(Descriptor(), Descriptor());
+}
+
+std::variant<BusClaim, BusInUse> claimBusQuietly(const char*) {
   return BusClaim(Descriptor(), Descriptor());
 }
 

@@ -1,4 +1,4 @@
-#include "app_shell/qt/main_queue.h"
+#include "main_queue/main_queue.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>

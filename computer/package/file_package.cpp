@@ -1,4 +1,4 @@
-#include "app_shell/package/file_package.h"
+#include "computer/package/file_package.h"
 
 #include <QCoreApplication>
 #include <QDir>

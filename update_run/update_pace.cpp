@@ -1,4 +1,4 @@
-#include "app_shell/update_pace.h"
+#include "update_run/update_pace.h"
 
 #include <cmath>
 

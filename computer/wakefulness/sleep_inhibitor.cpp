@@ -1,4 +1,4 @@
-#include "app_shell/wakefulness/sleep_inhibitor.h"
+#include "computer/wakefulness/sleep_inhibitor.h"
 
 #include <utility>
 
@@ -17,7 +17,7 @@
 #include <QString>
 #include <optional>
 
-#include "app_shell/wakefulness/logout_inhibitor.h"
+#include "computer/wakefulness/logout_inhibitor.h"
 #include "platform/dispatch_queue.h"
 #endif
 

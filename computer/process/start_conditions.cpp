@@ -1,4 +1,4 @@
-#include "app_shell/process/start_conditions.h"
+#include "computer/process/start_conditions.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "app_shell/process/descriptor.h"
+#include "computer/process/descriptor.h"
 #include "platform/fatal.h"
 #include "platform/thread.h"
 

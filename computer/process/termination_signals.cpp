@@ -1,4 +1,4 @@
-#include "app_shell/process/termination_signals.h"
+#include "computer/process/termination_signals.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -7,6 +7,7 @@
 #include <chrono>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "platform/fatal.h"
 #include "platform/line_writer.h"
@@ -16,7 +17,6 @@
 namespace qm5 {
 namespace {
 
-constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
 constexpr std::chrono::milliseconds kCoalesceWindow{100};
 
 // A signal has been handed to `ask`, and terminationDeclined() has not followed yet.
@@ -24,22 +24,21 @@ std::atomic<bool> undecided = false;
 
 std::atomic<bool> held = false;
 
-sigset_t handledSignals() {
-  sigset_t handled;
-  sigemptyset(&handled);
-  for (const int signal : kSignals) {
-    struct sigaction inherited {};
-    sigaction(signal, nullptr, &inherited);
-    if (inherited.sa_handler != SIG_IGN) sigaddset(&handled, signal);
-  }
-  return handled;
+// Written before the first thread.
+std::vector<int> handled;
+
+sigset_t handledSet() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int signal : handled) sigaddset(&set, signal);
+  return set;
 }
 
-void discardPending(const sigset_t& signals) {
+void discardPending() {
   sigset_t pending;
   sigpending(&pending);
-  for (const int signal : kSignals) {
-    if (sigismember(&pending, signal) != 1 || sigismember(&signals, signal) != 1) continue;
+  for (const int signal : handled) {
+    if (sigismember(&pending, signal) != 1) continue;
     sigset_t one;
     sigemptyset(&one);
     sigaddset(&one, signal);
@@ -50,13 +49,19 @@ void discardPending(const sigset_t& signals) {
 
 }  // namespace
 
-void blockTerminationSignals() {
-  const sigset_t signals = handledSignals();
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+void blockTerminationSignals(std::initializer_list<int> requests) {
+  for (const int signal : requests) {
+    struct sigaction inherited {};
+    sigaction(signal, nullptr, &inherited);
+    if (inherited.sa_handler != SIG_IGN) handled.push_back(signal);
+  }
+  const sigset_t blocked = handledSet();
+  pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
 }
 
-void followTerminationSignals(std::function<void()> ask) {
-  Thread thread("Termination", [ask = std::move(ask), signals = handledSignals()] {
+void followTerminationSignals(std::function<void()> ask, std::function<int()> insisted) {
+  Thread thread("Termination", [ask = std::move(ask), insisted = std::move(insisted)] {
+    const sigset_t signals = handledSet();
     while (true) {
       int signal = 0;
       if (sigwait(&signals, &signal) != 0) continue;
@@ -65,12 +70,13 @@ void followTerminationSignals(std::function<void()> ask) {
         continue;
       }
       if (undecided.exchange(true)) {
+        const int status = insisted();
         flushLines();
-        std::_Exit(0);
+        std::_Exit(status);
       }
       ask();
       std::this_thread::sleep_for(kCoalesceWindow);
-      discardPending(signals);
+      discardPending();
     }
   });
   if (!thread.start()) cannotStart("there is no thread left to wait for signals");

@@ -1,4 +1,4 @@
-#include "app_shell/process/process_state.h"
+#include "computer/process/process_state.h"
 
 #ifdef __linux__
 

@@ -1,5 +1,5 @@
 // The application's package: the files that are installed together with the program.
-// Production: app_shell/package/. Tests: tests/support/scripted_application.h.
+// Production: computer/package/. Tests: tests/support/scripted_application.h.
 #pragma once
 
 #include <optional>

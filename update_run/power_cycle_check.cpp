@@ -1,8 +1,7 @@
-#include "app_shell/power_cycle_check.h"
+#include "update_run/power_cycle_check.h"
 
 #include <utility>
 
-#include "app_shell/ports/application.h"
 #include "device_link/customer_version.h"
 #include "device_link/driver.h"
 #include "platform/clock.h"
@@ -25,11 +24,11 @@ std::optional<std::uint64_t> usedId() {
 
 }  // namespace
 
-std::shared_ptr<PowerCycleCheck> PowerCycleCheck::follow() {
-  std::shared_ptr<PowerCycleCheck> check(new PowerCycleCheck);
+std::shared_ptr<PowerCycleCheck> PowerCycleCheck::follow(OnMain on_main) {
+  std::shared_ptr<PowerCycleCheck> check(new PowerCycleCheck(std::move(on_main)));
   // The bus reports on threads of its own, and may outlast the window.
-  const auto onMain = [weak = std::weak_ptr(check)](auto step) {
-    application().mainQueueAsync([weak, step] {
+  const auto onMain = [weak = std::weak_ptr(check), on_main = check->on_main_](auto step) {
+    on_main([weak, step] {
       if (const auto kept = weak.lock()) step(*kept);
     });
   };
@@ -55,7 +54,6 @@ std::shared_ptr<PowerCycleCheck> PowerCycleCheck::follow() {
 
 void PowerCycleCheck::begin(Finish finish) {
   finish_ = std::move(finish);
-  indicator_.reset();
   asked_ = false;
   const DeviceState& device = finish_.device;
   location_ = device.used ? device.location : newest_location_;
@@ -74,7 +72,7 @@ void PowerCycleCheck::noteArrival(const Arrival& arrival) {
   if (phase_ != Phase::away || !same_port || gone_.contains(arrival.id)) return;
   phase_ = Phase::back;
   id_ = arrival.id;
-  show(StatusKind::information, "The QM5 is back. Its version is being read.");
+  finish_.show(PowerCycle::awaited, "The QM5 is back. Its version is being read.");
   if (!finish_.submit([self = shared_from_this(), id = arrival.id] { self->ask(id); }))
     showWhyNotAsked(kNoThread);
 }
@@ -86,8 +84,9 @@ void PowerCycleCheck::noteRemoval(std::uint64_t id) {
 
 void PowerCycleCheck::waitForReturn() {
   phase_ = Phase::away;
-  show(StatusKind::information,
-       "The QM5 is off, unplugged or at another USB port. Waiting for it at the port it had.");
+  finish_.show(
+      PowerCycle::awaited,
+      "The QM5 is off, unplugged or at another USB port. Waiting for it at the port it had.");
 }
 
 // On the queue of the update jobs.
@@ -96,7 +95,7 @@ void PowerCycleCheck::ask(std::uint64_t id) {
   // An id is never given twice: this is the QM5 that came, and it has not left since.
   const std::optional<std::uint64_t> used = usedId();
   if (used != id) {
-    application().mainQueueAsync([self = shared_from_this(), id, has_another = used.has_value()] {
+    on_main_([self = shared_from_this(), id, has_another = used.has_value()] {
       // Where it has left again, the next arrival counts.
       if (self->phase_ != Phase::back || id != self->id_) return;
       if (has_another) return self->showWhyNotAsked(kAnotherOne);
@@ -105,14 +104,14 @@ void PowerCycleCheck::ask(std::uint64_t id) {
     return;
   }
   if (asked_.exchange(true)) return;
-  application().mainQueueAsync([self = shared_from_this(), version = read_customer_version()] {
+  on_main_([self = shared_from_this(), version = read_customer_version()] {
     self->showVersion(version);
   });
 }
 
 void PowerCycleCheck::showWhyNotAsked(std::string_view reason) {
   phase_ = Phase::answered;
-  show(StatusKind::caution, std::string(reason).append(kRepeat));
+  finish_.show(PowerCycle::unconfirmed, std::string(reason).append(kRepeat));
 }
 
 void PowerCycleCheck::showVersion(const std::optional<std::string>& version) {
@@ -121,7 +120,7 @@ void PowerCycleCheck::showVersion(const std::optional<std::string>& version) {
   std::string text = "The QM5 came back and ";
   if (version == finish_.expected_version) {
     text.append("reported version ").append(*version).append(". The update is complete.");
-    return show(StatusKind::good, text);
+    return finish_.show(PowerCycle::confirmed, text);
   }
   if (version) {
     text.append("still reported version ").append(*version).append(", not ");
@@ -129,13 +128,7 @@ void PowerCycleCheck::showVersion(const std::optional<std::string>& version) {
   } else {
     text.append("did not report its version");
   }
-  show(StatusKind::caution, text.append(".").append(kRepeat));
-}
-
-void PowerCycleCheck::show(StatusKind kind, std::string_view text) {
-  if (indicator_.expired()) indicator_ = finish_.dialog->growStatusIndicator();
-  if (indicator_.expired()) indicator_ = finish_.fallback;
-  if (const auto indicator = indicator_.lock()) indicator->setStatus(kind, text);
+  finish_.show(PowerCycle::unconfirmed, text.append(".").append(kRepeat));
 }
 
 }  // namespace qm5

@@ -2,7 +2,7 @@
 // through IOKit on macOS.
 #pragma once
 
-#include "app_shell/ports/wakefulness.h"
+#include "computer/wakefulness.h"
 
 namespace qm5 {
 

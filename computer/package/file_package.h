@@ -1,7 +1,7 @@
 // The application's package as files beside the program.
 #pragma once
 
-#include "app_shell/ports/package.h"
+#include "computer/package.h"
 
 namespace qm5 {
 

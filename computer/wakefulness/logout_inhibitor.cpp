@@ -1,4 +1,4 @@
-#include "app_shell/wakefulness/logout_inhibitor.h"
+#include "computer/wakefulness/logout_inhibitor.h"
 
 #include <QDBusMessage>
 #include <QDBusReply>
