@@ -29,6 +29,7 @@ declare -A may=(
   [app_shell/notifications]="app_shell/ports platform"
   [app_shell/qt]="app_shell/ports main_queue computer platform"
   [app_shell]="app_shell/ports update_run computer update_engine device_link platform"
+  [app_command]="update_run computer main_queue device_link platform"
   [firmware_image]="platform"
   [simulator/device]="firmware_image platform"
   [simulator/direct_bus]="simulator/device device_monitor platform"
@@ -41,14 +42,15 @@ declare -A may=(
 # The entry points alone include the adapters behind the ports, and what makes up a process.
 declare -A entry_points=(
   [app_shell/main.cpp]="app_shell/process app_shell/notifications app_shell/qt"
+  [app_command/main.cpp]=""
 )
 readonly adapters="computer/process computer/package computer/wakefulness device_monitor/libusb"
 
 # The folders in which each library's headers may be included; the C and C++ standard headers and
 # POSIX's may be everywhere.
 declare -A homes=(
-  ['Q[A-Za-z]+']="app_shell/qt app_shell/notifications computer/package computer/wakefulness
-    main_queue benchmarks"
+  ['Q[A-Za-z]+']="app_command app_shell/qt app_shell/notifications computer/package
+    computer/wakefulness main_queue benchmarks"
   ['qpa/.*']="app_shell/qt"
   ['IOKit/.*']="computer/wakefulness"
   ['libusb(-1\.0/libusb)?\.h']="device_monitor/libusb benchmarks"

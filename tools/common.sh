@@ -10,7 +10,7 @@ say() { printf '== %s\n' "$*"; }
   readonly packages_product=(g++ cmake ninja-build pkg-config qt6-base-dev libusb-1.0-0-dev
     libssl-dev)
   readonly packages_build=("${packages_product[@]}" qt6-base-private-dev libumockdev-dev umockdev
-    libgtest-dev libgmock-dev locales dbus-daemon dbus-bin)
+    libgtest-dev libgmock-dev locales dbus-daemon dbus-bin python3-jsonschema)
   readonly packages_screen=(xvfb openbox xdotool imagemagick fonts-dejavu-core
     qt6-gtk-platformtheme)
   readonly packages_bench_build=(libbenchmark-dev libxcb1-dev libxcb-damage0-dev)

@@ -1,0 +1,234 @@
+#include "app_command/command.h"
+
+#include <QCoreApplication>
+#include <chrono>
+#include <cmath>
+#include <utility>
+
+#include "computer/wakefulness.h"
+#include "device_link/driver.h"
+#include "platform/clock.h"
+#include "platform/system_log.h"
+#include "update_run/device_state_text.h"
+#include "update_run/packaged_image.h"
+#include "update_run/target_version.h"
+
+namespace qm5 {
+namespace {
+
+// The finest that the texts of the progress tell.
+constexpr std::chrono::seconds kTick{1};
+
+constexpr std::string_view kEndsAfterUpdate =
+    "The program ends once the update has ended. A second signal ends it at once.";
+constexpr std::string_view kDisconnected =
+    "The QM5 has been disconnected. When this update has ended, start it again.";
+constexpr std::string_view kCutOff =
+    "Ended on request. The QM5 may have a part of the update: start it again.";
+constexpr std::string_view kNotConfirmed =
+    "Ended on request. The QM5 was updated, but that was not confirmed by a power cycle.";
+constexpr std::string_view kNotBack =
+    "The QM5 was not power-cycled in time, so its version is not known.";
+
+// A run that says nothing for longer waits for the QM5.
+constexpr double kUsualOpeningTime = 6;  // seconds
+
+// Calls `late` after that time, which may be infinite.
+void after(double seconds, std::function<void()> late) {
+  if (std::isinf(seconds)) return;
+  QTimer::singleShot(std::chrono::milliseconds(std::llround(seconds * 1000)), std::move(late));
+}
+
+}  // namespace
+
+Command::Command(CommandOptions options, Report& report)
+    : options_(std::move(options)),
+      target_version_(options_.target.value_or(std::string(kTargetVersion))),
+      report_(report),
+      presence_([this] { main_queue_.async([this] { busChanged(); }); }),
+      power_cycle_(PowerCycleCheck::follow(
+          [this](std::function<void()> step) { main_queue_.async(std::move(step)); })),
+      jobs_("tool.qm5-updater.update", DispatchQueue::Attribute::concurrent) {
+  subject_.target_version = target_version_;
+  QObject::connect(&tick_, &QTimer::timeout, [this] { showProgress(); });
+  global_driver = std::make_shared<Driver>(kVendorTexasInstruments, kProductQM5);
+}
+
+void Command::start() {
+  main_queue_.async([this] {
+    if (!options_.wait) return begin();
+    report_.note("Waiting for a QM5.");
+    after(*options_.wait, [this] {
+      if (stage_ == Stage::waiting) begin();
+    });
+    busChanged();
+  });
+}
+
+void Command::busChanged() {
+  if (stage_ == Stage::waiting && options_.wait && presence_.state().used) begin();
+  if (stage_ == Stage::running && updated_device_) showProgress();
+}
+
+void Command::begin() {
+  stage_ = Stage::running;
+  // A connection that drops ends no update.
+  hangup_ = std::signal(SIGHUP, SIG_IGN);
+  loadImage();
+  if (!options_.only_check) {
+    activity_ = wakefulness().beginActivity(kActivityReason, [this] {
+      main_queue_.async([this] {
+        may_sleep_ = true;
+        if (percent_ && stage_ == Stage::running) report_.note(kMaySleepText);
+      });
+    });
+  }
+  began_ = processClock().now();
+  pace_.emplace(began_, chunksOf(image_));
+  tick_.start(kTick);
+  if (!jobs_.async([this] { run(); })) {
+    log(kNoThreadLine);
+    runEnded({.outcome = Outcome::updateFailed,
+              .lines = {std::string(kNoThreadLine)},
+              .device = DeviceChange::none});
+  }
+}
+
+void Command::loadImage() {
+  if (options_.only_check) return;
+  if (options_.image) {
+    image_ = qm5::loadImage(*options_.image);
+    return;
+  }
+  image_ = loadPackagedImage();
+  if (image_ && isDevelopmentImage()) report_.note(kDevelopmentImageText);
+}
+
+// The update's job. It never waits for the main thread.
+void Command::run() {
+  const ProgressCallback progress = [this](std::string_view, double percent) {
+    main_queue_.async([this, step = ++steps_, percent] { progressed(step, percent); });
+  };
+  RunRecord record = runRecorded({.link = *global_driver,
+                                  .image = image_,
+                                  .target_version = target_version_,
+                                  .progress = progress,
+                                  .version = version_,
+                                  .only_check = options_.only_check});
+  main_queue_.async([this, record = std::move(record)] { runEnded(record); });
+}
+
+void Command::progressed(std::size_t step, double percent) {
+  if (step == 1) noteOpening(presence_.state());
+  pace_->progressed(step, processClock().now());
+  percent_ = percent;
+  showProgress();
+}
+
+void Command::noteOpening(const DeviceState& bus) {
+  updated_device_ = bus.used;
+  {
+    const std::lock_guard lock(mutex_);
+    subject_.device = bus.location;
+    subject_.version = version_;
+  }
+  if (may_sleep_) report_.note(kMaySleepText);
+  if (bus.present.size() > 1) report_.note(inOneLine(describe(bus)));
+  report_.updating(subject_);
+}
+
+void Command::showProgress() {
+  const double now = processClock().now();
+  const UpdatedDevice device = updatedDevice();
+  pace_->deviceIs(device);
+  if (!percent_ && now - began_ < kUsualOpeningTime) return;
+  if (std::exchange(shown_device_, device) != device) {
+    const std::string_view warning = pace_->warning(now);
+    if (!warning.empty()) report_.note(device == UpdatedDevice::away ? kDisconnected : warning);
+  }
+  report_.progressed(subject_, {.percent = percent_,
+                                .phase = pace_->phase(now),
+                                .elapsed = pace_->elapsed(now),
+                                .remaining = pace_->remaining(now)});
+}
+
+UpdatedDevice Command::updatedDevice() const {
+  const DeviceState bus = presence_.state();
+  if (!bus.used) return UpdatedDevice::away;
+  if (!updated_device_ || bus.used == updated_device_) return UpdatedDevice::there;
+  return bus.present.contains(*updated_device_) ? UpdatedDevice::replaced : UpdatedDevice::cameBack;
+}
+
+void Command::runEnded(const RunRecord& record) {
+  tick_.stop();
+  prompt_.withdraw(report_);
+  activity_.reset();
+  std::signal(SIGHUP, hangup_);
+  const DeviceState bus = presence_.state();
+  {
+    const std::lock_guard lock(mutex_);
+    if (subject_.device.empty()) subject_.device = bus.location;
+    subject_.version = version_;
+  }
+  const Verdict verdict = verdictOf(record, {.version = version_,
+                                             .target_version = target_version_,
+                                             .image_file = options_.image.value_or(""),
+                                             .bus = bus});
+  if (record.outcome != Outcome::updated || !options_.confirm) return end(verdict);
+  if (is_end_requested_) return end(endedVerdict(kNotConfirmed));
+  confirm(verdict, bus);
+}
+
+void Command::confirm(const Verdict& update, const DeviceState& bus) {
+  stage_ = Stage::confirming;
+  report_.confirming(subject_, update);
+  after(*options_.confirm, [this] { end(unconfirmedVerdict(kNotBack)); });
+  power_cycle_->begin(
+      {.device = bus,
+       .expected_version = target_version_,
+       .submit = [this](std::function<void()> job) { return jobs_.async(std::move(job)); },
+       .show =
+           [this](PowerCycle state, std::string_view text) {
+             if (state == PowerCycle::confirmed) return end(confirmedVerdict(text));
+             if (state == PowerCycle::unconfirmed) return end(unconfirmedVerdict(text));
+             report_.note(text);
+           }});
+}
+
+void Command::requestEnd(std::function<void()> declined) {
+  main_queue_.async([this, declined = std::move(declined)] { handleEndRequest(declined); });
+}
+
+void Command::handleEndRequest(const std::function<void()>& declined) {
+  if (stage_ != Stage::running || options_.only_check) return end(ended());
+  const bool is_asked =
+      prompt_.ask(report_, [this, declined](bool quit) { quit ? end(ended()) : declined(); });
+  if (is_asked) return;
+  is_end_requested_ = true;
+  report_.note(kEndsAfterUpdate);
+}
+
+void Command::end(const Verdict& verdict) {
+  stage_ = Stage::over;
+  QCoreApplication::exit(conclude(verdict));
+}
+
+int Command::endAtOnce() {
+  return conclude(ended());
+}
+
+Verdict Command::ended() const {
+  const bool is_cut_off = stage_ == Stage::running && !options_.only_check;
+  return endedVerdict(is_cut_off ? kCutOff : "Ended on request.");
+}
+
+int Command::conclude(const Verdict& verdict) {
+  const std::lock_guard lock(mutex_);
+  if (!status_) {
+    status_ = verdict.status;
+    report_.ended(subject_, verdict);
+  }
+  return static_cast<int>(*status_);
+}
+
+}  // namespace qm5

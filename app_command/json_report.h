@@ -1,0 +1,34 @@
+// One JSON object per line on standard output, as docs/qm5-update.schema.json describes them. The
+// engine's lines go to standard error.
+#pragma once
+
+#include <QJsonObject>
+#include <mutex>
+
+#include "app_command/report.h"
+
+namespace qm5 {
+
+class JsonReport final : public Report {
+ public:
+  /// `quiet`: the outcome alone, and no lines of the engine.
+  explicit JsonReport(bool quiet) : quiet_(quiet) {}
+
+  void note(std::string_view text) override;
+  void updating(const Subject& subject) override;
+  void progressed(const Subject& subject, const Progress& progress) override;
+  void confirming(const Subject& subject, const Verdict& update) override;
+  void ended(const Subject& subject, const Verdict& verdict) override;
+  void engineLine(std::string_view line) override;
+  bool ask(std::string_view question) override;
+  void answered() override {}
+
+ private:
+  void write(const char* event, QJsonObject object);
+
+  const bool quiet_;
+  std::mutex mutex_;       // guards what follows
+  QJsonObject last_step_;  // of the progress
+};
+
+}  // namespace qm5

@@ -1,0 +1,87 @@
+#include "app_command/verdict.h"
+
+#include <algorithm>
+#include <sstream>
+#include <utility>
+
+#include "update_run/device_state_text.h"
+
+namespace qm5 {
+namespace {
+
+// The run knows whether there was a QM5 that it could use, the bus knows why not.
+bool isExplainedByBus(Outcome outcome, const DeviceState& bus) {
+  return outcome == Outcome::noDevice && bus.availability != DeviceAvailability::absent &&
+         bus.availability != DeviceAvailability::connected;
+}
+
+// The lines of `text`, but for a break inside a sentence, which a window needs.
+void appendLines(std::vector<std::string>& lines, const std::string& text) {
+  std::istringstream parts(text);
+  for (std::string part; std::getline(parts, part);) {
+    const bool goes_on = !part.empty() && part[0] >= 'a' && part[0] <= 'z';
+    goes_on ? void(lines.back().append(" ").append(part)) : lines.push_back(part);
+  }
+}
+
+std::pair<std::string_view, ExitStatus> classify(const RunRecord& record, const DeviceState& bus) {
+  if (failedByImage(record)) return {"no-image", ExitStatus::noImage};
+  switch (record.outcome) {
+    case Outcome::updated:
+      return {"updated", ExitStatus::upToDate};
+    case Outcome::upToDate:
+      return {"up-to-date", ExitStatus::upToDate};
+    case Outcome::updateDue:
+      return {"update-due", ExitStatus::updateDue};
+    case Outcome::noDevice:
+      if (bus.availability == DeviceAvailability::notPermitted)
+        return {"not-permitted", ExitStatus::notPermitted};
+      return {"no-device", ExitStatus::noDevice};
+    case Outcome::noVersion:
+      return {"no-version", ExitStatus::failed};
+    case Outcome::noImage:
+    case Outcome::updateFailed:
+      break;
+  }
+  return {"failed", ExitStatus::failed};
+}
+
+}  // namespace
+
+Verdict verdictOf(const RunRecord& record, const RunSubject& subject) {
+  const auto [outcome, status] = classify(record, subject.bus);
+  const OutcomeText text = textOf(record.outcome, subject.version, subject.target_version);
+  Verdict verdict = {outcome, status, {text.title}};
+  if (isExplainedByBus(record.outcome, subject.bus)) {
+    appendLines(verdict.lines, describe(subject.bus));
+    return verdict;
+  }
+  appendLines(verdict.lines, text.message);
+  appendLines(verdict.lines, failureReason(record, subject.image_file));
+  return verdict;
+}
+
+Verdict endedVerdict(std::string_view why) {
+  return {"ended", ExitStatus::ended, {std::string(why)}};
+}
+
+Verdict confirmedVerdict(std::string_view text) {
+  return {"confirmed", ExitStatus::upToDate, {std::string(text)}};
+}
+
+Verdict unconfirmedVerdict(std::string_view text) {
+  return {"unconfirmed", ExitStatus::failed, {std::string(text)}};
+}
+
+Verdict busInUseVerdict(const std::string& process) {
+  return {"bus-in-use",
+          ExitStatus::busInUse,
+          {process + " has the USB bus.", "Only one at a time can talk to the QM5."}};
+}
+
+std::string inOneLine(std::string text) {
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  return text;
+}
+
+}  // namespace qm5

@@ -1,0 +1,54 @@
+// How the command ends: the exit status and what a person and a program are told.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "device_link/device_presence.h"
+#include "update_run/failure_reason.h"
+
+namespace qm5 {
+
+enum class ExitStatus {
+  upToDate = 0,
+  failed = 1,
+  usage = 2,
+  noDevice = 3,
+  notPermitted = 4,
+  busInUse = 5,
+  noImage = 6,
+  ended = 7,
+  updateDue = 10,
+};
+
+struct Verdict {
+  std::string_view outcome;  ///< as docs/qm5-update.schema.json lists them
+  ExitStatus status;
+  std::vector<std::string> lines;  ///< for a person
+};
+
+/// What a run was about.
+struct RunSubject {
+  std::string_view version;         ///< what the QM5 reported
+  std::string_view target_version;  ///< what the image brings
+  std::string_view image_file;      ///< empty: the packaged image
+  const DeviceState& bus;           ///< after the run
+};
+
+Verdict verdictOf(const RunRecord& record, const RunSubject& subject);
+
+/// The person has ended it; `why` is a sentence about that.
+Verdict endedVerdict(std::string_view why);
+
+/// What the check after the power cycle has said; `text` says which.
+Verdict confirmedVerdict(std::string_view text);
+Verdict unconfirmedVerdict(std::string_view text);
+
+/// Another process has the bus.
+Verdict busInUseVerdict(const std::string& process);
+
+/// Line feeds as blanks: for texts whose lines are broken for a window.
+std::string inOneLine(std::string text);
+
+}  // namespace qm5

@@ -1,0 +1,140 @@
+// qm5-update as it is installed, on the emulated bus: each way to end, with its exit status and its
+// last line of JSON. The schema checks all lines, and the requests are compared with those that the
+// windows send too.
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "simulator/command/trace.h"
+#include "support/named_cases.h"
+#include "support/update_requests.h"
+
+namespace qm5::test {
+namespace {
+
+/// What a shell does once when a line has that text. $P is the program, $S the simulator, $D a
+/// folder.
+using Steps = std::vector<std::pair<std::string, std::string>>;
+
+struct Ending {
+  std::string name;
+  std::string simulator;  // its options
+  std::string arguments;
+  std::string outcome;  // exit status, then of the last line the device, outcome and version
+  std::string text;     // a part of the last line
+  Steps steps = {};
+  std::string starter = {};  // a program that starts it
+};
+QM5_PRINTS_NAME(Ending)
+
+// The lines on standard output. The last one is the simulator's.
+std::vector<std::string> run(const std::string& simulator, const std::string& program,
+                             Steps steps) {
+  char folder[] = "/tmp/command_test-XXXXXX";
+  setenv("D", mkdtemp(folder), 1);
+  const std::string command = "exec " QM5_BIN "/qm5-simulator " + simulator +
+                              " -- sh -c 'echo P=$$ S=$PPID >$D/ids; " + program + "' 2>/dev/null";
+  FILE* const pipe = popen(command.c_str(), "r");
+  std::vector<std::string> lines;
+  for (char text[2000]; std::fgets(text, sizeof text, pipe) != nullptr;) {
+    lines.emplace_back(text, std::string_view(text).find('\n'));
+    if (steps.empty() || lines.back().find(steps[0].first) == std::string::npos) continue;
+    EXPECT_EQ(std::system((". $D/ids; " + steps[0].second).c_str()), 0);
+    steps.erase(steps.begin());
+  }
+  pclose(pipe);
+  EXPECT_EQ(std::system("rm -r $D"), 0);
+  EXPECT_TRUE(steps.empty()) << steps[0].first;
+  return lines;
+}
+
+void expectSchema(const std::vector<std::string>& lines) {
+  FILE* const validator = popen(
+      "python3 -c 'import json, jsonschema, sys\n"
+      "validator = jsonschema.Draft202012Validator(json.load(open(sys.argv[1])))\n"
+      "for line in sys.stdin: validator.validate(json.loads(line))' " QM5_SCHEMA,
+      "w");
+  for (const std::string& line : lines) std::fputs((line + "\n").c_str(), validator);
+  EXPECT_EQ(pclose(validator), 0);
+}
+
+std::string summary(const std::string& line) {
+  std::string summary;
+  for (const std::string key : {"\"device\":", "\"outcome\":", "\"version\":"}) {
+    const std::size_t begin = line.find(key) + key.size();
+    summary.append(" ").append(line, begin, line.find_first_of(",}", begin) - begin);
+  }
+  std::erase(summary, '"');
+  return summary;
+}
+
+class Command : public testing::TestWithParam<Ending> {};
+TEST_P(Command, EndsWithItsStatusAndOutcome) {
+  const auto& [name, simulator, arguments, outcome, text, steps, starter] = GetParam();
+  auto lines =
+      run(simulator, "exec " + starter + " " QM5_BIN "/qm5-update --json " + arguments, steps);
+  const std::string status = lines.back().substr(lines.back().rfind(' ') + 1);
+  lines.pop_back();
+  expectSchema(lines);
+  ASSERT_EQ(lines.empty(), outcome == status) << status;
+  if (lines.empty()) return;
+  EXPECT_EQ(status + summary(lines.back()), outcome);
+  EXPECT_NE(lines.back().find("\"status\":" + status + ","), std::string::npos);
+  EXPECT_NE(lines.back().find(text), std::string::npos) << lines.back();
+}
+
+const std::string kUpdate = " --image " QM5_SMALL_IMAGE " --target 4208";
+const std::string kAway = "--attach-after 1000";
+const Steps kDrops = {{"updating", "kill -HUP $P; kill -INT $P"}};
+const Steps kInsists = {{"updating", "while kill -TERM $P; do sleep 0.2; done 2>/dev/null"}};
+const Steps kGivesUp = {{"Waiting", "kill -INT $P"}};
+const Steps kCycles = {
+    {"Waiting", "kill -USR2 $S"}, {"confirming", "kill -USR1 $S"}, {"is off", "kill -USR2 $S"}};
+const std::vector<Ending> kEndings = {
+    {"signals", "--latency-ms 5", kUpdate, "0 1-1 updated 4201", "power cycle", kDrops},
+    {"insisting", "--fault SFWs:1=silent", kUpdate, "7 1-1 ended 4201", "a part of", kInsists},
+    {"a signal while it waits", kAway, "--wait", "7 null ended null", "request", kGivesUp},
+    {"a power cycle", kAway, " --wait --confirm" + kUpdate, "0 1-1 confirmed 4201", "", kCycles},
+    {"no power cycle", "", kUpdate + " --confirm=0.1", "1 1-1 unconfirmed 4201", "in time"},
+    {"up to date", "--version 4208", "", "0 1-1 up-to-date 4208", "No need to update."},
+    {"a check", "", "--check --target 0a0b", "10 1-1 update-due 4201", "version 0A0B"},
+    {"a refused block", "--fault SFWs:1=result:5", kUpdate, "1 1-1 failed 4201", "with code 0x5."},
+    {"no version", "--fault request:1=stall", kUpdate, "1 1-1 no-version null", "version error !"},
+    {"wrong options", "", "--image /nowhere", "2", ""},
+    {"no QM5", kAway, "--wait=0.1", "3 null no-device null", "No QM5 device !"},
+    {"no right", "--no-permission", "", "4 null not-permitted null", "you may not open it"},
+    {"a bus in use", "", "", "5 null bus-in-use null", "flock (", {}, "flock /sys/bus/usb"},
+    {"no image", "", "--image /no --target 4208", "6 1-1 no-image 4201", "/no is missing"},
+    {"no fit image", "", "--image /etc/group --target 4208", "6 1-1 no-image 4201", "no image"},
+};
+INSTANTIATE_TEST_SUITE_P(Endings, Command, testing::ValuesIn(kEndings), named);
+
+TEST(CommandRequests, AreThoseOfTheWindows) {
+  std::ifstream file(QM5_SMALL_IMAGE, std::ios::binary);
+  const std::string trace = testing::TempDir() + "trace";
+  run("--trace " + trace, "exec " QM5_BIN "/qm5-update" + kUpdate, {});
+  std::ifstream lines(trace);
+  for (const auto& [setup, sent] : updateRequests(Bytes(std::istreambuf_iterator(file), {}))) {
+    const std::string wanted = traceLine({{}, setup, sent, {}}, {});
+    const std::size_t begin = wanted.find("bmRequestType");
+    std::string line;
+    std::getline(lines, line);
+    ASSERT_NE(line.find(wanted.substr(begin, wanted.find("\",\"s") - begin)), line.npos) << line;
+  }
+  EXPECT_EQ(lines.peek(), EOF);
+}
+
+TEST(CommandTerminal, AsksInTheWordsOfTheWindowsAndEndsAtQuit) {
+  const std::string in_terminal =
+      "echo P=\\$\\$ >$D/ids; TERM=xterm exec " QM5_BIN "/qm5-update" + kUpdate;
+  const auto lines =
+      run("--latency-ms 20", "mkfifo $D/in; script -qec \"" + in_terminal + "\" /dev/null <>$D/in",
+          {{"Updating firmware version from 4201 -> 4208", "kill -INT $P"},
+           {"Do you really want to exit?", "echo >$D/in"},
+           {"99.0 %", "kill -INT $P"},
+           {"Do you really want to exit?", "echo q >$D/in"}});
+  EXPECT_TRUE(lines.back().ends_with("ended with 7")) << lines.back();
+}
+
+}  // namespace
+}  // namespace qm5::test
