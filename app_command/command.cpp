@@ -8,6 +8,7 @@
 #include "computer/wakefulness.h"
 #include "device_link/driver.h"
 #include "platform/clock.h"
+#include "platform/line_recorder.h"
 #include "platform/system_log.h"
 #include "update_run/device_state_text.h"
 #include "update_run/packaged_image.h"
@@ -74,8 +75,8 @@ void Command::begin() {
   stage_ = Stage::running;
   // A connection that drops ends no update.
   hangup_ = std::signal(SIGHUP, SIG_IGN);
-  loadImage();
   if (!options_.only_check) {
+    loadImage();
     activity_ = wakefulness().beginActivity(kActivityReason, [this] {
       main_queue_.async([this] {
         may_sleep_ = true;
@@ -95,13 +96,9 @@ void Command::begin() {
 }
 
 void Command::loadImage() {
-  if (options_.only_check) return;
-  if (options_.image) {
-    image_ = qm5::loadImage(*options_.image);
-    return;
-  }
-  image_ = loadPackagedImage();
-  if (image_ && isDevelopmentImage()) report_.note(kDevelopmentImageText);
+  const LineRecorder recorder;
+  image_ = options_.image ? qm5::loadImage(*options_.image) : loadPackagedImage();
+  if (!image_) image_error_ = recorder.lines().back();
 }
 
 // The update's job. It never waits for the main thread.
@@ -132,6 +129,7 @@ void Command::noteOpening(const DeviceState& bus) {
     subject_.device = bus.location;
     subject_.version = version_;
   }
+  if (!options_.image && isDevelopmentImage()) report_.note(kDevelopmentImageText);
   if (may_sleep_) report_.note(kMaySleepText);
   if (bus.present.size() > 1) report_.note(inOneLine(describe(bus)));
   report_.updating(subject_);
@@ -167,12 +165,13 @@ void Command::runEnded(const RunRecord& record) {
   const DeviceState bus = presence_.state();
   {
     const std::lock_guard lock(mutex_);
-    if (subject_.device.empty()) subject_.device = bus.location;
+    if (record.outcome != Outcome::noDevice && !percent_) subject_.device = bus.location;
     subject_.version = version_;
   }
   const Verdict verdict = verdictOf(record, {.version = version_,
                                              .target_version = target_version_,
                                              .image_file = options_.image.value_or(""),
+                                             .image_error = image_error_,
                                              .bus = bus});
   if (record.outcome != Outcome::updated || !options_.confirm) return end(verdict);
   if (is_end_requested_) return end(endedVerdict(kNotConfirmed));

@@ -77,7 +77,8 @@ class Command {
 
   std::atomic<Stage> stage_ = Stage::waiting;
   std::optional<Bytes> image_;
-  std::string version_;  // written by the job before its first step for the main queue
+  std::string image_error_;  // the line that says why there is none
+  std::string version_;      // written by the job before its first step for the main queue
   std::optional<UpdatePace> pace_;
   std::size_t steps_ = 0;                        // reported by the update so far; the job's alone
   double began_ = 0;                             // the run, in seconds of the clock

@@ -21,8 +21,8 @@ Brings the firmware of the connected QM5 up to date over USB, without a window.
   --image FILE         write this image, not the packaged one; needs --target
   --target VERSION     the version that FILE brings, as in 4208
   --wait[=SECONDS]     wait until a QM5 is connected
-  --confirm[=SECONDS]  after the update, wait until the QM5 has been switched off
-                       and on, and check that it reports the new version
+  --confirm[=SECONDS]  after the update, wait until the QM5 has been switched
+                       off and on, and check that it reports the new version
   --json               print one JSON object per line
   --quiet              print errors alone; with --json, the outcome alone
   --help               print this text
@@ -108,8 +108,9 @@ std::optional<CommandReply> apply(int found, const std::string& word, CommandOpt
   if (found == '?') return wrong("wrong option " + word);
   if (found == ':') return wrong(word + " needs a value");
   const std::string_view value = optarg != nullptr ? optarg : "";
-  if (kRules[static_cast<std::size_t>(found)].set(value, options)) return std::nullopt;
-  return wrong("wrong value: " + word);
+  const Rule& rule = kRules[static_cast<std::size_t>(found)];
+  if (rule.set(value, options)) return std::nullopt;
+  return wrong(std::string("wrong value of --").append(rule.name).append(": ").append(value));
 }
 
 // What is wrong with options that are right each by itself; empty when nothing is.

@@ -111,8 +111,7 @@ void PlainReport::ended(const Subject&, const Verdict& verdict) {
   std::string name = "qm5-update: ";
   for (const std::string& line : verdict.lines)
     writeLine(StandardStream::error, fitted(StandardStream::error, std::exchange(name, "") + line));
-  if (verdict.status == ExitStatus::failed || verdict.status == ExitStatus::noImage)
-    writeLastLines();
+  if (verdict.status == ExitStatus::failed) writeLastLines();
 }
 
 void PlainReport::engineLine(std::string_view line) {

@@ -57,7 +57,9 @@ Verdict verdictOf(const RunRecord& record, const RunSubject& subject) {
     return verdict;
   }
   appendLines(verdict.lines, text.message);
-  appendLines(verdict.lines, failureReason(record, subject.image_file));
+  if (record.outcome != Outcome::noDevice)
+    appendLines(verdict.lines, failureReason(record, subject.image_file));
+  if (record.outcome == Outcome::noImage) verdict.lines.emplace_back(subject.image_error);
   return verdict;
 }
 

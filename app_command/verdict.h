@@ -33,6 +33,7 @@ struct RunSubject {
   std::string_view version;         ///< what the QM5 reported
   std::string_view target_version;  ///< what the image brings
   std::string_view image_file;      ///< empty: the packaged image
+  std::string_view image_error;     ///< why it could not be loaded; empty when it was
   const DeviceState& bus;           ///< after the run
 };
 
