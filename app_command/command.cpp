@@ -1,6 +1,7 @@
 #include "app_command/command.h"
 
 #include <QCoreApplication>
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <utility>
@@ -8,6 +9,7 @@
 #include "computer/wakefulness.h"
 #include "device_link/driver.h"
 #include "platform/clock.h"
+#include "platform/fatal.h"
 #include "platform/line_recorder.h"
 #include "platform/system_log.h"
 #include "update_run/device_state_text.h"
@@ -31,8 +33,18 @@ constexpr std::string_view kNotConfirmed =
 constexpr std::string_view kNotBack =
     "The QM5 was not power-cycled in time, so its version is not known.";
 
+// What is attached at the start has been announced by then.
+constexpr double kAnnounceTime = 1.0;  // seconds
+
 // A run that says nothing for longer waits for the QM5.
 constexpr double kUsualOpeningTime = 6;  // seconds
+
+// To which of several QM5s the update goes.
+std::string whichOf(const DeviceState& bus) {
+  std::string text = describe(bus);
+  text.resize(std::min(text.find('\n'), text.size()));  // how to choose another one by hand
+  return text.append(" --device chooses another one.");
+}
 
 // Calls `late` after that time, which may be infinite.
 void after(double seconds, std::function<void()> late) {
@@ -51,12 +63,14 @@ Command::Command(CommandOptions options, Report& report)
           [this](std::function<void()> step) { main_queue_.async(std::move(step)); })),
       jobs_("tool.qm5-updater.update", DispatchQueue::Attribute::concurrent) {
   subject_.target_version = target_version_;
+  subject_.device = options_.device.value_or("");
   QObject::connect(&tick_, &QTimer::timeout, [this] { showProgress(); });
   global_driver = std::make_shared<Driver>(kVendorTexasInstruments, kProductQM5);
 }
 
 void Command::start() {
   main_queue_.async([this] {
+    if (options_.list) return after(kAnnounceTime, [this] { list(); });
     if (!options_.wait) return begin();
     report_.note("Waiting for a QM5.");
     after(*options_.wait, [this] {
@@ -69,6 +83,16 @@ void Command::start() {
 void Command::busChanged() {
   if (stage_ == Stage::waiting && options_.wait && presence_.state().used) begin();
   if (stage_ == Stage::running && updated_device_) showProgress();
+}
+
+void Command::list() {
+  const bool submitted = jobs_.async([this] {
+    main_queue_.async([this, devices = attached_.list()] {
+      report_.listed(devices);
+      end(listedVerdict(devices.size()));
+    });
+  });
+  if (!submitted) cannotStart("there is no thread left to ask the QM5s for their versions");
 }
 
 void Command::begin() {
@@ -131,7 +155,7 @@ void Command::noteOpening(const DeviceState& bus) {
   }
   if (!options_.image && isDevelopmentImage()) report_.note(kDevelopmentImageText);
   if (may_sleep_) report_.note(kMaySleepText);
-  if (bus.present.size() > 1) report_.note(inOneLine(describe(bus)));
+  if (bus.present.size() > 1) report_.note(whichOf(bus));
   report_.updating(subject_);
 }
 
@@ -172,7 +196,8 @@ void Command::runEnded(const RunRecord& record) {
                                              .target_version = target_version_,
                                              .image_file = options_.image.value_or(""),
                                              .image_error = image_error_,
-                                             .bus = bus});
+                                             .bus = bus,
+                                             .place = options_.device.value_or("")});
   if (record.outcome != Outcome::updated || !options_.confirm) return end(verdict);
   if (is_end_requested_) return end(endedVerdict(kNotConfirmed));
   confirm(verdict, bus);

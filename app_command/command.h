@@ -15,6 +15,7 @@
 #include "app_command/options.h"
 #include "app_command/report.h"
 #include "app_command/verdict.h"
+#include "device_link/attached_devices.h"
 #include "device_link/device_presence.h"
 #include "main_queue/main_queue.h"
 #include "platform/bytes.h"
@@ -50,6 +51,7 @@ class Command {
   enum class Stage { waiting, running, confirming, over };
 
   void busChanged();
+  void list();
   void begin();
   void loadImage();
   void run();
@@ -70,6 +72,7 @@ class Command {
   MainQueue main_queue_;
   // Made first: they listen before the Driver has the bus watched.
   const DevicePresence presence_;
+  const AttachedDevices attached_;
   const std::shared_ptr<PowerCycleCheck> power_cycle_;
   DispatchQueue jobs_;
   QTimer tick_;  // while an update runs

@@ -19,6 +19,18 @@ QJsonValue textOrNull(std::string_view utf8) {
   return utf8.empty() ? QJsonValue() : QJsonValue(text(utf8));
 }
 
+const char* nameOf(AttachedDevice::Access access) {
+  switch (access) {
+    case AttachedDevice::Access::permitted:
+      return "permitted";
+    case AttachedDevice::Access::notPermitted:
+      return "not-permitted";
+    case AttachedDevice::Access::failed:
+      break;
+  }
+  return "failed";
+}
+
 QString allLines(const Verdict& verdict) {
   std::string lines;
   for (const std::string& line : verdict.lines) {
@@ -35,6 +47,14 @@ QJsonObject describe(const Subject& subject) {
 }
 
 }  // namespace
+
+void JsonReport::listed(const std::vector<AttachedDevice>& devices) {
+  for (const AttachedDevice& each : devices) {
+    write("device", {{"device", textOrNull(each.location)},
+                     {"version", textOrNull(each.version.value_or(""))},
+                     {"access", nameOf(each.access)}});
+  }
+}
 
 void JsonReport::note(std::string_view sentence) {
   if (!quiet_) write("notice", {{"text", text(sentence)}});

@@ -28,8 +28,8 @@ namespace qm5 {
 namespace {
 
 // What was made with `new` here is never destroyed: threads use it until the process ends.
-void setAdapters() {
-  setUSBRegistry(&LibusbRegistry::create());
+void setAdapters(const CommandOptions& options) {
+  setUSBRegistry(&LibusbRegistry::create(options.device.value_or("")));
   setApplicationPackage(new FilePackage);
   setWakefulness(new SleepInhibitor);
 }
@@ -63,12 +63,14 @@ int run(int argc, char** argv, const CommandOptions& options) {
   const auto claimed = claimBusQuietly();
   if (const auto* in_use = std::get_if<BusInUse>(&claimed)) {
     const Verdict verdict = busInUseVerdict(in_use->name);
-    report.ended({.target_version = options.target.value_or(std::string(kTargetVersion))}, verdict);
+    report.ended({.device = options.device.value_or(""),
+                  .target_version = options.target.value_or(std::string(kTargetVersion))},
+                 verdict);
     return static_cast<int>(verdict.status);
   }
   blockTerminationSignals({SIGINT, SIGTERM});
   redirectLines(report);
-  setAdapters();
+  setAdapters(options);
   QCoreApplication application(argc, argv);
   // Qt has taken the person's locale: the system's messages stand in English texts.
   std::setlocale(LC_NUMERIC, "C");

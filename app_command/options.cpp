@@ -6,6 +6,7 @@
 #include <array>
 #include <charconv>
 #include <limits>
+#include <regex>
 
 #include "app_command/verdict.h"
 
@@ -18,6 +19,8 @@ constexpr const char* kHelp =
 Brings the firmware of the connected QM5 up to date over USB, without a window.
 
   --check              read the version alone; nothing is written
+  --list               list the QM5s with the names of their ports
+  --device PLACE       the QM5 at the port of that name, as in 1-4.2
   --image FILE         write this image, not the packaged one; needs --target
   --target VERSION     the version that FILE brings, as in 4208
   --wait[=SECONDS]     wait until a QM5 is connected
@@ -56,6 +59,13 @@ bool parseSeconds(std::string_view value, std::optional<double>& seconds) {
   return error == std::errc() && stop == end && *seconds >= 0 && *seconds <= kMostSeconds;
 }
 
+// Numbers, a hyphen behind the first one and dots behind the others, as in "1-4.2".
+bool parsePlace(std::string_view value, std::optional<std::string>& place) {
+  static const std::regex names("[0-9]+-[0-9]+([.][0-9]+)*");
+  place = value;
+  return std::regex_match(*place, names);
+}
+
 bool parseVersion(std::string_view value, std::string& version) {
   version = value;
   std::transform(version.begin(), version.end(), version.begin(), [](char digit) {
@@ -70,8 +80,11 @@ struct Rule {
   int has_value;
   bool (*set)(std::string_view value, CommandOptions& options);
 };
-constexpr std::array<Rule, 7> kRules = {{
+constexpr std::array<Rule, 9> kRules = {{
     {"check", no_argument, [](auto, auto& options) { return options.only_check = true; }},
+    {"list", no_argument, [](auto, auto& options) { return options.list = true; }},
+    {"device", required_argument,
+     [](auto value, auto& options) { return parsePlace(value, options.device); }},
     {"image", required_argument,
      [](auto value, auto& options) { return options.image = value, !value.empty(); }},
     {"target", required_argument,
@@ -113,8 +126,15 @@ std::optional<CommandReply> apply(int found, const std::string& word, CommandOpt
   return wrong(std::string("wrong value of --").append(rule.name).append(": ").append(value));
 }
 
+// Whether an option was given that says something about a run.
+bool concernsRun(const CommandOptions& options) {
+  return options.only_check || options.image || options.target || options.wait || options.confirm;
+}
+
 // What is wrong with options that are right each by itself; empty when nothing is.
-std::string conflictIn(const CommandOptions& options) {
+std::string_view conflictIn(const CommandOptions& options) {
+  if (options.list && concernsRun(options))
+    return "--list goes with --device, --json and --quiet alone";
   if (options.image && !options.target) return "--image needs --target";
   if (options.target && !options.image && !options.only_check)
     return "--target needs --image or --check";
@@ -134,7 +154,7 @@ std::variant<CommandOptions, CommandReply> parseCommandOptions(int argc, char** 
     if (auto reply = apply(found, argv[optind - 1], options)) return *reply;
   }
   if (optind < argc) return wrong(std::string("unexpected argument ").append(argv[optind]));
-  const std::string conflict = conflictIn(options);
+  const std::string conflict(conflictIn(options));
   if (!conflict.empty()) return wrong(conflict);
   return options;
 }

@@ -10,6 +10,8 @@ namespace qm5 {
 
 struct CommandOptions {
   bool only_check = false;
+  bool list = false;
+  std::optional<std::string> device;  ///< the kernel's name of its port, as in "1-4.2"
   std::optional<std::string> image;   ///< path of the image; empty: the packaged one
   std::optional<std::string> target;  ///< what the image brings; empty: what the packaged one does
   std::optional<double> wait;     ///< for how many seconds for a QM5; infinite: as long as it takes

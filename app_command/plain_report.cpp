@@ -66,6 +66,23 @@ std::string fitted(StandardStream stream, std::string_view line) {
   return lines;
 }
 
+// Port, version and access, in columns.
+std::string describe(const AttachedDevice& device) {
+  constexpr std::size_t kColumn = 12;
+  std::string line = device.location.empty() ? "?" : device.location;
+  line.resize(std::max(line.size() + 1, kColumn), ' ');
+  line.append(device.version.value_or("-   ")).append("  ");
+  switch (device.access) {
+    case AttachedDevice::Access::permitted:
+      return line.append("permitted");
+    case AttachedDevice::Access::notPermitted:
+      return line.append("not permitted");
+    case AttachedDevice::Access::failed:
+      break;
+  }
+  return line.append("can't be opened");
+}
+
 bool isGood(ExitStatus status) {
   return status == ExitStatus::upToDate || status == ExitStatus::updateDue;
 }
@@ -73,6 +90,12 @@ bool isGood(ExitStatus status) {
 }  // namespace
 
 PlainReport::PlainReport(bool quiet) : quiet_(quiet), has_bar_(!quiet && canMoveCursor()) {}
+
+void PlainReport::listed(const std::vector<AttachedDevice>& devices) {
+  const std::lock_guard lock(mutex_);
+  // Also when quiet: nothing else was asked for.
+  for (const AttachedDevice& each : devices) writeLine(StandardStream::output, describe(each));
+}
 
 void PlainReport::note(std::string_view text) {
   const std::lock_guard lock(mutex_);

@@ -15,6 +15,7 @@ class PlainReport final : public Report {
   /// `quiet`: errors and questions alone.
   explicit PlainReport(bool quiet);
 
+  void listed(const std::vector<AttachedDevice>& devices) override;
   void note(std::string_view text) override;
   void updating(const Subject& subject) override;
   void progressed(const Subject& subject, const Progress& progress) override;

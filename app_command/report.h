@@ -4,8 +4,10 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "app_command/verdict.h"
+#include "device_link/attached_devices.h"
 #include "platform/port.h"
 
 namespace qm5 {
@@ -30,6 +32,8 @@ class Report : public PortObject {
  public:
   virtual ~Report() = default;
 
+  /// What is on the bus.
+  virtual void listed(const std::vector<AttachedDevice>& devices) = 0;
   /// Something that a person wants to know.
   virtual void note(std::string_view text) = 0;
   /// The QM5 has opened the update.

@@ -1,6 +1,5 @@
 #include "app_command/verdict.h"
 
-#include <algorithm>
 #include <sstream>
 #include <utility>
 
@@ -57,8 +56,12 @@ Verdict verdictOf(const RunRecord& record, const RunSubject& subject) {
     return verdict;
   }
   appendLines(verdict.lines, text.message);
-  if (record.outcome != Outcome::noDevice)
+  if (record.outcome != Outcome::noDevice) {
     appendLines(verdict.lines, failureReason(record, subject.image_file));
+  } else if (!subject.place.empty()) {
+    verdict.lines.push_back(
+        std::string("None was found at port ").append(subject.place).append("."));
+  }
   if (record.outcome == Outcome::noImage) verdict.lines.emplace_back(subject.image_error);
   return verdict;
 }
@@ -75,15 +78,15 @@ Verdict unconfirmedVerdict(std::string_view text) {
   return {"unconfirmed", ExitStatus::failed, {std::string(text)}};
 }
 
+Verdict listedVerdict(std::size_t count) {
+  if (count == 0) return {"no-device", ExitStatus::noDevice, {"No QM5 is connected."}};
+  return {"listed", ExitStatus::upToDate, {}};
+}
+
 Verdict busInUseVerdict(const std::string& process) {
   return {"bus-in-use",
           ExitStatus::busInUse,
           {process + " has the USB bus.", "Only one at a time can talk to the QM5."}};
-}
-
-std::string inOneLine(std::string text) {
-  std::replace(text.begin(), text.end(), '\n', ' ');
-  return text;
 }
 
 }  // namespace qm5

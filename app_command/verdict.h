@@ -35,6 +35,7 @@ struct RunSubject {
   std::string_view image_file;      ///< empty: the packaged image
   std::string_view image_error;     ///< why it could not be loaded; empty when it was
   const DeviceState& bus;           ///< after the run
+  std::string_view place;           ///< the only port that counts; empty: all do
 };
 
 Verdict verdictOf(const RunRecord& record, const RunSubject& subject);
@@ -46,10 +47,10 @@ Verdict endedVerdict(std::string_view why);
 Verdict confirmedVerdict(std::string_view text);
 Verdict unconfirmedVerdict(std::string_view text);
 
+/// What is on the bus has been listed: that many QM5s.
+Verdict listedVerdict(std::size_t count);
+
 /// Another process has the bus.
 Verdict busInUseVerdict(const std::string& process);
-
-/// Line feeds as blanks: for texts whose lines are broken for a window.
-std::string inOneLine(std::string text);
 
 }  // namespace qm5

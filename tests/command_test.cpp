@@ -21,7 +21,7 @@ struct Ending {
   std::string simulator;  // its options
   std::string arguments;
   std::string outcome;  // exit status, then of the last line the device, outcome and version
-  std::string text;     // a part of the last line
+  std::string text;     // a part of what was written
   Steps steps = {};
   std::string starter = {};  // a program that starts it
 };
@@ -80,7 +80,9 @@ TEST_P(Command, EndsWithItsStatusAndOutcome) {
   if (lines.empty()) return;
   EXPECT_EQ(status + summary(lines.back()), outcome);
   EXPECT_NE(lines.back().find("\"status\":" + status + ","), std::string::npos);
-  EXPECT_NE(lines.back().find(text), std::string::npos) << lines.back();
+  std::string all;
+  for (const std::string& line : lines) all += line + "\n";
+  EXPECT_NE(all.find(text), all.npos) << all;
 }
 
 const std::string kUpdate = " --image " QM5_SMALL_IMAGE " --target 4208";
@@ -102,6 +104,8 @@ const std::vector<Ending> kEndings = {
     {"no version", "--fault request:1=stall", kUpdate, "1 1-1 no-version null", "version error !"},
     {"wrong options", "", "--image /nowhere", "2", ""},
     {"no QM5", kAway, "--wait=0.1", "3 null no-device null", "No QM5 device !"},
+    {"a list", "", "--list --device 1-1", "0 1-1 listed null", "4201"},
+    {"another port", "", "--device 1-2", "3 1-2 no-device null", "None was found at port 1-2."},
     {"no right", "--no-permission", "", "4 null not-permitted null", "you may not open it"},
     {"a bus in use", "", "", "5 null bus-in-use null", "flock (", {}, "flock /sys/bus/usb"},
     {"no image", "", "--image /no --target 4208", "6 1-1 no-image 4201", "/no is missing"},

@@ -15,18 +15,6 @@ static_assert(kIOReturnNoDevice == LIBUSB_ERROR_NO_DEVICE);
 static_assert(kIOReturnExclusiveAccess == LIBUSB_ERROR_BUSY);
 static_assert(kIOReturnError == LIBUSB_ERROR_OTHER);
 
-// The kernel's name of a device: bus, then the ports on the way to it, as in "1-4.2".
-std::string kernelName(libusb_device* device) {
-  std::array<std::uint8_t, 7> ports{};  // USB allows no deeper tree
-  const int depth = libusb_get_port_numbers(device, ports.data(), static_cast<int>(ports.size()));
-  std::string name = std::to_string(libusb_get_bus_number(device));
-  for (int i = 0; i < depth; ++i) {
-    name += i == 0 ? '-' : '.';
-    name += std::to_string(ports[static_cast<std::size_t>(i)]);
-  }
-  return name;
-}
-
 void fill(io_name_t& name, const std::string& text) {
   std::copy_n(text.begin(), std::min(text.size(), name.size() - 1), name.begin());
 }
@@ -44,6 +32,17 @@ bool readProduct(libusb_device*, std::string&) {
 #endif
 
 }  // namespace
+
+std::string kernelName(libusb_device* device) {
+  std::array<std::uint8_t, 7> ports{};  // USB allows no deeper tree
+  const int depth = libusb_get_port_numbers(device, ports.data(), static_cast<int>(ports.size()));
+  std::string name = std::to_string(libusb_get_bus_number(device));
+  for (int i = 0; i < depth; ++i) {
+    name += i == 0 ? '-' : '.';
+    name += std::to_string(ports[static_cast<std::size_t>(i)]);
+  }
+  return name;
+}
 
 LibusbDevice::LibusbDevice(libusb_device* device, std::uint64_t id, EventTurns& turns)
     : id_(id),

@@ -5,11 +5,16 @@
 
 #include <memory>
 #include <mutex>
+#include <string>
 
 #include "device_monitor/libusb/event_turns.h"
 #include "device_monitor/usb_registry.h"
 
 namespace qm5 {
+
+/// The kernel's name of a device: bus, then the ports on the way to it, as in "1-4.2". Sends
+/// nothing. Any thread, hot-plug callbacks included.
+std::string kernelName(libusb_device* device);
 
 class LibusbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInInterfaceStruct {
  public:

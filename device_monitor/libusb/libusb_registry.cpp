@@ -9,8 +9,8 @@
 
 namespace qm5 {
 
-LibusbRegistry& LibusbRegistry::create() {
-  return *new LibusbRegistry;
+LibusbRegistry& LibusbRegistry::create(std::string place) {
+  return *new LibusbRegistry(std::move(place));
 }
 
 io_port_t LibusbRegistry::notificationPortCreate() {
@@ -137,6 +137,7 @@ LibusbRegistry::Devices::iterator LibusbRegistry::findPresent(const libusb_devic
 }
 
 void LibusbRegistry::arrived(libusb_device* device) {
+  if (!place_.empty() && kernelName(device) != place_) return;
   if (findPresent(device) != present_.end()) return;
   present_.push_back(std::make_shared<LibusbDevice>(device, ++last_entry_id_, turns_));
   for (auto& [iterator, watch] : watches_) {

@@ -11,6 +11,8 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "device_monitor/libusb/event_turns.h"
@@ -21,8 +23,9 @@ namespace qm5 {
 
 class LibusbRegistry final : public USBRegistry {
  public:
-  /// A registry that lives for the rest of the process, as do the threads that serve it.
-  static LibusbRegistry& create();
+  /// A registry that lives for the rest of the process, as do the threads that serve it. With
+  /// `place`, the kernel's name of a port as in "1-4.2", it has what is plugged in there alone.
+  static LibusbRegistry& create(std::string place = {});
 
   io_port_t notificationPortCreate() override;
   void notificationPortSetDispatchQueue(io_port_t port,
@@ -54,7 +57,7 @@ class LibusbRegistry final : public USBRegistry {
     bool armed = false;                                 // drained since the last callback
   };
 
-  LibusbRegistry() = default;
+  explicit LibusbRegistry(std::string place) : place_(std::move(place)) {}
   ~LibusbRegistry() override = default;  // nobody may destroy it
 
   bool connect();
@@ -66,7 +69,8 @@ class LibusbRegistry final : public USBRegistry {
   void enqueue(io_iterator_t iterator, Watch& watch, const std::shared_ptr<LibusbDevice>& device);
   std::shared_ptr<LibusbDevice> findService(io_service_t service);
 
-  bool connected_ = false;  // used by the thread that arms the watches, then serves
+  const std::string place_;  // empty: the whole bus
+  bool connected_ = false;   // used by the thread that arms the watches, then serves
   EventTurns turns_;
 
   std::mutex mutex_;  // guards all that follows

@@ -1,0 +1,73 @@
+#include "device_link/attached_devices.h"
+
+#include "device_link/customer_version.h"
+#include "platform/fatal.h"
+
+namespace qm5 {
+namespace {
+
+AttachedDevice::Access accessOf(IOReturn result) {
+  if (result == kIOReturnSuccess) return AttachedDevice::Access::permitted;
+  return result == kIOReturnNotPermitted ? AttachedDevice::Access::notPermitted
+                                         : AttachedDevice::Access::failed;
+}
+
+// The link uses the device that was announced last: announced once more, it is that one.
+std::optional<std::string> versionOf(const USBDevice& device) {
+  required(global_driver, "no device link")
+      .usbConnected({USBDeviceConnected, Dictionary{{"device", device}}});
+  return read_customer_version();
+}
+
+}  // namespace
+
+AttachedDevices::AttachedDevices()
+    : connected_(NotificationCenter::defaultCenter().addObserver(
+          USBDeviceConnected, [this](const Notification& posted) { connected(posted); })),
+      examined_(NotificationCenter::defaultCenter().addObserver(
+          USBDeviceExamined, [this](const Notification& posted) { examined(posted); })),
+      disconnected_(NotificationCenter::defaultCenter().addObserver(
+          USBDeviceDisconnected, [this](const Notification& posted) { disconnected(posted); })) {}
+
+std::vector<AttachedDevice> AttachedDevices::list() const {
+  std::map<std::uint64_t, Known> known;
+  {
+    const std::lock_guard lock(mutex_);
+    known = known_;
+  }
+  std::vector<AttachedDevice> devices;
+  for (const auto& [id, each] : known) {
+    AttachedDevice device = {each.location, accessOf(each.result), std::nullopt};
+    if (each.announced) device.version = versionOf(*each.announced);
+    devices.push_back(std::move(device));
+  }
+  return devices;
+}
+
+void AttachedDevices::connected(const Notification& posted) {
+  const auto* device = objectValue<USBDevice>(posted, "device");
+  if (device == nullptr) return;
+  const std::lock_guard lock(mutex_);
+  known_[device->id].announced = *device;
+}
+
+void AttachedDevices::examined(const Notification& posted) {
+  const auto* id = objectValue<std::uint64_t>(posted, "id");
+  const auto* result = objectValue<IOReturn>(posted, "result");
+  const auto* location = objectValue<std::string>(posted, "location");
+  if (id == nullptr || result == nullptr || location == nullptr) return;
+  if (*result == kIOReturnNoDevice) return;  // it has left already
+  const std::lock_guard lock(mutex_);
+  Known& known = known_[*id];
+  known.result = *result;
+  known.location = *location;
+}
+
+void AttachedDevices::disconnected(const Notification& posted) {
+  const auto* id = objectValue<std::uint64_t>(posted, "id");
+  if (id == nullptr) return;
+  const std::lock_guard lock(mutex_);
+  known_.erase(*id);
+}
+
+}  // namespace qm5

@@ -1,0 +1,56 @@
+// All QM5s that are on the bus, where the link itself knows one.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "device_link/driver.h"
+
+namespace qm5 {
+
+/// One QM5 on the bus.
+struct AttachedDevice {
+  enum class Access {
+    permitted,
+    notPermitted,  ///< this user may not open it
+    failed,        ///< it could not be opened for another reason
+  };
+  std::string location;  ///< the kernel's name of its port; empty when not known
+  Access access = Access::failed;
+  std::optional<std::string> version;  ///< empty when it was not read
+};
+
+/// Follows the notifications of the process's monitor. Made before the Driver, so that it hears of
+/// every device.
+class AttachedDevices {
+ public:
+  AttachedDevices();
+
+  /// What is on the bus now, in the order of arrival. Reads the version of each that may be opened,
+  /// with one request, and leaves the Driver in `global_driver` with the last of them. Blocks; no
+  /// update may be under way.
+  std::vector<AttachedDevice> list() const;
+
+ private:
+  struct Known {
+    std::optional<USBDevice> announced;
+    std::string location;
+    IOReturn result = kIOReturnSuccess;  ///< of opening it
+  };
+
+  void connected(const Notification& posted);
+  void examined(const Notification& posted);
+  void disconnected(const Notification& posted);
+
+  mutable std::mutex mutex_;              // guards what follows
+  std::map<std::uint64_t, Known> known_;  // ids are given in the order of arrival
+  const NotificationCenter::Registration connected_;
+  const NotificationCenter::Registration examined_;
+  const NotificationCenter::Registration disconnected_;
+};
+
+}  // namespace qm5
