@@ -82,7 +82,7 @@ void Command::start() {
 
 void Command::busChanged() {
   if (stage_ == Stage::waiting && options_.wait && presence_.state().used) begin();
-  if (stage_ == Stage::running && updated_device_) showProgress();
+  if (stage_ == Stage::running) showProgress();
 }
 
 void Command::list() {
@@ -110,6 +110,7 @@ void Command::begin() {
   }
   began_ = processClock().now();
   pace_.emplace(began_, chunksOf(image_));
+  device_.emplace(began_);
   tick_.start(kTick);
   if (!jobs_.async([this] { run(); })) {
     log(kNoThreadLine);
@@ -147,7 +148,6 @@ void Command::progressed(std::size_t step, double percent) {
 }
 
 void Command::noteOpening(const DeviceState& bus) {
-  updated_device_ = bus.used;
   {
     const std::lock_guard lock(mutex_);
     subject_.device = bus.location;
@@ -161,7 +161,7 @@ void Command::noteOpening(const DeviceState& bus) {
 
 void Command::showProgress() {
   const double now = processClock().now();
-  const UpdatedDevice device = updatedDevice();
+  const UpdatedDevice device = device_->compare(presence_.state(), now);
   pace_->deviceIs(device);
   if (!percent_ && now - began_ < kUsualOpeningTime) return;
   if (std::exchange(shown_device_, device) != device) {
@@ -172,13 +172,6 @@ void Command::showProgress() {
                                 .phase = pace_->phase(now),
                                 .elapsed = pace_->elapsed(now),
                                 .remaining = pace_->remaining(now)});
-}
-
-UpdatedDevice Command::updatedDevice() const {
-  const DeviceState bus = presence_.state();
-  if (!bus.used) return UpdatedDevice::away;
-  if (!updated_device_ || bus.used == updated_device_) return UpdatedDevice::there;
-  return bus.present.contains(*updated_device_) ? UpdatedDevice::replaced : UpdatedDevice::cameBack;
 }
 
 void Command::runEnded(const RunRecord& record) {

@@ -58,7 +58,6 @@ class Command {
   void progressed(std::size_t step, double percent);
   void noteOpening(const DeviceState& bus);
   void showProgress();
-  UpdatedDevice updatedDevice() const;
   void runEnded(const RunRecord& record);
   void confirm(const Verdict& update, const DeviceState& bus);
   void handleEndRequest(const std::function<void()>& declined);
@@ -83,10 +82,10 @@ class Command {
   std::string image_error_;  // the line that says why there is none
   std::string version_;      // written by the job before its first step for the main queue
   std::optional<UpdatePace> pace_;
-  std::size_t steps_ = 0;                        // reported by the update so far; the job's alone
-  double began_ = 0;                             // the run, in seconds of the clock
-  std::optional<double> percent_;                // once the QM5 has opened the update
-  std::optional<std::uint64_t> updated_device_;  // the same
+  std::size_t steps_ = 0;          // reported by the update so far; the job's alone
+  double began_ = 0;               // the run, in seconds of the clock
+  std::optional<double> percent_;  // once the QM5 has opened the update
+  std::optional<DeviceOfUpdate> device_;
   UpdatedDevice shown_device_ = UpdatedDevice::there;
   bool is_end_requested_ = false;
   bool may_sleep_ = false;          // the system refuses to stay awake

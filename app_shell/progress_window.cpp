@@ -9,28 +9,15 @@
 #include "platform/system_log.h"
 
 namespace qm5 {
-namespace {
-
-// As laid out: the title of the update before has said how far that one came.
-// When the job looks for the QM5. Until then, one that comes is as good as one that has left.
-constexpr double kLooksAfter = 1;  // second
-
-// Either may be unknown.
-bool maySharePort(const std::string& one, const std::string& other) {
-  return one.empty() || other.empty() || one == other;
-}
-
-}  // namespace
 
 ProgressViewController::ProgressViewController(std::shared_ptr<DeviceStatusPresenter> bus)
     : bus_(std::move(bus)) {}
 
 void ProgressViewController::updateBegan(std::size_t chunks) {
   is_up_ = true;
-  start_ = processClock().now();
-  device_.reset();
-  replacement_.reset();
-  pace_ = UpdatePace(start_, chunks);
+  const double now = processClock().now();
+  device_ = DeviceOfUpdate(now);
+  pace_ = UpdatePace(now, chunks);
   required(sleepStatus.lock(), "no sleepStatus").setStatus(StatusKind::caution, "");
   showPace();
 }
@@ -51,28 +38,13 @@ void ProgressViewController::busChanged() {
 
 void ProgressViewController::showPace() {
   const double now = processClock().now();
-  pace_.deviceIs(updatedDevice(now));
+  pace_.deviceIs(device_.compare(bus_->state(), now));
   phase_ = pace_.phase(now);
   required(txtElapsed.lock(), "no txtElapsed").setStringValue(pace_.elapsed(now));
   required(txtRemaining.lock(), "no txtRemaining").setStringValue(pace_.remaining(now));
   required(txtPhase.lock(), "no txtPhase").setStringValue(phase_);
   required(deviceStatus.lock(), "no deviceStatus")
       .setStatus(StatusKind::caution, pace_.warning(now));
-}
-
-UpdatedDevice ProgressViewController::updatedDevice(double now) {
-  const DeviceState state = bus_->state();
-  if (!state.used) return device_ ? UpdatedDevice::away : UpdatedDevice::notYetThere;
-  if (!device_ || now - start_ < kLooksAfter) {
-    device_ = state.used;
-    location_ = state.location;
-  }
-  if (state.used == device_) return UpdatedDevice::there;
-  // Both were there at once: it is another one for good, even when the first one leaves.
-  if (state.present.contains(*device_)) replacement_ = state.used;
-  return maySharePort(location_, state.location) && state.used != replacement_
-             ? UpdatedDevice::cameBack
-             : UpdatedDevice::replaced;
 }
 
 void ProgressViewController::viewWillDisappear() {

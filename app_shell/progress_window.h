@@ -65,16 +65,12 @@ class ProgressViewController final : public BaseViewController,
  private:
   void ask(bool unasked);
   void goOn();
-  UpdatedDevice updatedDevice(double now);
 
   const std::shared_ptr<DeviceStatusPresenter> bus_;
   bool is_up_ = false;
-  double start_ = 0;
   UpdatePace pace_{0, 0};
-  std::string_view phase_;                    // as shown
-  std::optional<std::uint64_t> device_;       // that this update was begun with
-  std::string location_;                      // where that one was; empty: not known
-  std::optional<std::uint64_t> replacement_;  // came while that one was there, and is used
+  DeviceOfUpdate device_{0};
+  std::string_view phase_;  // as shown
   bool is_asking_ = false;
   std::vector<std::function<void()>> waiting_;  // for the answer
 };

@@ -7,16 +7,9 @@
 #include <string>
 #include <string_view>
 
-namespace qm5 {
+#include "update_run/device_of_update.h"
 
-/// What has become of the QM5 that the update was begun with.
-enum class UpdatedDevice {
-  notYetThere,  ///< the link has had no device since the beginning
-  there,        ///< the link uses it; also before the job looks for one, while the link has any
-  away,         ///< the link has no device any more
-  cameBack,     ///< it has left, and the link uses one that arrived since at the same USB port
-  replaced,     ///< the link uses another one: from another port, or that came while it was there
-};
+namespace qm5 {
 
 /// That the system may put the computer to sleep during the update.
 inline constexpr std::string_view kMaySleepText =
