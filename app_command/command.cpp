@@ -46,12 +46,6 @@ std::string whichOf(const DeviceState& bus) {
   return text.append(" --device chooses another one.");
 }
 
-// Calls `late` after that time, which may be infinite.
-void after(double seconds, std::function<void()> late) {
-  if (std::isinf(seconds)) return;
-  QTimer::singleShot(std::chrono::milliseconds(std::llround(seconds * 1000)), std::move(late));
-}
-
 }  // namespace
 
 Command::Command(CommandOptions options, Report& report)
@@ -65,6 +59,8 @@ Command::Command(CommandOptions options, Report& report)
   subject_.target_version = target_version_;
   subject_.device = options_.device.value_or("");
   QObject::connect(&tick_, &QTimer::timeout, [this] { showProgress(); });
+  timer_.setSingleShot(true);
+  QObject::connect(&timer_, &QTimer::timeout, [this] { late_(); });
   global_driver = std::make_shared<Driver>(kVendorTexasInstruments, kProductQM5);
 }
 
@@ -78,6 +74,11 @@ void Command::start() {
     });
     busChanged();
   });
+}
+
+void Command::after(double seconds, std::function<void()> late) {
+  late_ = std::move(late);
+  if (!std::isinf(seconds)) timer_.start(std::chrono::milliseconds(std::llround(seconds * 1000)));
 }
 
 void Command::busChanged() {

@@ -50,6 +50,9 @@ class Command {
  private:
   enum class Stage { waiting, running, confirming, over };
 
+  /// Has `late` called after that time, which may be infinite, in place of what was to be so
+  /// before.
+  void after(double seconds, std::function<void()> late);
   void busChanged();
   void list();
   void begin();
@@ -75,6 +78,8 @@ class Command {
   const std::shared_ptr<PowerCycleCheck> power_cycle_;
   DispatchQueue jobs_;
   QTimer tick_;  // while an update runs
+  QTimer timer_;
+  std::function<void()> late_;  // what is due when it runs out
   ExitPrompt prompt_;
 
   std::atomic<Stage> stage_ = Stage::waiting;
