@@ -148,7 +148,7 @@ void ViewController::report(Outcome outcome) {
 
 void ViewController::notifyOfEnd(Outcome outcome) {
   if (isActive) return;
-  const OutcomeText text = shownText(outcome);
+  const OutcomeText text = textOf(outcome, strVersion, kTargetVersion);
   notification =
       desktopNotifications().show(text.title, text.message, [](const std::string& token) {
         application().mainQueueAsync([token] { application().activate(token); });

@@ -74,7 +74,6 @@ class ViewController final : public BaseViewController,
   void finishRun(RunRecord record);
   void report(Outcome outcome);
   void reportSuccess();
-  OutcomeText shownText(Outcome outcome) const;
   void notifyOfEnd(Outcome outcome);
   void showProgress(const ProgressStep& step);
   void showPackagedVersion();

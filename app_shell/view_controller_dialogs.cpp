@@ -133,17 +133,11 @@ bool ViewController::shouldTerminate(std::function<void()> declined) {
   return false;
 }
 
-// What the alert or the finish dialog says.
-OutcomeText ViewController::shownText(Outcome outcome) const {
-  if (outcome == Outcome::updated) return {kFinishTitle, finishMessage()};
-  return textOf(outcome, strVersion);
-}
-
 int ViewController::endWithoutDisplay() {
   if (!isRunUnanswered) return EXIT_FAILURE;
   std::unique_lock lock(mutex);
   runHasEnded.wait(lock, [this] { return endOfRun.has_value(); });
-  const OutcomeText text = shownText(*endOfRun);
+  const OutcomeText text = textOf(*endOfRun, strVersion, kTargetVersion);
   std::string line = "The display has gone. The update ended: " + text.title + " " + text.message;
   std::replace(line.begin(), line.end(), '\n', ' ');
   print(line);
