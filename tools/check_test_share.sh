@@ -3,7 +3,7 @@
 # lines that are neither blank nor comment.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-readonly most_percent=30 # to come down to 30
+readonly most_percent=30
 
 # Test code: the folder tests/, and what else only tests use.
 readonly test_code='^(tests/|tools/check_hardening\.sh$)'
