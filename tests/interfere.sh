@@ -65,7 +65,9 @@ top() { window "$1" | tail -n 1; }
 # Starts the program again on the bus of the one that runs, in the place of this shell.
 start_again() {
   mapfile -t bus < <(tr '\0' '\n' <"/proc/$updater/environ" | grep -E '^(LD_PRE|UMOCK)')
-  exec timeout 60 env "${bus[@]}" "$@" "$program"
+  # In no process group of its own: the shell above, whose parent this becomes, would link the two
+  # groups, and at its end the kernel would send SIGHUP to the one with stopped processes.
+  exec timeout --foreground 60 env "${bus[@]}" "$@" "$program"
 }
 again() { (start_again) || fail "a second start ended with $?"; }
 
