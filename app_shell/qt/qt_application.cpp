@@ -99,7 +99,7 @@ int QtApplication::applicationMain(int argc, char** argv, const MainStoryboard& 
   leaveLossOfDisplayToXlib();
   QApplication::setQuitOnLastWindowClosed(false);
   delegate_ = storyboard.makeDelegate();
-  tellDelegateOf(application);
+  connectDelegateTo(application);
   auto layout = makeMainLayout();
   // The icon is not in the window, so the window does not wait for it.
   layout->setPainted([] { QApplication::setWindowIcon(applicationIcon()); });
@@ -118,7 +118,7 @@ int QtApplication::applicationMain(int argc, char** argv, const MainStoryboard& 
   return status;
 }
 
-void QtApplication::tellDelegateOf(QApplication& application) {
+void QtApplication::connectDelegateTo(QApplication& application) {
   QObject::connect(&application, &QApplication::lastWindowClosed, [this] { lastWindowClosed(); });
   QObject::connect(&application, &QApplication::commitDataRequest,
                    [this](QSessionManager& session) { sessionEnds(session); });

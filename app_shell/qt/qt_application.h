@@ -44,7 +44,7 @@ class QtApplication : public Application {
 
  private:
   static void endWithoutDisplay();
-  void tellDelegateOf(QApplication& application);
+  void connectDelegateTo(QApplication& application);
   void lastWindowClosed();
   void sessionEnds(QSessionManager& session);
   QWidget* mainWidget() const;
