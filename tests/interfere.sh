@@ -153,6 +153,7 @@ long_run() {
   await "a pressed notification did not bring the finish dialog" active "$success" 1
   await "the notification stayed" grep "^CloseNotification:7$" "$work/awake"
   kill $other
+  minimised "$success" 1
   await "the finish dialog stayed" presses Return "$(top "$success")" gone "$simulator"
   ended
 }
@@ -217,6 +218,8 @@ signals() {
   await "a second signal did not end the program" insisted
   ended
   [ "$(wrote "may fall asleep")" = 1 ] || fail "not one try to stay awake"
+  ! (ulimit -n 16 && "$program") >"$work/lines" 2>&1 || fail "it starts without descriptors"
+  wrote "can't start: no more files can be opened" || fail "it does not say what a start lacks"
 }
 insisted() { gone "$simulator" || { kill -TERM "$updater" && false; }; } # two at once count as one
 

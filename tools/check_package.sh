@@ -40,6 +40,8 @@ check_files() {
   local page warnings share=$work/files/usr/share
   say "Checking the package's files"
   lintian --allow-root --fail-on error,warning,info --display-info "$deb"
+  [[ "$(dpkg-deb -f "$deb" Description)" == *"development image"* ]] ||
+    fail "its description does not say that it carries a development image"
   dpkg-deb -x "$deb" "$work/files"
   desktop-file-validate "$share"/applications/*.desktop
   appstreamcli validate --no-net "$share"/metainfo/*.xml
@@ -112,7 +114,8 @@ check_report() {
   chroot --userspec="$person" "$root" sh -c "cd /home/$person && qm5-simulator -- \
     qm5-updater-report" >"$work/log" 2>&1 || true # the verdict is that nothing was updated
   report=$(ls "$root/home/$person"/qm5-updater-report-*.txt) || fail "no report: $(cat "$work/log")"
-  for line in "program: [0-9.]+" "firmware image: [0-9]+ bytes, .*" "  libqt6core6(t64)? .*" \
+  for line in "program: [0-9.]+" "firmware image: [0-9]+ bytes, .*" \
+    "this is a development image: it is for the software QM5 alone" "  libqt6core6(t64)? .*" \
     "  libusb-1.0-0 .*" "  product: QM5" "  this user may open it: yes" \
     "/usr/lib/udev/rules.d/70-qm5.rules" "qm5-updater.*: No such file"; do
     grep -qxE "$line" "$report" || { cat "$report"; fail "the report lacks: $line"; }

@@ -10,6 +10,7 @@
 #include <QApplication>
 #include <QKeySequence>
 #include <QLabel>
+#include <QTest>
 #include <atomic>
 #include <cstdio>
 #include <limits>
@@ -43,12 +44,14 @@ enum Shown : unsigned {
 /// A key as a person presses it.
 struct Press {
   Qt::Key key;
-  int tabs = 0;           // pressed before it
-  bool held = false;      // until it has repeated itself
-  QString mnemonic = {};  // of the button with this title; with Alt, in place of the key
+  int tabs = 0;         // pressed before it
+  bool held = false;    // until it has repeated itself
+  QString button = {};  // with this title: its mnemonic, with Alt, in place of Key_Alt
+  int times = 1;
 };
-/// Stands for the close request of a window, whatever it comes from.
-inline constexpr Qt::Key kCloses = Qt::Key_F4;
+/// Stand for the close request of the window on top or of the main one, whatever it comes from, and
+/// for a click on the button.
+inline constexpr Qt::Key kCloses = Qt::Key_F4, kClosesMain = Qt::Key_F5, kClicks = Qt::Key_F6;
 
 /// Where the update's thread is to be held.
 struct Stop {
@@ -179,12 +182,18 @@ class Desk {
 
   void send(const Press& press) {
     for (int tab = 0; tab < press.tabs; ++tab) sendKey(Qt::Key_Tab);
-    if (press.key == kCloses) {
-      act([] { QApplication::activeWindow()->close(); });
-    } else if (!press.mnemonic.isEmpty()) {
+    if (press.key == kCloses || press.key == kClosesMain) {
+      act([&] {
+        QWidget* closed = QApplication::activeWindow();
+        while (press.key == kClosesMain && closed->parentWidget()) closed = closed->parentWidget();
+        QWindowSystemInterface::handleCloseEvent(closed->windowHandle());
+      });
+    } else if (press.key == kClicks) {
+      act([&] { QTest::mouseClick(buttonTitled(press.button), Qt::LeftButton); });
+    } else if (press.key == Qt::Key_Alt) {
       const QKeyCombination keys =
-          ask([&] { return QKeySequence::mnemonic(buttonTitled(press.mnemonic)->text())[0]; });
-      sendKey(keys.key(), keys.keyboardModifiers());
+          ask([&] { return QKeySequence::mnemonic(buttonTitled(press.button)->text())[0]; });
+      sendKey(keys.key(), keys.keyboardModifiers(), press.held ? 5 : 0);
     } else {
       sendKey(press.key, Qt::NoModifier, press.held ? 5 : 0);
     }
