@@ -207,7 +207,7 @@ TEST(Arguments, AreTheToolkitsOrAnsweredOrRefused) {
   for (const auto& [arguments, status] :
        {std::pair<Words, int>{{}, kStarts},
         {{"-platform", "offscreen", "--session", "id"}, kStarts},
-        {{"-style=fusion", "--reverse"}, kStarts},
+        {{"-style=fusion", "--reverse", "-qdevel", "--qdebug"}, kStarts},
         {{"-style", "fusion", "--help"}, 0},
         {{"-title", "--help"}, kStarts},  // a value that looks like help
         {{"--version"}, 0},

@@ -54,7 +54,10 @@ constexpr ToolkitArgument kToolkitArguments[] = {
     {"visual", Value::next},
     {"nograb", Value::none},
     {"dograb", Value::none},
-    {"graphicssystem", Value::next},  // of Qt 4: without effect, but still in people's scripts
+    // Of Qt 4: without effect, but still in people's scripts.
+    {"graphicssystem", Value::next},
+    {"qdevel", Value::none},
+    {"qdebug", Value::none},
 };
 
 /// How many arguments the toolkit takes from `argument` on, with `left` in all; 0 when it does not
