@@ -101,9 +101,13 @@ TEST_F(Bus, TellsWhatTheDriverHasAndWhyItHasNone) {
   shows("No QM5 is connected.");
   examine(1, kIOReturnError);
   shows("A QM5 is connected, but it could not be opened.\nUnplug it");
+  examine(8, kIOReturnError);
+  shows("2 QM5s are connected, but none can be used.\nUnplug them all");
+  remove(8);
   examine(2, kIOReturnNotPermitted);
-  shows("A QM5 is connected, but you may not open it. ");
+  shows("2 QM5s are connected, but none can be used. Have the package");
   remove(1);
+  shows("A QM5 is connected, but you may not open it. ");
   remove(2);
   arrive(3);
   shows("A QM5 is connected.");

@@ -5,17 +5,27 @@ namespace {
 
 std::string describeSeveral(const DeviceState& state) {
   std::string text = std::to_string(state.present.size());
-  text.append(" QM5s are connected. An update goes to the one ");
-  text.append(state.location.empty() ? "connected last." : "at port " + state.location + ".");
-  return text.append("\nTo update another one, unplug them all and plug in that one.");
+  text.append(" QM5s are connected");
+  if (state.availability == DeviceAvailability::connected) {
+    text.append(". An update goes to the one ");
+    text.append(state.location.empty() ? "connected last." : "at port " + state.location + ".");
+    return text.append("\nTo update another one, unplug them all and plug in that one.");
+  }
+  const bool is_permitted = state.availability != DeviceAvailability::notPermitted;
+  text.append(", but none can be used.");
+  text.append(is_permitted ? "\nUnplug"
+                           : " Have the package qm5-updater or its "
+                             "udev rule installed, then unplug");
+  return text.append(" them all and plug in one.");
 }
 
 }  // namespace
 
 std::string describe(const DeviceState& state) {
+  if (state.present.size() > 1) return describeSeveral(state);
   switch (state.availability) {
     case DeviceAvailability::connected:
-      return state.present.size() > 1 ? describeSeveral(state) : "A QM5 is connected.";
+      return "A QM5 is connected.";
     case DeviceAvailability::missed:
       return "A QM5 is connected, but it came before the updater was ready.\n"
              "Unplug it and plug it in again.";

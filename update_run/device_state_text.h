@@ -19,6 +19,8 @@ namespace qm5 {
 /// |   which has left. …                       | has left, another one is still there           |
 /// | …, but you may not open it. …             | none could be opened, one for want of a right  |
 /// | …, but it could not be opened. …          | none could be opened                           |
+/// | <n> QM5s are connected, but none can be   | several are, and the Driver has none           |
+/// |   used. …                                 |                                                |
 ///
 /// Its lines are broken for a window of a fixed width. Any thread.
 std::string describe(const DeviceState& state);
