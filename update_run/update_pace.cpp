@@ -18,14 +18,14 @@ constexpr double kLongPause = 5;  // seconds
 // When the job looks for the QM5. Until then, one that has left may come back.
 constexpr double kLookingTime = 1;  // seconds
 
+// One that comes back in time may still be told to have been updated.
 constexpr std::string_view kAway =
-    "The QM5 has been disconnected: the update will end in an "
-    "error message. Connect the QM5 again after that, then press "
-    "Next.";
+    "The QM5 has been disconnected: without it, the update will end "
+    "in an error message. Connect it after that and press Next.";
 constexpr std::string_view kAwayWhileChecking =
-    "The QM5 has been disconnected: the update will end in an "
-    "error message, which can take up to five minutes. Connect "
-    "the QM5 again after that, then press Next.";
+    "The QM5 has been disconnected: without it, the update will end "
+    "in an error message, which can take up to five minutes. "
+    "Connect it after that and press Next.";
 constexpr std::string_view kCameBack =
     "The QM5 was disconnected and is back. This update can't be "
     "relied on: when it has ended, start it again.";

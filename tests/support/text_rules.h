@@ -112,10 +112,10 @@ inline constexpr TextRule kTextRules[] = {
     {"txtPhase", "Waiting for the update to end.", [](Now now, Text) { return now.said.has_left; }},
     {"progress deviceStatus", "", [](Now now, Text) { return now.goesOn(); }},
     {"progress deviceStatus",
-     "The QM5 has been disconnected: the update will end in an error message. Connect*",
+     "The QM5 has been disconnected: without it, the update will end in an error message. Connect*",
      [](Now now, Text) { return !now.is_there && now.said.stage != Stage::secure; }},
     {"progress deviceStatus",
-     "The QM5 has been disconnected: the update will end in an "
+     "The QM5 has been disconnected: without it, the update will end in an "
      "error message, which can take up to five minutes.*",
      [](Now now, Text) { return !now.is_there && now.said.stage == Stage::secure; }},
     {"progress deviceStatus", "The QM5 was disconnected and is back.*",
