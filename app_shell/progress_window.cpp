@@ -4,6 +4,7 @@
 
 #include "app_shell/exit_confirmation.h"
 #include "app_shell/ports/application.h"
+#include "device_link/driver.h"
 #include "platform/clock.h"
 #include "platform/fatal.h"
 #include "platform/system_log.h"
@@ -39,6 +40,7 @@ void ProgressViewController::busChanged() {
 void ProgressViewController::showPace() {
   const double now = processClock().now();
   pace_.deviceIs(device_.compare(bus_->state(), now));
+  pace_.answered(required(global_driver, "no device link").lastAnswer());
   phase_ = pace_.phase(now);
   required(txtElapsed.lock(), "no txtElapsed").setStringValue(pace_.elapsed(now));
   required(txtRemaining.lock(), "no txtRemaining").setStringValue(pace_.remaining(now));

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "device_link/vendor_requests.h"
+#include "platform/clock.h"
 #include "platform/console.h"
 #include "platform/fatal.h"
 
@@ -70,6 +71,7 @@ std::optional<Bytes> Driver::usb_read(std::uint8_t requestType, std::uint8_t req
   IOUSBDevRequest record{requestType,  request,          addr, index, length,
                          reply.data(), kPresetLengthDone};
   if (interface->DeviceRequest(record) != kIOReturnSuccess) return std::nullopt;
+  last_answer_ = processClock().now();
   return reply;
 }
 

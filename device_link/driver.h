@@ -1,6 +1,7 @@
 // The only link to the QM5: knows which device is attached and makes control requests to it.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -48,6 +49,10 @@ class Driver {
   std::optional<Bytes> usb_read(std::uint8_t requestType, std::uint8_t request, std::uint16_t addr,
                                 std::uint16_t index, std::uint16_t length);
 
+  /// When a device last answered a control read, by the process's clock; 0 when none has. Any
+  /// thread.
+  double lastAnswer() const { return last_answer_; }
+
   /// Makes one control write. `data` is not modified. Returns data.size(), or 0 when no device is
   /// attached or the request failed; for empty data the two look alike. Fatal when a device is
   /// attached and a value does not fit: 8 bits for requestType and request, 16 bits for addr, index
@@ -60,6 +65,8 @@ class Driver {
 
   mutable std::mutex mutex_;
   std::optional<USBDevice> device_info_;  // replaced or cleared as a whole
+
+  std::atomic<double> last_answer_ = 0;
 
   // Members with names of the toolkit's style, as vendorID above.
   const std::shared_ptr<USBDeviceMonitor> deviceMonitor;

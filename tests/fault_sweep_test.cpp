@@ -202,6 +202,8 @@ class Faults : public testing::Test {
     const std::size_t taken = moment_.said.taken;
     const bool is_new = moment_.said.stage == Stage::opening;
     moment_.said.note(record);
+    if (isRead(record.setup) && record.status == ControlStatus::ok)
+      moment_.answered_at = app_.clock.now();
     if (taken != moment_.said.taken || (is_new && moment_.said.stage != Stage::opening))
       moment_.taken_at = app_.clock.now();
     if (record.status != ControlStatus::gone && record.status != ControlStatus::pending) return;

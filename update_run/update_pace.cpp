@@ -1,5 +1,6 @@
 #include "update_run/update_pace.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace qm5 {
@@ -26,6 +27,11 @@ constexpr std::string_view kAwayWhileChecking =
     "The QM5 has been disconnected: without it, the update will end "
     "in an error message, which can take up to five minutes. "
     "Connect it after that and press Next.";
+// Requests have no time-out: one that stays unanswered ends when the QM5 leaves.
+constexpr std::string_view kSilentWhileChecking =
+    "The QM5 does not answer. Unless it does again, the update can only "
+    "end in an error message. If that takes more than five minutes, "
+    "unplug the QM5.";
 constexpr std::string_view kCameBack =
     "The QM5 was disconnected and is back. This update can't be "
     "relied on: when it has ended, start it again.";
@@ -48,7 +54,9 @@ bool UpdatePace::isLost(double now) const {
 }
 
 bool UpdatePace::pauses(double now) const {
-  return now - (last_.number == 0 ? start_ : last_.time) > kLongPause;
+  const double last = last_.number == 0 ? start_ : last_.time;
+  // While it checks, the QM5 takes nothing, but answers each time that it is asked.
+  return now - (stage() == Stage::checking ? std::max(last, answered_) : last) > kLongPause;
 }
 
 void UpdatePace::progressed(std::size_t number, double now) {
@@ -78,25 +86,21 @@ std::string UpdatePace::remaining(double now) const {
 
 std::string_view UpdatePace::phase(double now) const {
   if (isLost(now)) return "Waiting for the update to end.";
-  switch (stage()) {
-    case Stage::sent:
-      return "All has been sent.";
-    case Stage::checking:
-      return "The QM5 is checking the new firmware. This can take minutes.";
-    case Stage::opening:
-      if (device_ != UpdatedDevice::there) return "Looking for the QM5.";
-      return pauses(now) ? "Waiting for the QM5 to respond." : "Preparing the update.";
-    case Stage::writing:
-      break;
-  }
-  return pauses(now) ? "Waiting for the QM5 to respond." : "Writing the new firmware.";
+  const Stage now_at = stage();
+  if (now_at == Stage::sent) return "All has been sent.";
+  if (now_at == Stage::opening && device_ != UpdatedDevice::there) return "Looking for the QM5.";
+  if (pauses(now)) return "Waiting for the QM5 to respond.";
+  if (now_at == Stage::opening) return "Preparing the update.";
+  return now_at == Stage::writing ? "Writing the new firmware."
+                                  : "The QM5 is checking the new firmware. This can take minutes.";
 }
 
 std::string_view UpdatePace::warning(double now) const {
-  if (!isLost(now)) return "";
+  const bool is_checking = stage() == Stage::checking;
+  if (!isLost(now)) return is_checking && pauses(now) ? kSilentWhileChecking : "";
   if (device_ == UpdatedDevice::cameBack) return kCameBack;
   if (device_ == UpdatedDevice::replaced) return kReplaced;
-  return stage() == Stage::checking ? kAwayWhileChecking : kAway;
+  return is_checking ? kAwayWhileChecking : kAway;
 }
 
 }  // namespace qm5

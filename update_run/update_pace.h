@@ -28,12 +28,14 @@ inline constexpr std::string_view kMaySleepText =
 /// |              |                                   | found none: none is there                 |
 /// |              | Preparing the update.             | nothing reported yet, a QM5 is there      |
 /// |              | Writing the new firmware.         | the opening task or a chunk was reported  |
-/// |              | Waiting for the QM5 to respond.   | the same two, but no report for 5 s       |
 /// |              | The QM5 is checking …             | a signature or key block was reported     |
+/// |              | Waiting for the QM5 to respond.   | the same three, but no report for 5 s,    |
+/// |              |                                   | and no answer either while it checks      |
 /// |              | All has been sent.                | the last step was reported                |
 /// |              | Waiting for the update to end.    | the QM5 is away, came back or is replaced |
 /// | deviceStatus | …disconnected…, …is back…,        | the same, a text for each; of the first,  |
 /// |              | Another QM5 was connected…        | one for the checking too                  |
+/// |              | The QM5 does not answer. …        | the QM5 is to check, and pauses as above  |
 /// | sleepStatus  | …can't keep the computer from…    | the system refused to stay awake          |
 ///
 /// Once all has been sent, nothing is said of the QM5 any more.
@@ -45,6 +47,8 @@ class UpdatePace {
   /// Notes that step `number` of the update was reported. They count from 1: the opening task,
   /// the chunks, the signature and key blocks, the end.
   void progressed(std::size_t number, double now);
+  /// When the QM5 last answered a request.
+  void answered(double time) { answered_ = time; }
   void deviceIs(UpdatedDevice device) { device_ = device; }
 
   std::string elapsed(double now) const;
@@ -69,6 +73,7 @@ class UpdatePace {
   std::size_t chunks_;
   Step first_ = {0, 0};  // of the chunks
   Step last_ = {0, 0};
+  double answered_ = 0;
   UpdatedDevice device_ = UpdatedDevice::there;
 };
 

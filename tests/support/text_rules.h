@@ -19,6 +19,7 @@ struct Moment {
   bool isOpened() const { return said.stage > Stage::opening && said.stage != Stage::failed; }
   double sinceTaken() const { return time - taken_at; }
   double sinceChange() const { return time - changed_at; }
+  double sinceAnswer() const { return time - std::max(taken_at, answered_at); }
   /// The QM5 is the one that the update began with; where it has just left or come back, what
   /// was said before may still stand.
   bool goesOn() const { return sinceChange() < 1 || (is_there && !said.has_left); }
@@ -34,6 +35,7 @@ struct Moment {
   double next_at = 0;             // when Next was pressed
   double taken_at = 0;            // when the QM5 took something, or Next was pressed
   double changed_at = 0;          // when a QM5 left or came
+  double answered_at = 0;         // when it last answered a read
   double time = 0;                // now
   bool is_there = false;          // on the bus
   bool was_away = false;          // since the update has succeeded
@@ -105,10 +107,13 @@ inline constexpr TextRule kTextRules[] = {
      }},
     {"txtPhase", "Waiting for the QM5 to respond.",
      [](Now now, Text) {
-       return now.said.stage <= Stage::payload && now.goesOn() && now.sinceTaken() >= 5;
+       const bool takes = now.said.stage <= Stage::payload;
+       return now.goesOn() && (takes ? now.sinceTaken() : now.sinceAnswer()) >= 5;
      }},
     {"txtPhase", "The QM5 is checking the new firmware. This can take minutes.",
-     [](Now now, Text) { return now.said.stage == Stage::secure && now.goesOn(); }},
+     [](Now now, Text) {
+       return now.said.stage == Stage::secure && now.goesOn() && now.sinceAnswer() < 7;
+     }},
     {"txtPhase", "Waiting for the update to end.", [](Now now, Text) { return now.said.has_left; }},
     {"progress deviceStatus", "", [](Now now, Text) { return now.goesOn(); }},
     {"progress deviceStatus",
@@ -118,6 +123,10 @@ inline constexpr TextRule kTextRules[] = {
      "The QM5 has been disconnected: without it, the update will end in an "
      "error message, which can take up to five minutes.*",
      [](Now now, Text) { return !now.is_there && now.said.stage == Stage::secure; }},
+    {"progress deviceStatus", "The QM5 does not answer. Unless*",
+     [](Now now, Text) {
+       return now.said.stage == Stage::secure && now.goesOn() && now.sinceAnswer() >= 5;
+     }},
     {"progress deviceStatus", "The QM5 was disconnected and is back.*",
      [](Now now, Text) { return now.is_there && now.said.has_left; }},
     {"sleepStatus", "", [](Now, Text) { return true; }},
