@@ -2,8 +2,10 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "app_shell/main_storyboard.h"
 #include "app_shell/notifications/notification_service.h"
@@ -23,12 +25,12 @@ namespace qm5 {
 namespace {
 
 // Never destroyed: threads use the adapters until the process ends.
-void setAdapters() {
+void setAdapters(std::function<void()> display_lost) {
   setUSBRegistry(&LibusbRegistry::create());
   setApplicationPackage(new FilePackage);
   setWakefulness(new SleepInhibitor);
   setDesktopNotifications(new NotificationService);
-  setApplication(new QtApplication(holdTermination));
+  setApplication(new QtApplication(std::move(display_lost)));
 }
 
 int run(int argc, char** argv) {
@@ -41,10 +43,14 @@ int run(int argc, char** argv) {
     showAlreadyRunning(argc, argv, *in_use);
     return 0;
   }
+  auto& claim = std::get<BusClaim>(claimed);
   blockTerminationSignals();
-  setAdapters();
+  setAdapters([&claim] {
+    holdTermination();
+    claim.displayIsLost();
+  });
   followTerminationSignals([] { application().requestTermination(terminationDeclined); });
-  std::get<BusClaim>(claimed).followLaterStarts([](const std::string& later_token) {
+  claim.followLaterStarts([](const std::string& later_token) {
     application().mainQueueAsync([later_token] { application().activate(later_token); });
   });
   return application().applicationMain(argc, argv, mainStoryboard());

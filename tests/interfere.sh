@@ -69,7 +69,7 @@ start_again() {
   # groups, and at its end the kernel would send SIGHUP to the one with stopped processes.
   exec timeout --foreground 60 env "${bus[@]}" "$@" "$program"
 }
-again() { (start_again) || fail "a second start ended with $?"; }
+again() { (start_again "$@") || fail "a second start ended with $?"; }
 
 minimise_all() {
   for id in $(window ".*QM5.*"); do xdotool windowminimize "$id" || true; done
@@ -235,6 +235,8 @@ lost_display() {
   await "nothing says that the display has gone" wrote "The display has gone"
   kill -HUP "$updater"
   await "a signal ended the update" wrote "A signal wants the program to end"
+  again DISPLAY= WAYLAND_DISPLAY= 2>&1 | grep "goes on without windows" >/dev/null ||
+    fail "a second start does not say what is so"
   awake_until "the outcome" goes_on_to wrote "The display has gone. The update ended: $success"
   ended
 }

@@ -268,6 +268,8 @@ TEST(BusClaim, IsAnsweredByItsOwnerWhoLearnsOfEachLaterStart) {
   const auto elsewhere = std::get<BusInUse>(claim(""));
   EXPECT_EQ(elsewhere.by, BusInUse::By::thisUserElsewhere);
   EXPECT_EQ(elsewhere.name, ":7");
+  std::get<BusClaim>(claimed).displayIsLost();
+  EXPECT_EQ(std::get<BusInUse>(claim("")).by, BusInUse::By::thisUserWithoutWindows);
   EXPECT_EQ(notes.newLines()[0], "token");
   kill(impostor, SIGKILL);
 }

@@ -19,6 +19,10 @@ Alert noticeOf(const BusInUse& in_use) {
     text = "You have started it on the display ";
     text.append(in_use.name.empty() ? "of another session" : in_use.name);
     text.append(" of this computer.\n");
+  } else if (in_use.by == BusInUse::By::thisUserWithoutWindows) {
+    text =
+        "Its display has gone, and an update goes on without windows.\n"
+        "When that has ended, you can start the program again.\n";
   } else if (in_use.by == BusInUse::By::anotherUser) {
     text = "Another person has started it on this computer.\n";
   } else {

@@ -108,6 +108,9 @@ ucred peerOf(const Descriptor& connection) {
   return peer;
 }
 
+// What an owner whose display has gone answers: no name of a display has a line of its own.
+constexpr std::string_view kNoWindows = "\n\nno windows\n";
+
 /// The displays of this process, one per line: Wayland's and X's. Either may be empty.
 std::string displays() {
   std::string names;
@@ -131,6 +134,7 @@ Displays displaysFrom(const std::string& lines) {
 }
 
 BusInUse inUseOn(const std::string& displays_of_owner) {
+  if (displays_of_owner == kNoWindows) return {BusInUse::By::thisUserWithoutWindows, {}};
   const Displays owner = displaysFrom(displays_of_owner);
   const Displays here = displaysFrom(displays());
   const bool same = (owner.wayland == here.wayland && !owner.wayland.empty()) ||
@@ -240,7 +244,8 @@ Descriptor nextConnection(const Descriptor& listening) {
 }
 
 // The owner's side: the token of a start of this user; empty when it is another user's.
-std::optional<std::string> receiveStart(const Descriptor& connection, const std::string& names) {
+std::optional<std::string> receiveStart(const Descriptor& connection,
+                                        const std::string& answer_to_same_user) {
   // A start sends at once. A program that does not must not keep the others waiting.
   const timeval timeout{1, 0};
   ::setsockopt(connection.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
@@ -248,7 +253,7 @@ std::optional<std::string> receiveStart(const Descriptor& connection, const std:
   const ssize_t size = ::recv(connection.get(), message.data(), message.size(), 0);
   if (size <= 0) return std::nullopt;
   const bool same_user = peerOf(connection).uid == ::getuid();
-  const std::string answer = same_user ? names : "\n";
+  const std::string answer = same_user ? answer_to_same_user : "\n";
   ::send(connection.get(), answer.data(), answer.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
   if (!same_user) return std::nullopt;
   return std::string(message.data() + 1, static_cast<std::size_t>(size) - 1);
@@ -282,9 +287,12 @@ std::variant<BusClaim, BusInUse> claimBusQuietly(const char* folder) {
 void BusClaim::followLaterStarts(std::function<void(const std::string&)> started) {
   if (!later_starts_.isOpen()) return;
   const auto listening = std::make_shared<Descriptor>(std::move(later_starts_));
-  Thread thread("LaterStarts", [listening, started = std::move(started), names = displays()] {
+  Thread thread("LaterStarts", [listening, started = std::move(started), names = displays(),
+                                has_display = has_display_] {
     while (true) {
-      if (const auto token = receiveStart(nextConnection(*listening), names)) started(*token);
+      const Descriptor connection = nextConnection(*listening);
+      const std::string answer = *has_display ? names : std::string(kNoWindows);
+      if (const auto token = receiveStart(connection, answer)) started(*token);
     }
   });
   if (!thread.start()) cannotStart("there is no thread left to wait for later starts");

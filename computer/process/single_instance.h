@@ -6,7 +6,9 @@
 // namespaces that have kept their /sys. A container with a /sys of its own does not share it.
 #pragma once
 
+#include <atomic>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -32,18 +34,25 @@ class BusClaim {
   /// can be had.
   void followLaterStarts(std::function<void(const std::string& activation_token)> started);
 
+  /// The display has gone: from now on, later starts of this user find By::thisUserWithoutWindows.
+  void displayIsLost() { *has_display_ = false; }
+
  private:
   Descriptor lock_;
   Descriptor later_starts_;
+  std::shared_ptr<std::atomic<bool>> has_display_ = std::make_shared<std::atomic<bool>>(true);
 };
 
 /// Another process has the bus.
 struct BusInUse {
   enum class By {
-    thisUser,           ///< an updater on this display, which brings its windows to the front
-    thisUserElsewhere,  ///< an updater on the display `name`, which has been notified as well
-    anotherUser,        ///< an updater that does not answer to this user
-    otherProgram,       ///< `name` is a program that is no updater, or one that does not answer
+    /// An updater on this display, which brings its windows to the front. Or one that has been
+    /// stopped, by Ctrl-Z for instance: it answers nothing, and does so once it goes on.
+    thisUser,
+    thisUserElsewhere,       ///< an updater on the display `name`, which has been notified as well
+    thisUserWithoutWindows,  ///< an updater whose display has gone, and whose update goes on
+    anotherUser,             ///< an updater that does not answer to this user
+    otherProgram,  ///< `name` is a program that is no updater, or one that does not answer
   } by;
   std::string name;
 };
