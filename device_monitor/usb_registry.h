@@ -140,8 +140,8 @@ class USBRegistry : public PortObject {
   /// so on the console and goes on without a name.
   virtual IOReturn registryEntryGetName(io_service_t service, io_name_t& name) = 0;
   /// Where the device is plugged in, as the kernel names that place: "1-4.2" is port 2 of the hub
-  /// at port 4 of bus 1. -4 (the device has left) leaves `location` as it is; the caller goes on with
-  /// an empty one.
+  /// at port 4 of bus 1. -4 (the device has left) leaves `location` as it is; the caller goes on
+  /// with an empty one.
   virtual IOReturn registryEntryGetLocation(io_service_t service, io_name_t& location) = 0;
   /// Sets `plug_in` to the service's plug-in interface, which outlasts the service. -12: it has
   /// none of these types, and `plug_in` stays as it is. The caller releases the service in either
