@@ -1,6 +1,8 @@
 // The Qt adapter on Qt's offscreen platform: what needs no program behind the windows. What keys
 // and closing requests do, the key sweep shows.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <QApplication>
 #include <QClipboard>
@@ -254,6 +256,16 @@ TEST(QtApplicationDeathTest, EndsWithItsLastWindowAndWhenToldTo) {
   EXPECT_EXIT(runUntil(without_memory), ended, "not enough memory.*\n.*will terminate");
   const auto lost = testing::ExitedWithCode(3);
   EXPECT_EXIT(runUntil([](auto&) { std::exit(1); }), lost, "") << "as the plug-in for X does";
+  const auto end_by_thread = [](auto&) { std::thread([] { ::_exit(1); }).detach(); };
+  EXPECT_EXIT(runUntil(end_by_thread), lost, "") << "as the plug-in for Wayland does";
+  const auto end_child = [](auto&) {
+    const pid_t child = ::fork();
+    if (child == 0) ::_exit(5);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    std::_Exit(WEXITSTATUS(status));
+  };
+  EXPECT_EXIT(runUntil(end_child), testing::ExitedWithCode(5), "") << "another process's end";
   const auto session_then_signal = [](QtApplication& application) {
     emit qApp->commitDataRequest(*qApp->findChild<QSessionManager*>());
     application.requestTermination([] {});

@@ -1,17 +1,16 @@
 #include "app_shell/qt/qt_application.h"
 
+#include <unistd.h>
+
 #include <QApplication>
 #include <QEventLoop>
 #include <QIcon>
 #include <QSessionManager>
+#include <atomic>
 #include <clocale>
 #include <cstdlib>
 #include <new>
 #include <utility>
-
-#ifdef __linux__
-#include <dlfcn.h>
-#endif
 
 #include "app_shell/qt/alert_dialog.h"
 #include "app_shell/qt/layouts.h"
@@ -42,20 +41,6 @@ QIcon applicationIcon() {
   return icon;
 }
 
-// A desktop's theme may bring a toolkit that ends the process by _exit() when X's display has gone.
-// Xlib by itself calls exit(), as Qt does.
-void leaveLossOfDisplayToXlib() {
-#ifdef __linux__
-  void* const xlib = ::dlopen("libX11.so.6", RTLD_LAZY | RTLD_NOLOAD);
-  if (xlib == nullptr) return;
-  using Handler = int (*)(void* display);
-  using SetHandler = Handler (*)(Handler);
-  const auto set_handler = reinterpret_cast<SetHandler>(::dlsym(xlib, "XSetIOErrorHandler"));
-  if (set_handler != nullptr) set_handler(nullptr);
-  ::dlclose(xlib);
-#endif
-}
-
 // Qt itself would write to standard error and wait there for a reader who has stopped reading.
 void writeMessage(QtMsgType type, const QMessageLogContext& context, const QString& message) {
   const std::string line = qFormatLogMessage(type, context, message).toStdString();
@@ -77,7 +62,7 @@ class GuardedApplication final : public QApplication {
 };
 
 // The one that serves events.
-QtApplication* serving = nullptr;
+std::atomic<QtApplication*> serving = nullptr;
 
 }  // namespace
 
@@ -96,7 +81,6 @@ int QtApplication::applicationMain(int argc, char** argv, const MainStoryboard& 
   QApplication::setDesktopFileName("qm5-updater");
   GuardedApplication application(argc, argv);
   keepTextsOutOfTheLocale();
-  leaveLossOfDisplayToXlib();
   QApplication::setQuitOnLastWindowClosed(false);
   delegate_ = storyboard.makeDelegate();
   connectDelegateTo(application);
@@ -128,16 +112,21 @@ void QtApplication::connectDelegateTo(QApplication& application) {
                    });
 }
 
-// Qt's plug-in for X ends the process by exit(), on the main thread, when the display has gone.
-// What must not be cut off goes on without one then. At any other exit(), none serves.
+// Qt's plug-in for X ends the process by exit(), on the main thread, when the display has gone;
+// that for Wayland by _exit(), on whichever thread notices first. What must not be cut off goes on
+// without a display then. At any other end none serves, or the process is one that has been forked
+// to start another program.
 void QtApplication::endWithoutDisplay() {
-  if (!serving) return;
-  const QtApplication& application = *std::exchange(serving, nullptr);
-  application.display_lost_();
-  log("The display has gone.");
-  const int status = application.delegate_->applicationLostDisplay();
-  flushLines();
-  std::_Exit(status);
+  const QtApplication* const application = serving;
+  if (!application || application->process_ != ::getpid()) return;
+  application->main_queue_->perform([application] {
+    application->display_lost_();
+    log("The display has gone.");
+    const int status = application->delegate_->applicationLostDisplay();
+    flushLines();
+    std::_Exit(status);
+  });
+  while (true) ::pause();  // the main thread ends the process
 }
 
 void QtApplication::showNotice(int argc, char** argv, const Alert& alert) {
@@ -233,3 +222,13 @@ QWidget* QtApplication::mainWidget() const {
 }
 
 }  // namespace qm5
+
+#ifdef __linux__
+// Where the display has gone, Qt's plug-in for Wayland and the toolkit that a desktop's theme may
+// bring end the process by _exit(), which calls nothing that has been registered before. All
+// libraries find this function in place of the C library's.
+extern "C" void _exit(int status) {
+  qm5::QtApplication::endWithoutDisplay();
+  std::_Exit(status);
+}
+#endif

@@ -1,6 +1,8 @@
 // The application on Qt 6 Widgets.
 #pragma once
 
+#include <unistd.h>
+
 #include <functional>
 #include <memory>
 #include <vector>
@@ -42,14 +44,18 @@ class QtApplication : public Application {
                                             std::string_view identifier) override;
   std::shared_ptr<Window> makeWindow(Rect content, WindowStyle style) override;
 
- private:
+  /// For whoever ends the process because the display has gone: ends it with the delegate's status
+  /// once the delegate agrees. Returns at once where no application serves events. Any thread.
   static void endWithoutDisplay();
+
+ private:
   void connectDelegateTo(QApplication& application);
   void lastWindowClosed();
   void sessionEnds(QSessionManager& session);
   QWidget* mainWidget() const;
 
   const std::function<void()> display_lost_;
+  const pid_t process_ = ::getpid();
   std::unique_ptr<MainQueue> main_queue_;
   std::shared_ptr<ApplicationDelegate> delegate_;
   std::shared_ptr<QtWindow> main_window_;
