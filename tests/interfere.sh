@@ -8,7 +8,7 @@
 set -euo pipefail
 readonly bin=$1 image=$2 desktop=$3 part=${4-}
 if [ -z "$part" ]; then
-  for each in long_run odd_streams signals killed lost_display; do "$0" "$@" $each & done
+  for each in long_run odd_streams signals killed lost_display lost_compositor; do "$0" "$@" $each & done
   for each in $(jobs -p); do wait "$each" || status=$?; done
   exit "${status-0}"
 fi
@@ -20,10 +20,13 @@ install -D "$bin/qm5-updater" "$program"
 cp -r "$bin/../share" "$work"
 cp "$image" "$work"/share/qm5-updater/*.bin
 
-# start OPTION...: sets $simulator and $updater, once the main window is there and has the keyboard.
-start() {
+launch() {
   "$bin/qm5-simulator" --attach-after 1000 "$@" -- "$program" >"$work/lines" 2>&1 &
   simulator=$!
+}
+# start OPTION...: sets $simulator and $updater, once the main window is there and has the keyboard.
+start() {
+  launch "$@"
   on_screen "QM5 Updater"
   updater=$(child_of $simulator)
 }
@@ -224,13 +227,7 @@ signals() {
 insisted() { gone "$simulator" || { kill -TERM "$updater" && false; }; } # two at once count as one
 
 # The update goes on without anybody to tell, whatever signals say, and the computer is kept awake.
-# Desktops like this one have a theme that brings another toolkit, with a connection of its own.
-lost_display() {
-  export XDG_CURRENT_DESKTOP=XFCE
-  start_desktop
-  start --image "$image" --latency-ms 20
-  begin_update
-  question TERM
+lose_screen() {
   kill "$screen"
   await "nothing says that the display has gone" wrote "The display has gone"
   kill -HUP "$updater"
@@ -240,6 +237,34 @@ lost_display() {
   awake_until "the outcome" goes_on_to wrote "The display has gone. The update ended: $success"
   ended
 }
+
+# Desktops like this one have a theme that brings another toolkit, with a connection of its own.
+lost_display() {
+  export XDG_CURRENT_DESKTOP=XFCE
+  start_desktop
+  start --image "$image" --latency-ms 20
+  begin_update
+  question TERM
+  lose_screen
+}
+
+# A Wayland compositor that is a window of the screen, and takes its keys from there.
+lost_compositor() {
+  [[ $(dpkg-query -W -f '${Version}' qt6-wayland) = 6.4.* ]] || return 0 # later ones wait for another
+  export XDG_CURRENT_DESKTOP=XFCE QT_QPA_PLATFORM=wayland WAYLAND_DISPLAY=wayland
+  start_desktop
+  weston --backend=x11-backend.so --use-pixman --no-config --socket=wayland >/dev/null 2>&1 &
+  screen=$!
+  await "no compositor came" compositor
+  launch --image "$image" --latency-ms 20
+  await "the program did not start" wrote "Got data size"
+  updater=$(child_of $simulator)
+  plug $simulator
+  await "no update began" presses alt+n "$(compositor)" goes_on_to wrote chunk
+  kill -STOP $simulator
+  lose_screen
+}
+compositor() { test -S "$work/wayland" && xdotool search --onlyvisible --class weston; }
 
 export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/bus
 start_screen
