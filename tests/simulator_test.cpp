@@ -152,12 +152,12 @@ INSTANTIATE_TEST_SUITE_P(Deviation, Host, testing::ValuesIn(kDeviations), named)
 // --- the simulator around the device ---
 
 TEST(Simulator, AttachesLateObeysSignalsAndEndsWithItsVerdict) {
-  FILE* const output = popen(
-      "env -u LD_PRELOAD " QM5_SIMULATOR_PROGRAM
-      " --attach-after 0.3 -- sh -ec 'cd /dev/bus/usb/001; test ! -e 002; sleep 1; test -e 002;"
-      "kill -USR1 $PPID; sleep 0.5; test ! -e 002; kill -USR2 $PPID; sleep 0.5; test -e 003;"
-      "exit 7'",
-      "r");
+  FILE* const output = popen("env -u LD_PRELOAD " QM5_SIMULATOR_PROGRAM
+                             " --attach-after 2 -- sh -ec 'cd /dev/bus/usb/001; test ! -e 002;"
+                             "until test -e 002; do sleep 0.01; done; kill -USR1 $PPID;"
+                             "while test -e 002; do sleep 0.01; done; kill -USR2 $PPID;"
+                             "until test -e 003; do sleep 0.01; done; exit 7'",
+                             "r");
   std::array<char, 500> text{};
   EXPECT_NE(std::fgets(text.data(), text.size(), output), nullptr);
   EXPECT_EQ(WEXITSTATUS(pclose(output)), 1);
