@@ -151,7 +151,7 @@ TEST_F(Bus, GivesEachArrivalItsOwnIdAndClosesWhatHasLeft) {
   std::set<std::uint64_t> ids;
   std::size_t descriptors = 0;
   long kilobytes = 0;
-  const int rounds = effort(140, 2000);  // the bus has 126 addresses: some come again
+  const int rounds = effort(140, 2000);  // the bus has 125 addresses: some come again
   for (int round = 0; round < rounds; ++round) {
     bus.plug();
     const Lines arrival = announced(1);

@@ -93,23 +93,25 @@ const Steps kGivesUp = {{"Waiting", "kill -INT $P"}};
 const Steps kCycles = {
     {"Waiting", "kill -USR2 $S"}, {"confirming", "kill -USR1 $S"}, {"is off", "kill -USR2 $S"}};
 const std::vector<Ending> kEndings = {
-    {"signals", "--latency-ms 5", kUpdate, "0 1-1 updated 4201", "power cycle", kDrops},
-    {"insisting", "--fault SFWs:1=silent", kUpdate, "7 1-1 ended 4201", "a part of", kInsists},
+    {"signals", "--latency-ms 5", kUpdate, "0 1-1.2 updated 4201", "power cycle", kDrops},
+    {"insisting", "--fault SFWs:1=silent", kUpdate, "7 1-1.2 ended 4201", "a part of", kInsists},
     {"a signal while it waits", kAway, "--wait", "7 null ended null", "request", kGivesUp},
-    {"a power cycle", kAway, " --wait --confirm" + kUpdate, "0 1-1 confirmed 4201", "", kCycles},
-    {"no power cycle", "", kUpdate + " --confirm=0.1", "1 1-1 unconfirmed 4201", "in time"},
-    {"up to date", "--version 4208", "", "0 1-1 up-to-date 4208", "No need to update."},
-    {"a check", "", "--check --target 0a0b", "10 1-1 update-due 4201", "version 0A0B"},
-    {"a refused block", "--fault SFWs:1=result:5", kUpdate, "1 1-1 failed 4201", "with code 0x5."},
-    {"no version", "--fault request:1=stall", kUpdate, "1 1-1 no-version null", "version error !"},
+    {"a power cycle", kAway, " --wait --confirm" + kUpdate, "0 1-1.2 confirmed 4201", "", kCycles},
+    {"no power cycle", "", kUpdate + " --confirm=0.1", "1 1-1.2 unconfirmed 4201", "in time"},
+    {"up to date", "--version 4208", "", "0 1-1.2 up-to-date 4208", "No need to update."},
+    {"a check", "", "--check --target 0a0b", "10 1-1.2 update-due 4201", "version 0A0B"},
+    {"a refused block", "--fault SFWs:1=result:5", kUpdate, "1 1-1.2 failed 4201",
+     "with code 0x5."},
+    {"no version", "--fault request:1=stall", kUpdate, "1 1-1.2 no-version null",
+     "version error !"},
     {"wrong options", "", "--image /nowhere", "2", ""},
     {"no QM5", kAway, "--wait=0.1", "3 null no-device null", "No QM5 device !"},
-    {"a list", "", "--list --device 1-1", "0 1-1 listed null", "4201"},
+    {"a list", "", "--list --device 1-1.2", "0 1-1.2 listed null", "4201"},
     {"another port", "", "--device 1-2", "3 1-2 no-device null", "None was found at port 1-2."},
     {"no right", "--no-permission", "", "4 null not-permitted null", "you may not open it"},
     {"a bus in use", "", "", "5 null bus-in-use null", "flock (", {}, "flock /sys/bus/usb"},
-    {"no image", "", "--image /no --target 4208", "6 1-1 no-image 4201", "/no is missing"},
-    {"no fit image", "", "--image /etc/group --target 4208", "6 1-1 no-image 4201", "no image"},
+    {"no image", "", "--image /no --target 4208", "6 1-1.2 no-image 4201", "/no is missing"},
+    {"no fit image", "", "--image /etc/group --target 4208", "6 1-1.2 no-image 4201", "no image"},
 };
 INSTANTIATE_TEST_SUITE_P(Endings, Command, testing::ValuesIn(kEndings), named);
 

@@ -153,10 +153,10 @@ INSTANTIATE_TEST_SUITE_P(Deviation, Host, testing::ValuesIn(kDeviations), named)
 
 TEST(Simulator, AttachesLateObeysSignalsAndEndsWithItsVerdict) {
   FILE* const output = popen("env -u LD_PRELOAD " QM5_SIMULATOR_PROGRAM
-                             " --attach-after 2 -- sh -ec 'cd /dev/bus/usb/001; test ! -e 002;"
-                             "until test -e 002; do sleep 0.01; done; kill -USR1 $PPID;"
-                             "while test -e 002; do sleep 0.01; done; kill -USR2 $PPID;"
-                             "until test -e 003; do sleep 0.01; done; exit 7'",
+                             " --attach-after 2 -- sh -ec 'cd /dev/bus/usb/001; test ! -e 003;"
+                             "until test -e 003; do sleep 0.01; done; kill -USR1 $PPID;"
+                             "while test -e 003; do sleep 0.01; done; kill -USR2 $PPID;"
+                             "until test -e 004; do sleep 0.01; done; exit 7'",
                              "r");
   std::array<char, 500> text{};
   EXPECT_NE(std::fgets(text.data(), text.size(), output), nullptr);

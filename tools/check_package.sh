@@ -103,7 +103,7 @@ check_installing() {
   # What the real udevadm finds by that on a bus with a hub and a QM5.
   devices=$(build/release/bin/qm5-simulator -- \
     udevadm "${trigger[@]}" --dry-run --verbose | grep '^/sys/') || true
-  [[ "$devices" =~ ^/sys/[^[:space:]]*/1-1$ ]] || fail "it triggers: $devices"
+  [[ "$devices" =~ ^/sys/[^[:space:]]*/1-1\.2$ ]] || fail "it triggers: $devices"
 }
 
 # The report names the QM5 that is there, and neither the person nor the computer.

@@ -20,9 +20,10 @@ namespace qm5 {
 namespace {
 
 constexpr unsigned int kLastAddress = 127;  // an address on USB has seven bits
-constexpr unsigned int kFirstAddress = 2;
+constexpr unsigned int kFirstAddress = 3;   // the two hubs have the ones before it
 constexpr const char* kRootHubPath = "/devices/pci0000:00/0000:00:14.0/usb1";
-constexpr const char* kDevicePath = "/devices/pci0000:00/0000:00:14.0/usb1/1-1";
+constexpr const char* kHubPath = "/devices/pci0000:00/0000:00:14.0/usb1/1-1";
+constexpr const char* kDevicePath = "/devices/pci0000:00/0000:00:14.0/usb1/1-1/1-1.2";
 
 // Descriptors: a device (18 bytes), followed by its one configuration, which has one interface
 // without endpoints of its own.
@@ -30,6 +31,10 @@ constexpr const char* kConfiguration =
     "09021200010100803209040000"
     "00ff000000";
 constexpr const char* kRootHubDescriptor = "12010002090000406b1d0200000600000001";
+constexpr const char* kHubDescriptor =
+    "1201000209000140"
+    "51040100"
+    "000100000001";
 constexpr const char* kDeviceDescriptor =
     "12010002ff000040"
     "5104e1ac"
@@ -64,6 +69,10 @@ std::string describe(const std::string& path, unsigned int address, const std::s
 
 std::string describeRootHub() {
   return describe(kRootHubPath, 1, "A: idVendor=1d6b\nA: idProduct=0002\n", kRootHubDescriptor);
+}
+
+std::string describeHub() {
+  return describe(kHubPath, 2, "A: idVendor=0451\nA: idProduct=0001\n", kHubDescriptor);
 }
 
 std::string describeQm5(unsigned int address, const std::optional<std::string>& product) {
@@ -129,6 +138,8 @@ EmulatedBus::EmulatedBus(FaultyQm5& device, Options options)
     : device_(device), options_(std::move(options)), kernel_(std::make_unique<Kernel>()) {
   kernel_->makeNode(nodePath(1), true);
   kernel_->add(describeRootHub());
+  kernel_->makeNode(nodePath(2), true);
+  kernel_->add(describeHub());
   departure_thread_ = std::thread([this] { handleDepartures(); });
 }
 

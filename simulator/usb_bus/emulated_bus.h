@@ -1,6 +1,8 @@
 // An emulated USB bus with a software QM5: sysfs, device nodes, hot-plug events and control
 // requests. libusb can't tell it from the kernel's bus.
 //
+// The QM5 is behind a hub of the same vendor, which nobody may take for a QM5.
+//
 // This process and its child processes see the emulated bus instead of the machine's own when
 // they run in umockdev's environment. One bus per process.
 #pragma once
@@ -60,7 +62,7 @@ class EmulatedBus {
 
   std::mutex mutex_;  // guards what follows
   std::unique_ptr<Kernel> kernel_;
-  unsigned int address_ = 1;  // the last one given; 1 is the root hub's
+  unsigned int address_ = 2;  // the last one given; 1 and 2 are the hubs'
 
   // A fault makes the device leave in the middle of a request, on a thread that must not wait for
   // the bus. So that thread only notes the departure. departure_thread_ then takes the device off
