@@ -1,6 +1,7 @@
 // The pieces of the operating system that the rest relies on.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -272,6 +273,26 @@ TEST(BusClaim, IsAnsweredByItsOwnerWhoLearnsOfEachLaterStart) {
   EXPECT_EQ(std::get<BusInUse>(claim("")).by, BusInUse::By::thisUserWithoutWindows);
   EXPECT_EQ(notes.newLines()[0], "token");
   kill(impostor, SIGKILL);
+}
+
+TEST(BusClaim, KeepsOtherUsersOutAndDoesNotListenToThem) {
+  if (getuid() != 0) GTEST_SKIP() << "root alone can become another user";
+  Notes notes;
+  auto claimed = claim("");
+  std::get<BusClaim>(claimed).followLaterStarts(
+      [&](const std::string& token) { notes.note(token); });
+  ASSERT_EQ(chmod(bus(), 0755), 0);
+  const pid_t other_user = fork();
+  if (other_user == 0) {
+    const int result = setuid(65534);
+    const auto refused = std::get<BusInUse>(claim("another user's token"));
+    _exit(result == 0 && refused.by == BusInUse::By::anotherUser ? 0 : 7);
+  }
+  int status = 0;
+  waitpid(other_user, &status, 0);
+  EXPECT_EQ(status, 0);
+  for (int starts = 0; starts < 2; ++starts) claim("token");
+  EXPECT_EQ(notes.newLines()[0], "token");
 }
 
 }  // namespace
