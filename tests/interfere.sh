@@ -161,12 +161,13 @@ long_run() {
   ended
 }
 
-# A pipe of one page that nobody reads, a full disk, a limit of a file's size, closed streams: the
+# A pipe of one page that nobody reads, one whose reader has gone, a full disk, a limit of a file's size, closed streams: the
 # updates take place, and their windows answer. All at the same time.
 # shellcheck disable=SC2016 # the shells that run them expand them
 declare -A cases=(
   ["full pipe"]='perl -e "pipe R, W; fcntl W, 1031, 4096; syswrite W, q(.) x 4096;
      open STDOUT, q(>&W); open STDERR, q(>&W); \$^F = 99; fcntl R, 2, 0; exec @ARGV" -- "$@"'
+  ["no reader"]='exec "$@" > >(:) 2>&1'
   ["full disk"]='exec "$@" >/dev/full 2>&1'
   ["limited file"]='ulimit -f 1; exec "$@" >"$0" 2>&1'
   ["no output"]='exec "$@" >&- 2>&-'

@@ -42,19 +42,23 @@ sigset_t controlSignals() {
   return signals;
 }
 
-/// Starts the program with no signal blocked; empty when it can't be started.
+/// Starts the program with no signal blocked, and SIGPIPE not ignored, as GLib has it in this
+/// process; empty when it can't be started.
 std::optional<pid_t> start(const std::vector<std::string>& program) {
   std::vector<std::string> words = program;
   std::vector<char*> arguments;
   arguments.reserve(words.size() + 1);
   for (std::string& word : words) arguments.push_back(word.data());
   arguments.push_back(nullptr);
-  sigset_t none;
+  sigset_t none, ignored;
   sigemptyset(&none);
+  sigemptyset(&ignored);
+  sigaddset(&ignored, SIGPIPE);
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
   posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  posix_spawnattr_setsigdefault(&attributes, &ignored);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   pid_t process = 0;
   const int error =
       posix_spawnp(&process, arguments[0], nullptr, &attributes, arguments.data(), environ);
