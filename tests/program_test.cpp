@@ -62,7 +62,7 @@ void updateAfterAnUnplug(Desk& desk, EmulatedBus& bus, std::size_t moment) {
   EXPECT_EQ(desk.qm5->flash(), flashContents(ByteView(smallImage()).subspan(kImagePayloadStart)));
   desk.qm5->powerCycle();
   EXPECT_EQ(desk.qm5->version(), 0x4208);
-  EXPECT_FALSE(desk.ask([] { return QApplication::windowIcon().isNull(); }));
+  EXPECT_FALSE(desk.ask([] { return QApplication::windowIcon().availableSizes().isEmpty(); }));
   for (const std::string& line : desk.transcript.newLines())
     EXPECT_FALSE(line.starts_with("log: The computer may")) << "it waited for the system bus";
 }
@@ -88,6 +88,7 @@ TEST(Program, SendsExactlyTheRequestsOfAnUpdateAlsoAfterAnUnplug) {
                            moments.size(), caseOf, [&](Desk& desk, const auto& begin) {
                              Desk::wholeProgram(desk, [&] {
                                begin();
+                               ASSERT_EQ(chdir("/"), 0);  // a desktop may start it anywhere
                                hangBuses();
                                desk.qm5.emplace();
                                bus.emplace(*desk.qm5);
