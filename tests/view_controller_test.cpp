@@ -284,10 +284,13 @@ TEST_F(Shell, AsksOnceBeforeItEndsAndWithoutARunEndsAtASignal) {
 
 TEST_F(Shell, SaysThatAnotherDeviceCameDuringTheUpdateAndNotThatOneLeft) {
   attach(0x4201);
+  const std::uint64_t first = global_driver->deviceInfo()->id;
   USBDevice another;
   another.id = 99;
   during_sleep = [&] {
-    NotificationCenter::defaultCenter().post({USBDeviceConnected, Dictionary{{"device", another}}});
+    auto& center = NotificationCenter::defaultCenter();
+    center.post({USBDeviceConnected, Dictionary{{"device", another}}});
+    center.post({USBDeviceDisconnected, Dictionary{{"id", first}}});
   };
   for (const std::string before : {"Another QM5 was connected during the update. ", ""}) {
     EXPECT_EQ(update().reason, before + "The QM5 did not report its version.");
@@ -353,10 +356,12 @@ using ShellDeathTest = Shell;
 TEST_F(ShellDeathTest, StopsTheProgramWithoutAPartOfItsLayout) {
   const auto press_next = [this] {
     start();
+    attach(0x4201);
     application.main->press("btnNext");
   };
   for (const std::string outlet :
-       {"deviceStatus", "sleepStatus", "txtPackagedVersion", "btnExit", "btnNext", "progressBar"}) {
+       {"deviceStatus", "sleepStatus", "txtPackagedVersion", "btnExit", "btnNext", "runStatus",
+        "btnDetails", "progressBar", "txtTitle2", "txtElapsed", "txtRemaining", "txtPhase"}) {
     application.main->missing_outlets = application.progress->missing_outlets = {outlet};
     EXPECT_DEATH(press_next(), "fatal error: no (button )?" + outlet);
   }
