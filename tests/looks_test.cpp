@@ -198,7 +198,11 @@ void expectReadable(QWidget& widget, const Desktop& desktop) {
 // The main window's own, as the windows on it are its children too.
 QImage signOf(const QWidget& main) {
   for (auto* box : main.findChildren<QWidget*>("deviceStatus"))
-    if (box->window() == &main) return box->findChild<StatusSign*>()->grab().toImage();
+    if (box->window() == &main) {
+      const QImage sign = box->findChild<StatusSign*>()->grab().toImage();
+      // At this place there is the main colour of all of them.
+      return sign.createMaskFromColor(sign.pixel(sign.width() / 2, sign.height() * 83 / 100));
+    }
   return {};
 }
 
@@ -269,6 +273,7 @@ TEST_P(Looks, AreWholeTidyAndReadable) {
       EXPECT_EQ(top.findChild<QPushButton*>()->mapToGlobal(QPoint()), place);
     }
     EXPECT_EQ(top.isModal(), !state.starts_with("main")) << "it blocks the others";
+    EXPECT_EQ(top.parentWidget() == nullptr, &top == main) << "it stands on the window below";
     EXPECT_EQ(top.size(), top.size().boundedTo(room));
     const auto window = state.substr(0, state.find(','));
     EXPECT_EQ(sizes.try_emplace(window, top.size()).first->second.width(), top.width())
@@ -295,7 +300,7 @@ std::string readAloud(QWidget& top) {
       {QAccessible::StaticText, "title "}, {QAccessible::Graphic, "picture "},
       {QAccessible::Button, "button "},    {QAccessible::ProgressBar, "bar "},
       {QAccessible::StatusBar, "status"},  {QAccessible::EditableText, "lines "}};
-  std::string told;
+  std::string heard;
   const std::function<void(QAccessibleInterface&)> read = [&](QAccessibleInterface& node) {
     const auto* label = qobject_cast<QLabel*>(node.object());
     if (node.state().invisible || (label && label->text().isEmpty())) return;
@@ -305,19 +310,19 @@ std::string readAloud(QWidget& top) {
     EXPECT_EQ(name.find_first_of("<_"), name.npos) << name << ": not as a person would say it";
     const bool is_title = label && label->font().weight() > QFont::Normal;
     if (kind != kinds.end() && (!label || is_title))
-      told += kind->second + (node.role() == QAccessible::StatusBar ? "" : name) + ", ";
+      heard += kind->second + (node.role() == QAccessible::StatusBar ? "" : name) + ", ";
     if (auto* value = node.valueInterface())
-      told += "at " + value->currentValue().toString().toStdString() + ", ";
+      heard += "at " + value->currentValue().toString().toStdString() + ", ";
     if (node.role() == QAccessible::EditableText) return;  // what scrolls it has no name
     for (int i = 0; i < node.childCount(); ++i) read(*node.child(i));
   };
   read(*QAccessible::queryAccessibleInterface(&top));
   const QWidget* first = top.focusWidget();
   do {
-    told += "Tab " + nameOf(top.focusWidget()) + " ";
+    heard += "Tab " + nameOf(top.focusWidget()) + " ";
     QTest::keyClick(&top, Qt::Key_Tab);
-  } while (top.focusWidget() != first && told.size() < 1000);
-  return told;
+  } while (top.focusWidget() != first && heard.size() < 1000);
+  return heard;
 }
 
 std::string mainWith(const std::string& sign) {
@@ -362,9 +367,9 @@ TEST(Windows, AreNamedReachedByTabAndTellWhatChanges) {
       QGuiApplicationPrivate::platformIntegration()->accessibility()->setActive(true);
       QAccessible::installUpdateHandler(countAnnouncement);
     }
-    const std::string told = readAloud(top);
+    const std::string heard = readAloud(top);
     const auto expected = expected_aloud.extract(state);
-    EXPECT_EQ(told, expected ? expected.mapped() : told);
+    EXPECT_EQ(heard, expected ? expected.mapped() : heard);
     if (state != kLast) return;
     EXPECT_TRUE(expected_aloud.empty());
     EXPECT_EQ(announcements["txtStatus"], 26) << "each new name, and an alert that it has changed";
