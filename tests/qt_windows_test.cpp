@@ -4,8 +4,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <private/qsessionmanager_p.h>
+#include <qpa/qplatformsessionmanager.h>
 #include <QApplication>
 #include <QClipboard>
+#include <QDialogButtonBox>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileDialog>
@@ -49,20 +52,30 @@ class QtWindows : public testing::Test {
 
  protected:
   void note(const std::string& what) { heard_.push_back(what); }
-  void ask(Window& window) {
-    window.beginSheet({.messageText = "Exit confirmation",
-                       .informativeText = "Do you want to quit?",
-                       .firstButton = "Quit",
-                       .otherButtons = {"Don't quit"},
-                       .comesUnasked = true},
-                      [this](int response) { note(std::to_string(response)); });
-    QTest::qWait(1);
+  // Shows a window, and returns it once it is on the screen and has the keyboard.
+  static QWidget* shownBy(const std::function<void()>& show) {
+    const QWidget* const below = QApplication::activeWindow();
+    show();
+    const auto top = [] { return QApplication::activeWindow(); };
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] { return top() && top() != below && top()->windowHandle()->isExposed(); }));
+    return top();
+  }
+  QWidget* ask(Window& window) {
+    return shownBy([&] {
+      window.beginSheet({.messageText = "Exit confirmation",
+                         .informativeText = "Do you want to quit?",
+                         .firstButton = "Quit",
+                         .otherButtons = {"Don't quit"},
+                         .comesUnasked = true},
+                        [this](int response) { note(std::to_string(response)); });
+    });
   }
   QWidget* show(Window& window) {
-    window.show();
-    clock_.sleep(0.5);  // nobody sees it yet
-    QTest::qWait(1);
-    return QApplication::activeWindow();
+    return shownBy([&] {
+      window.show();
+      clock_.sleep(0.5);  // nobody sees it yet
+    });
   }
 
   VirtualClock clock_;
@@ -77,9 +90,11 @@ TEST_F(QtWindows, TicksWhileItIsOnTheScreenOnly) {
   window->setTimer(0.001, [&] { ++ticks; });
   QTest::qWait(20);
   EXPECT_EQ(ticks, 0);
-  show(*window);
+  const QWidget* const shown = show(*window);
   EXPECT_TRUE(QTest::qWaitFor([&] { return ticks > 1; }));
-  window->close();
+  std::thread([&] { window->close(); }).join();
+  EXPECT_TRUE(shown->isVisible()) << "the main thread alone hides it";
+  EXPECT_TRUE(QTest::qWaitFor([&] { return !shown->isVisible(); }));
   ticks = 0;
   QTest::qWait(20);
   EXPECT_EQ(ticks, 0);
@@ -114,21 +129,25 @@ TEST_F(QtWindows, StepsKeepTheirOrderInAndOutOfNestedRuns) {
 TEST_F(QtWindows, AKeyHeldSinceAnotherWindowPressesNothing) {
   const auto window = mainWindow();
   QTest::keyPress(show(*window), Qt::Key_Return);
-  ask(*window);
+  QWidget* const question = ask(*window);
+  const auto* const buttons = question->findChild<QDialogButtonBox*>();
+  for (QAbstractButton* button : buttons->buttons())
+    EXPECT_EQ(buttons->buttonRole(button) == QDialogButtonBox::AcceptRole,
+              button->text() == "&Quit");
   clock_.sleep(0.5);
-  QTest::keyPress(QApplication::activeModalWidget(), Qt::Key_Return);
+  QTest::keyPress(question, Qt::Key_Return);
   EXPECT_EQ(heard_, Trace{});
   clock_.sleep(1);  // it was let go where no window heard of it
-  QTest::keyClick(QApplication::activeModalWidget(), Qt::Key_Return);
+  QTest::keyClick(question, Qt::Key_Return);
   EXPECT_EQ(heard_, Trace{"1001"});
 }
 
 TEST_F(QtWindows, ShowsLinesToCopyAndSave) {
   const auto window = mainWindow();
   QWidget* shown = show(*window);
-  window->showText({"Details", "The lines of the run.", "one\ntwo", "run.txt"});
-  QTest::qWait(1);
-  QWidget* details = QApplication::activeModalWidget();
+  QWidget* details = shownBy([&] {
+    window->showText({"Details", "The lines of the run.", "one\ntwo", "run.txt"});
+  });
   QTest::keyClick(details, Qt::Key_C, Qt::AltModifier);
   EXPECT_TRUE(
       QTest::qWaitFor([] { return QApplication::clipboard()->text() == QString("one\ntwo"); }));
@@ -170,7 +189,7 @@ class PaintCount : public QObject {
 
 TEST_F(QtWindows, ProgressIsDrawnEveryOtherFrameToItsLastValueAndHoldsNothingUp) {
   constexpr int kSteps = 300'000;
-  constexpr int kRest = 32;  // milliseconds, two frames
+  constexpr int kPause = 32;  // milliseconds, two frames
   const auto window = progressWindow();
   const QWidget* shown = show(*window);
   auto* title = shown->findChild<QLabel*>("txtTitle2");
@@ -196,8 +215,8 @@ TEST_F(QtWindows, ProgressIsDrawnEveryOtherFrameToItsLastValueAndHoldsNothingUp)
   timer.callOnTimeout([&] { done_before_timer = done; });
   timer.start(1);
   EXPECT_TRUE(QTest::qWaitFor([&] { return title->text() == QString::number(kSteps); }, 30'000));
-  QTest::qWait(2 * kRest);
-  const auto frames = static_cast<int>(time.elapsed() / kRest + 1);
+  QTest::qWait(2 * kPause);
+  const auto frames = static_cast<int>(time.elapsed() / kPause + 1);
   EXPECT_LT(done_before_timer, kSteps) << "the steps ran before all else";
   for (const int paints : {title_paints.paints, bar_paints.paints}) {
     EXPECT_GE(paints, 2);
@@ -222,6 +241,11 @@ struct TellingDelegate : ApplicationDelegate {
     return std::exchange(agrees_, true);
   }
   bool agrees_ = false;
+};
+
+struct TellingSession : QPlatformSessionManager {
+  using QPlatformSessionManager::QPlatformSessionManager;
+  void cancel() override { std::fputs("cancelled, ", stderr); }
 };
 
 // Runs the application on a toolkit of its own, with a thread at work, and has `end` end it.
@@ -267,10 +291,13 @@ TEST(QtApplicationDeathTest, EndsWithItsLastWindowAndWhenToldTo) {
   };
   EXPECT_EXIT(runUntil(end_child), testing::ExitedWithCode(5), "") << "another process's end";
   const auto session_then_signal = [](QtApplication& application) {
-    emit qApp->commitDataRequest(*qApp->findChild<QSessionManager*>());
+    auto& session = *qApp->findChild<QSessionManager*>();
+    static_cast<QSessionManagerPrivate*>(QObjectPrivate::get(&session))->platformSessionManager =
+        new TellingSession("", "");
+    emit qApp->commitDataRequest(session);
     application.requestTermination([] {});
   };
-  EXPECT_EXIT(runUntil(session_then_signal), ended, "asked, asked, will terminate");
+  EXPECT_EXIT(runUntil(session_then_signal), ended, "asked, cancelled, asked, will terminate");
 }
 
 }  // namespace
