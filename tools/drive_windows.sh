@@ -21,6 +21,9 @@ start_screen
 readonly simulator=$!
 
 on_screen "QM5 Updater"
+desktop_file=$(dirname "$0")/../packaging/qm5-updater.desktop
+class=$(grep -oP "^StartupWMClass=\K.+" "$desktop_file")
+xdotool search --onlyvisible --classname "^$class\$" >/dev/null || fail "no window of class \"$class\""
 save "QM5 Updater" "$screens/main.png"
 xdotool key Return # Next is the default button
 
