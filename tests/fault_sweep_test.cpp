@@ -140,9 +140,9 @@ class Faults : public testing::Test {
                   << next.wrong;
   }
   void summarize(const std::string& sweep) const {
-    report(sweep + ": " + std::to_string(tried_) + " tried, " + std::to_string(told_[1]) +
-           " finish dialogs, " + std::to_string(told_[0]) + " alerts, " + std::to_string(wrong_) +
-           " wrong outcomes");
+    report(sweep + ": " + std::to_string(tried_) + " tried, " + std::to_string(endings_[1]) +
+           " finish dialogs, " + std::to_string(endings_[0]) + " alerts, " +
+           std::to_string(wrong_) + " wrong outcomes");
     report(sweep + ": " + std::to_string(texts_.checked()) + " texts at " +
            std::to_string(moments_) + " moments");
     for (const auto& [why, count] : unnoticed_) {
@@ -156,7 +156,7 @@ class Faults : public testing::Test {
 
  private:
   void count(const Verdict& verdict) {
-    told_[verdict.is_finished] += 1;
+    endings_[verdict.is_finished] += 1;
     if (verdict.excuse) unnoticed_[*verdict.excuse] += 1;
   }
   void prepare(const Troubles& troubles) {
@@ -240,7 +240,7 @@ class Faults : public testing::Test {
 
   const Look look_;
   std::size_t tried_ = 0;
-  std::size_t told_[2] = {};  // alerts and finish dialogs
+  std::size_t endings_[2] = {};  // alerts and finish dialogs
   std::size_t wrong_ = 0;
   std::size_t moments_ = 0;
   std::vector<RequestRecord> requests_;  // of the last update that succeeded
