@@ -283,18 +283,23 @@ TEST_F(Shell, AsksOnceBeforeItEndsAndWithoutARunEndsAtASignal) {
 }
 
 TEST_F(Shell, SaysThatAnotherDeviceCameDuringTheUpdateAndNotThatOneLeft) {
-  attach(0x4201);
-  const std::uint64_t first = global_driver->deviceInfo()->id;
-  USBDevice another;
-  another.id = 99;
-  during_sleep = [&] {
-    auto& center = NotificationCenter::defaultCenter();
-    center.post({USBDeviceConnected, Dictionary{{"device", another}}});
-    center.post({USBDeviceDisconnected, Dictionary{{"id", first}}});
+  const auto during_run = [this](const std::vector<Notification>& changes) {
+    during_sleep = [changes] {
+      for (const auto& each : changes) NotificationCenter::defaultCenter().post(each);
+    };
+    return update().reason;
   };
-  for (const std::string before : {"Another QM5 was connected during the update. ", ""}) {
-    EXPECT_EQ(update().reason, before + "The QM5 did not report its version.");
-  }
+  USBDevice first, another;
+  first.id = 98;
+  another.id = 99;
+  const Notification comes = {USBDeviceConnected, Dictionary{{"device", first}}};
+  const Notification other_comes = {USBDeviceConnected, Dictionary{{"device", another}}};
+  const Notification leaves = {USBDeviceDisconnected, Dictionary{{"id", first.id}}};
+  const std::string reason = "The QM5 did not report its version.";
+  EXPECT_EQ(during_run({comes}), reason);
+  EXPECT_EQ(during_run({other_comes, leaves}),
+            "Another QM5 was connected during the update. " + reason);
+  EXPECT_EQ(during_run({other_comes}), reason);
 }
 
 TEST_F(Shell, SaysBeforeNextWhatIsInThePackage) {
