@@ -171,6 +171,8 @@ declare -A cases=(
   ["full disk"]='exec "$@" >/dev/full 2>&1'
   ["limited file"]='ulimit -f 1; exec "$@" >"$0" 2>&1'
   ["no output"]='exec "$@" >&- 2>&-'
+  ["no input, no output"]='exec "$@" <&- >&-'
+  ["no input, no errors"]='exec "$@" <&- 2>&-'
   ["no streams"]='exec "$@" <&- >&- 2>&-'
 )
 odd_streams() {
