@@ -158,6 +158,7 @@ void check(Desk& desk, unsigned shown, bool disturbed) {
   EXPECT_EQ(desk.shown(), shown);
   if (shown == kEnded) return;
   EXPECT_TRUE(desk.hasWayOn());
+  EXPECT_NE(std::remove("qm5-update-lines.txt"), 0) << "Nobody has pressed the last \"Save\".";
   EXPECT_TRUE(!desk.is_undecided || (shown & kQuestion) != 0);
   const bool there = desk.bus.isPlugged();
   const std::pair<const char*, bool> words[] = {

@@ -29,6 +29,11 @@ bool isPress(QEvent::Type type) {
          type == QEvent::MouseButtonDblClick;
 }
 
+// ShortcutOverride comes before a press, and asks whether that may be a mnemonic.
+bool isKey(QEvent::Type type) {
+  return type == QEvent::KeyPress || type == QEvent::KeyRelease || type == QEvent::ShortcutOverride;
+}
+
 // An event comes to the window first and to its widgets then.
 QWindow* windowOf(QObject& receiver) {
   if (auto* widget = qobject_cast<QWidget*>(&receiver)) return widget->window()->windowHandle();
@@ -56,8 +61,10 @@ void PressGuard::ignoreFirstPresses(QWidget& window) {
 bool PressGuard::eventFilter(QObject* receiver, QEvent* event) {
   const QEvent::Type type = event->type();
   if (type == QEvent::Expose) countFromNow(*receiver);
-  const bool is_key = type == QEvent::KeyPress || type == QEvent::KeyRelease;
-  if (is_key && isRepetition(*receiver, static_cast<const QKeyEvent&>(*event))) return true;
+  if (isKey(type) && isRepetition(*receiver, static_cast<const QKeyEvent&>(*event))) {
+    event->accept();  // or it presses a button by its mnemonic
+    return true;
+  }
   return isPress(type) && isTooEarly(*receiver);
 }
 
@@ -86,10 +93,12 @@ bool PressGuard::isTooEarly(const QObject& receiver) {
 // for longer than that takes was let go, though nobody heard of it: where another window has become
 // modal in between, Qt drops the release.
 bool PressGuard::isRepetition(QObject& receiver, const QKeyEvent& key) {
-  if (!pressesButtons(key.key())) return false;
-  const bool is_press = key.type() == QEvent::KeyPress;
-  if (!is_press && !key.isAutoRepeat()) held_.erase(key.key());
-  if (!is_press) return key.isAutoRepeat();
+  if (key.type() == QEvent::KeyRelease) {
+    if (!key.isAutoRepeat()) held_.erase(key.key());
+    return key.isAutoRepeat() && pressesButtons(key.key());
+  }
+  const bool is_mnemonic = key.modifiers().testFlag(Qt::AltModifier);
+  if (key.type() == QEvent::KeyPress ? !pressesButtons(key.key()) : !is_mnemonic) return false;
   const double now = processClock().now();
   const Held held{windowOf(receiver), now};
   const auto [known, is_new] = held_.try_emplace(key.key(), held);

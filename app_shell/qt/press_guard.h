@@ -13,9 +13,9 @@ class QWindow;
 
 namespace qm5 {
 
-/// Filters the events of all windows. Of Return, Enter and Space it drops what the keyboard repeats
-/// by itself while the key is held, and a press of a key that has been held since before, in
-/// another window. Main thread.
+/// Filters the events of all windows. Of Return, Enter, Space and mnemonics it drops what the
+/// keyboard repeats by itself while the key is held, and a press of a key that has been held since
+/// before, in another window. Main thread.
 class PressGuard : public QObject {
   Q_OBJECT
 
