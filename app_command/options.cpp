@@ -2,11 +2,11 @@
 
 #include <getopt.h>
 
+#include <QRegularExpression>
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <limits>
-#include <regex>
 
 #include "app_command/verdict.h"
 
@@ -61,9 +61,9 @@ bool parseSeconds(std::string_view value, std::optional<double>& seconds) {
 
 // Numbers, a hyphen behind the first one and dots behind the others, as in "1-4.2".
 bool parsePlace(std::string_view value, std::optional<std::string>& place) {
-  static const std::regex names("[0-9]+-[0-9]+([.][0-9]+)*");
+  static const QRegularExpression names("\\A[0-9]+-[0-9]+([.][0-9]+)*\\z");
   place = value;
-  return std::regex_match(*place, names);
+  return names.match(QString::fromStdString(*place)).hasMatch();
 }
 
 bool parseVersion(std::string_view value, std::string& version) {

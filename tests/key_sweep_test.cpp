@@ -50,7 +50,7 @@ unsigned expected(unsigned shown, const QString& focus, bool early, const Press&
   } else if (press.key == kClosesMain) {  // another window stands on it
   } else if (!early && press.key == Qt::Key_Escape) {
     change = rule.escape;
-  } else if (!early) {
+  } else if (!early && !rule.buttons.empty()) {  // Space only changes the name of a file
     const auto& buttons = rule.buttons;
     const auto at = std::find(buttons.begin(), buttons.end(), focus) - buttons.begin();
     QString button = buttons[static_cast<std::size_t>(at + press.tabs) % buttons.size()];
