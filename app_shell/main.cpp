@@ -43,7 +43,7 @@ int run(int argc, char** argv) {
     showAlreadyRunning(argc, argv, *in_use);
     return 0;
   }
-  auto& claim = std::get<BusClaim>(claimed);
+  BusClaim& claim = *std::get_if<BusClaim>(&claimed);
   blockTerminationSignals();
   setAdapters([&claim] {
     holdTermination();

@@ -131,13 +131,11 @@ void ViewController::finishRun(RunRecord record) {
   application().mainQueueAsync([self = shared_from_this(), record = std::move(record)]() mutable {
     self->runReport->runEnded(std::move(record));
   });
-  const auto report = [self = shared_from_this(), outcome] { self->report(outcome); };
-  // Not later: while one window goes and another one comes, none may have the keyboard.
-  const bool is_seen = isActive;
-  passesThroughMainQueue(outcome) ? application().mainQueueAsync(report) : report();
-  if (is_seen) return;
+  // Before the report: while one window goes and another one comes, none may have the keyboard.
   application().mainQueueAsync(
       [self = shared_from_this(), outcome] { self->notifyOfEnd(outcome); });
+  const auto report = [self = shared_from_this(), outcome] { self->report(outcome); };
+  passesThroughMainQueue(outcome) ? application().mainQueueAsync(report) : report();
 }
 
 void ViewController::report(Outcome outcome) {

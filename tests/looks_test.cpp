@@ -197,12 +197,12 @@ void expectReadable(QWidget& widget, const Desktop& desktop) {
 
 // The main window's own, as the windows on it are its children too.
 QImage signOf(const QWidget& main) {
-  for (auto* box : main.findChildren<QWidget*>("deviceStatus"))
-    if (box->window() == &main) {
-      const QImage sign = box->findChild<StatusSign*>()->grab().toImage();
-      // At this place there is the main colour of all of them.
-      return sign.createMaskFromColor(sign.pixel(sign.width() / 2, sign.height() * 83 / 100));
-    }
+  for (auto* box : main.findChildren<QWidget*>("deviceStatus")) {
+    if (box->window() != &main) continue;
+    const QImage sign = box->findChild<StatusSign*>()->grab().toImage();
+    // At this place there is the main colour of all of them.
+    return sign.createMaskFromColor(sign.pixel(sign.width() / 2, sign.height() * 83 / 100));
+  }
   return {};
 }
 

@@ -77,18 +77,19 @@ TEST_P(Run, EndsInItsAlertAndCanBeRepeated) {
   if (name == "no version") device->addFault({.kind = FaultKind::stall_on, .number = 1});
   Lines expected = kNext;
   if (version) expected.emplace_back("out: Found TI SOC on IOKit");
+  expected = expected + lines;
+  const auto before_report = static_cast<std::ptrdiff_t>(expected.size());
   const std::string shown = "alert on main: " + std::string(alert) + " [OK]";
   const bool from_job = name == "no image";  // which asks for the alert itself
-  expected = expected + lines +
-             (from_job ? Lines{"stopModal [job]", "progress closed [job]", shown + " [job]",
-                               "may sleep", "stopModal"}
-                       : kDown + Lines{shown, "may sleep"});
+  expected = expected + (from_job ? Lines{"stopModal [job]", "progress closed [job]",
+                                          shown + " [job]", "may sleep", "stopModal"}
+                                  : kDown + Lines{shown, "may sleep"});
   for (std::size_t round = 1; round <= 2; ++round) {
     transcript.newLines();
     const bool is_behind = round == 2;  // another program's windows
     if (is_behind) {
       application.delegate->applicationIsActive(false);
-      expected.push_back("notification: " + std::string(alert));
+      expected.insert(expected.begin() + before_report, "notification: " + std::string(alert));
     }
     application.main->press("btnNext");
     application.runUntilAlert();
