@@ -36,8 +36,13 @@ TEST(Queues, RunOneJobAtATimeInOrderOrSideBySideEvenWhenTheyAreLetGoOf) {
   std::atomic<int> met = 0;
   std::atomic<int> ended = 0;
   {
-    DispatchQueue serial("q", DispatchQueue::Attribute::serial);
+    DispatchQueue serial("org.qm5.serial", DispatchQueue::Attribute::serial);
     DispatchQueue concurrent("q", DispatchQueue::Attribute::concurrent);
+    serial.async([] {
+      std::array<char, 16> name{};
+      pthread_getname_np(pthread_self(), name.data(), name.size());
+      EXPECT_STREQ(name.data(), "serial");
+    });
     for (int i = 0; i < 200; ++i) {
       serial.async([&, i] { EXPECT_EQ(ended++, i); });
       if (i == 100) waitFor(ended, 101);  // it has rested in between
