@@ -59,6 +59,22 @@ TEST(Queues, RunOneJobAtATimeInOrderOrSideBySideEvenWhenTheyAreLetGoOf) {
   waitFor(met, 4);
 }
 
+TEST(Queues, RunWhatTheyHaveOnceAThreadCanBeHad) {
+  pthread_attr_t usual;
+  pthread_getattr_default_np(&usual);
+  pthread_attr_t endless = usual;
+  pthread_attr_setstacksize(&endless, std::size_t{1} << 46);  // no computer has that much
+  pthread_setattr_default_np(&endless);
+  std::atomic<int> ended = 0;
+  DispatchQueue serial("q", DispatchQueue::Attribute::serial);
+  DispatchQueue concurrent("q", DispatchQueue::Attribute::concurrent);
+  EXPECT_FALSE(serial.async([&] { ++ended; }));
+  EXPECT_FALSE(concurrent.async([] { FAIL() << "the caller was told that it does not run"; }));
+  pthread_setattr_default_np(&usual);
+  EXPECT_TRUE(serial.async([&] { ++ended; }));
+  waitFor(ended, 2);
+}
+
 TEST(Text, WritesNumbersAlikeInEveryLocale) {
   // The environment gives a locale whose decimal mark is a comma.
   ASSERT_NE(std::setlocale(LC_ALL, "de_DE.UTF-8"), nullptr);
