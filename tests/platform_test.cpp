@@ -1,6 +1,7 @@
 // The pieces of the operating system that the rest relies on.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <chrono>
 #include <clocale>
 #include <csignal>
+#include <future>
 #include <new>
 #include <sstream>
 #include <thread>
@@ -68,7 +70,7 @@ TEST(Queues, RunWhatTheyHaveOnceAThreadCanBeHad) {
   std::atomic<int> ended = 0;
   DispatchQueue serial("q", DispatchQueue::Attribute::serial);
   DispatchQueue concurrent("q", DispatchQueue::Attribute::concurrent);
-  EXPECT_FALSE(serial.async([&] { ++ended; }));
+  ASSERT_FALSE(serial.async([&] { ++ended; }));
   EXPECT_FALSE(concurrent.async([] { FAIL() << "the caller was told that it does not run"; }));
   pthread_setattr_default_np(&usual);
   EXPECT_TRUE(serial.async([&] { ++ended; }));
@@ -153,6 +155,8 @@ struct StalledReader {
     std::string all;
     std::array<char, 4096> bytes;
     while (!all.ends_with(end)) {
+      pollfd readable{ends[0], POLLIN, 0};
+      if (poll(&readable, 1, 20'000) <= 0) break;
       const ssize_t size = read(ends[0], bytes.data(), bytes.size());
       if (size <= 0) break;
       all.append(bytes.data(), static_cast<std::size_t>(size));
@@ -169,6 +173,7 @@ TEST(Lines, WaitForAReaderWhoHasStoppedAndThenSayHowManyWereLeftOut) {
   constexpr std::size_t kLines = 40'000;
   const std::string tail(40, '.');
   for (std::size_t i = 0; i < kLines; ++i) writer->submit(0, std::to_string(i) + tail);
+  writer->submit(0, "");  // would fit, but comes after the gap
   writer->submit(1, "the other stream goes on");
   EXPECT_EQ(other.readUpTo("\n"), "the other stream goes on\n");
   const auto begin = std::chrono::steady_clock::now();
@@ -179,11 +184,38 @@ TEST(Lines, WaitForAReaderWhoHasStoppedAndThenSayHowManyWereLeftOut) {
   std::string line;
   while (std::getline(lines, line) && line.ends_with(tail))
     EXPECT_EQ(line, std::to_string(count++) + tail);
-  EXPECT_EQ(line, std::to_string(kLines - count) + " lines left out");
+  EXPECT_EQ(line, std::to_string(kLines + 1 - count) + " lines left out");
   EXPECT_GT(count * tail.size(), LineWriter::kBytesKept / 2);
+  const std::string long_line(5000, '.');  // more than a pipe takes at once
+  writer->submit(0, "after the gap\n" + long_line);
+  EXPECT_EQ(stalled.readUpTo("\n"), "after the gap\n");
+  EXPECT_EQ(stalled.readUpTo("\n"), long_line + "\n");
+}
+
+TEST(Lines, AreWaitedForWhileTheyAreWrittenAndNotWhereNobodyReads) {
+  ignoreWriteSignals();
+  StalledReader gone;
+  close(gone.ends[0]);
+  std::promise<void> begun;
+  std::atomic<bool> has_ended = false;
+  const auto slow = [&](std::string_view lines, auto) {
+    begun.set_value();
+    processClock().sleep(0.05);
+    has_ended = true;
+    return lines.size();
+  };
+  auto* const writer = new LineWriter("Lines", {descriptorSink(gone.ends[1]), slow});
+  writer->submit(0, "for nobody");
+  writer->submit(1, "the last line");
+  begun.get_future().wait();
+  const auto begin = std::chrono::steady_clock::now();
+  writer->flush(begin + std::chrono::seconds(20));
+  EXPECT_TRUE(has_ended);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(15));
 }
 
 std::atomic<const char*> identity = nullptr;  // under which the system log gets entries
+std::atomic<int> entries = 0;                 // of them; the first one takes a while
 
 TEST(Lines, AreWrittenInTheirOrderOnBothStreams) {
   testing::internal::CaptureStderr();
@@ -201,9 +233,13 @@ TEST(Lines, AreWrittenInTheirOrderOnBothStreams) {
     if (i % 7 == 0) all.append("entry " + std::to_string(i) + "\n");
   }
   EXPECT_EQ(testing::internal::GetCapturedStderr(), all);
-  while (identity == nullptr) std::this_thread::yield();
+  EXPECT_EQ(entries, 72);
   EXPECT_STREQ(identity, "qm5-updater");
-  EXPECT_DEATH(fatal("why"), "qm5-updater: fatal error: why\n");
+}
+
+// In a process that has written nothing yet: a child has no thread that writes.
+TEST(LinesDeathTest, ComeBeforeTheFatalErrorThatFollowsThem) {
+  EXPECT_DEATH((log("before"), fatal("why")), "before\nqm5-updater: fatal error: why\n");
 }
 
 TEST(StandardStreams, AreOpenAfterAStartWithAnyOfThemClosed) {
@@ -322,4 +358,6 @@ TEST(BusClaim, KeepsOtherUsersOutAndDoesNotListenToThem) {
 // In place of the C library's.
 extern "C" void openlog(const char* name, int, int) {
   qm5::test::identity = name;
+  if (qm5::test::entries == 0) usleep(20'000);
+  ++qm5::test::entries;
 }
