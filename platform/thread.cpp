@@ -2,7 +2,6 @@
 
 #include <pthread.h>
 
-#include <memory>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -25,14 +24,12 @@ Thread::Thread(std::string name, std::function<void()> entry)
     : name_(std::move(name)), entry_(std::move(entry)) {}
 
 bool Thread::start() {
-  const auto entry = std::make_shared<std::function<void()>>(std::move(entry_));
   try {
-    std::thread([name = name_, entry] {
+    std::thread([name = std::move(name_), entry = std::move(entry_)] {
       setCurrentName(name);
-      (*entry)();
+      entry();
     }).detach();
   } catch (const std::system_error&) {
-    entry_ = std::move(*entry);
     return false;
   }
   return true;

@@ -12,8 +12,8 @@ class Thread {
   /// `name` is shown by debuggers and `ps`; the system keeps its first 15 bytes. `entry`, and all
   /// that it holds, lives until it has returned.
   Thread(std::string name, std::function<void()> entry);
-  /// Starts the thread and returns at once. False when the system has no thread left, and then it
-  /// may be called again; once it has started a thread it may not.
+  /// Starts the thread and returns at once. False when the system has no thread left. To be called
+  /// once.
   [[nodiscard]] bool start();
 
  private:

@@ -77,6 +77,11 @@ TEST(Queues, RunWhatTheyHaveOnceAThreadCanBeHad) {
   waitFor(ended, 2);
 }
 
+TEST(Clock, GoesOnAsBeforeWhenTheComputersClockIsSet) {
+  const auto since_the_start = std::chrono::steady_clock::now().time_since_epoch();
+  EXPECT_NEAR(processClock().now(), std::chrono::duration<double>(since_the_start).count(), 20);
+}
+
 TEST(Text, WritesNumbersAlikeInEveryLocale) {
   // The environment gives a locale whose decimal mark is a comma.
   ASSERT_NE(std::setlocale(LC_ALL, "de_DE.UTF-8"), nullptr);

@@ -68,7 +68,10 @@ class QtWindows : public testing::Test {
                          .firstButton = "Quit",
                          .otherButtons = {"Don't quit"},
                          .comesUnasked = true},
-                        [this](int response) { note(std::to_string(response)); });
+                        [this](int response) {
+                          EXPECT_EQ(QApplication::activeModalWidget(), nullptr) << "answered";
+                          note(std::to_string(response));
+                        });
     });
   }
   QWidget* show(Window& window) {
