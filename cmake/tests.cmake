@@ -19,10 +19,15 @@ set(QM5_TEST_ENVIRONMENT
   UBSAN_OPTIONS=print_stacktrace=1
   "TSAN_OPTIONS=ignore_noninstrumented_modules=1:halt_on_error=1:die_after_fork=0")
 
+set(QM5_TEST_LIMIT 50)
+if(QM5_SANITIZER)
+  set(QM5_TEST_LIMIT 120)
+endif()
+
 # qm5_test(NAME [SWEEP] SOURCES file... USES target... [ENVIRONMENT variable...])
-# One process per test: what a test leaves behind dies with it. A test that hangs is ended after two
-# minutes; one of a SWEEP may have more from ./test: with a sanitizer, and where --long runs it in
-# full. The sweeps, which take longest, start first.
+# One process per test: what a test leaves behind dies with it. A test that hangs is ended after 50
+# seconds, with a sanitizer after two minutes; one of a SWEEP may have more from ./test: with a
+# sanitizer, and where --long runs it in full. The sweeps, which take longest, start first.
 function(qm5_test name)
   cmake_parse_arguments(arg "SWEEP" "" "SOURCES;USES;ENVIRONMENT" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
@@ -31,7 +36,7 @@ function(qm5_test name)
   # By env, as gtest_discover_tests passes on no more than one variable.
   set(emulator env ${QM5_TEST_ENVIRONMENT} ${arg_ENVIRONMENT})
   set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR "${emulator}")
-  set(limit PROPERTIES TIMEOUT 120)
+  set(limit PROPERTIES TIMEOUT ${QM5_TEST_LIMIT})
   if(arg_SWEEP)
     set(limit PROPERTIES COST 100)
   endif()
