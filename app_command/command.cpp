@@ -62,6 +62,7 @@ Command::Command(CommandOptions options, Report& report)
   timer_.setSingleShot(true);
   QObject::connect(&timer_, &QTimer::timeout, [this] { late_(); });
   global_driver = std::make_shared<Driver>(kVendorTexasInstruments, kProductQM5);
+  attached_.announceMissed();
 }
 
 void Command::start() {

@@ -13,9 +13,13 @@ AttachedDevice::Access accessOf(IOReturn result) {
 }
 
 // The link uses the device that was announced last: announced once more, it is that one.
-std::optional<std::string> versionOf(const USBDevice& device) {
+void announce(const USBDevice& device) {
   required(global_driver, "no device link")
       .usbConnected({USBDeviceConnected, Dictionary{{"device", device}}});
+}
+
+std::optional<std::string> versionOf(const USBDevice& device) {
+  announce(device);
   return read_customer_version();
 }
 
@@ -28,6 +32,14 @@ AttachedDevices::AttachedDevices()
           USBDeviceExamined, [this](const Notification& posted) { examined(posted); })),
       disconnected_(NotificationCenter::defaultCenter().addObserver(
           USBDeviceDisconnected, [this](const Notification& posted) { disconnected(posted); })) {}
+
+// With the mutex held to the end: a removal reaches the Driver after this object.
+void AttachedDevices::announceMissed() const {
+  const std::lock_guard lock(mutex_);
+  for (auto each = known_.rbegin(); each != known_.rend(); ++each) {
+    if (each->second.announced && !global_driver->deviceInfo()) announce(*each->second.announced);
+  }
+}
 
 std::vector<AttachedDevice> AttachedDevices::list() const {
   std::map<std::uint64_t, Known> known;

@@ -30,6 +30,10 @@ class AttachedDevices {
  public:
   AttachedDevices();
 
+  /// Gives the Driver in `global_driver` the device announced last, where it has none: what is
+  /// announced while the Driver is made, it misses. Any thread.
+  void announceMissed() const;
+
   /// What is on the bus now, in the order of arrival. Reads the version of each that may be opened,
   /// with one request, and leaves the Driver in `global_driver` with the last of them. Blocks; no
   /// update may be under way.

@@ -1,6 +1,7 @@
 // The Driver and the register and 4CC channel, request by request.
 #include <numeric>
 
+#include "device_link/attached_devices.h"
 #include "device_link/command_channel.h"
 #include "support/linked_device.h"
 
@@ -24,6 +25,19 @@ TEST_F(Link, TreatsADeviceWithoutAnInterfaceAsNone) {
     EXPECT_TRUE(global_driver->usb_find());
     EXPECT_EQ(global_driver->usb_read(0xC0, 0xFE, 6, 0, 9), std::nullopt);
     EXPECT_EQ(global_driver->usb_write(0x40, 0xFD, 0x1F, 0, Bytes(0x10000)), 0U);
+  }
+}
+
+TEST_F(Link, GetsADeviceThatWasAnnouncedTooEarlyUnlessItHasLeft) {
+  const AttachedDevices attached;
+  const Dictionary removed = {{"id", device.record().id}};
+  for (const bool leaves : {true, false}) {
+    attach();
+    // As if the Driver had not been listening yet.
+    global_driver->usbDisconnected({USBDeviceDisconnected, removed});
+    if (leaves) postDisconnected(removed);
+    attached.announceMissed();
+    EXPECT_EQ(global_driver->deviceInfo().has_value(), !leaves);
   }
 }
 
