@@ -203,6 +203,8 @@ TEST_F(QtWindows, ProgressIsDrawnEveryOtherFrameToItsLastValueAndHoldsNothingUp)
   auto* title = shown->findChild<QLabel*>("txtTitle2");
   auto* bar = shown->findChild<QProgressBar*>("progressBar");
   EXPECT_FALSE(bar->isTextVisible()) << "the percentage is in the text";
+  window->textField("txtTitle2")->setStringValue("by no step");
+  EXPECT_EQ(title->text(), "by no step");
   PaintCount title_paints;
   PaintCount bar_paints;
   title->installEventFilter(&title_paints);

@@ -284,11 +284,16 @@ TEST_F(Shell, AsksOnceBeforeItEndsAndWithoutARunEndsAtASignal) {
 }
 
 TEST_F(Shell, SaysThatAnotherDeviceCameDuringTheUpdateAndNotThatOneLeft) {
-  const auto during_run = [this](const std::vector<Notification>& changes) {
-    during_sleep = [changes] {
+  bool is_refused = true;
+  const auto during_run = [&](const std::vector<Notification>& changes) {
+    during_sleep = [&] {
+      application.refusals.front()();  // the first run's
       for (const auto& each : changes) NotificationCenter::defaultCenter().post(each);
     };
-    return update().reason;
+    const std::string reason = update().reason;
+    EXPECT_EQ(application.shown["sleepStatus"], is_refused ? kMaySleepText : "");
+    is_refused = false;
+    return reason;
   };
   USBDevice first, another;
   first.id = 98;

@@ -283,6 +283,7 @@ class ScriptedApplication final : public Application,
   FileContents image = FileError{"not set"};
   bool is_development_image = false;
   bool refuses_to_stay_awake = false;
+  std::vector<std::function<void()>> refusals;  // one of each run, to be called later
   /// Called once a second modal run is up, that of the finish dialog.
   std::function<void()> during_finish_dialog = [] {};
   /// Answers the alert that is up.
@@ -344,6 +345,7 @@ class ScriptedApplication final : public Application,
                                       std::function<void()> refused) override {
     noteOnMain("awake: " + std::string(reason));
     if (refuses_to_stay_awake) refused();
+    refusals.push_back(std::move(refused));
     return {nullptr, [this](void*) { noteOnMain("may sleep"); }};
   }
   std::shared_ptr<void> show(const std::string& title, const std::string& text,
