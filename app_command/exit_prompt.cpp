@@ -33,8 +33,9 @@ bool readYes() {
 }  // namespace
 
 bool ExitPrompt::ask(Report& report, std::function<void(bool quit)> answered) {
-  if (!hasTerminal() || !report.ask(question())) return false;
+  if (!hasTerminal()) return false;
   ::tcflush(STDIN_FILENO, TCIFLUSH);  // what was typed before is no answer
+  if (!report.ask(question())) return false;
   answer_ = std::make_unique<QSocketNotifier>(STDIN_FILENO, QSocketNotifier::Read);
   QObject::connect(answer_.get(), &QSocketNotifier::activated,
                    [this, &report, answered = std::move(answered)] {

@@ -93,7 +93,7 @@ const Steps kGivesUp = {{"Waiting", "kill -INT $P"}};
 const Steps kCycles = {
     {"Waiting", "kill -USR2 $S"}, {"confirming", "kill -USR1 $S"}, {"is off", "kill -USR2 $S"}};
 const std::vector<Ending> kEndings = {
-    {"signals", "--latency-ms 5", kUpdate, "0 1-1.2 updated 4201", "power cycle", kDrops},
+    {"signals", "--latency-ms 10", kUpdate, "0 1-1.2 updated 4201", "power cycle", kDrops},
     {"insisting", "--fault SFWs:1=silent", kUpdate, "7 1-1.2 ended 4201", "a part of", kInsists},
     {"a signal while it waits", kAway, "--wait", "7 null ended null", "request", kGivesUp},
     {"a power cycle", kAway, " --wait --confirm" + kUpdate, "0 1-1.2 confirmed 4201", "", kCycles},
@@ -132,13 +132,14 @@ TEST(CommandRequests, AreThoseOfTheWindows) {
 
 TEST(CommandTerminal, AsksInTheWordsOfTheWindowsAndEndsAtQuit) {
   const std::string in_terminal =
-      "echo P=\\$\\$ >$D/ids; TERM=xterm exec " QM5_BIN "/qm5-update" + kUpdate;
+      "echo P=\\$\\$ >>$D/ids; TERM=xterm exec " QM5_BIN "/qm5-update" + kUpdate;
   const auto lines =
       run("--latency-ms 20", "mkfifo $D/in; script -qec \"" + in_terminal + "\" /dev/null <>$D/in",
           {{"Updating firmware version from 4201 -> 4208", "kill -INT $P"},
            {"Do you really want to exit?", "echo >$D/in"},
-           {"99.0 %", "kill -INT $P"},
-           {"Do you really want to exit?", "echo q >$D/in"}});
+           {"99.0 %", "kill -STOP $S; kill -INT $P"},
+           {"Do you really want to exit?",
+            "echo q >$D/in; while kill -0 $P; do sleep 0.1; done 2>/dev/null; kill -CONT $S"}});
   EXPECT_TRUE(lines.back().ends_with("ended with 7")) << lines.back();
 }
 

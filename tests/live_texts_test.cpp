@@ -208,7 +208,8 @@ TEST_F(Bus, AsksTheQM5OnceThatCameBackToItsPortOrSaysWhyNot) {
       clock.during_sleep = {};
       device.expectRead(0x06, 9, std::nullopt);
       for (const std::uint64_t again : {id + 3, id + 4}) {
-        arrive(again, id + 1);
+        announce(again);
+        examine(again, kIOReturnSuccess);  // its port is not known
         EXPECT_TRUE(shownIn("runStatus").starts_with("The QM5 came back and did not"));
         remove(again);
       }

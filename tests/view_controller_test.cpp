@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <new>
 
+#include "app_shell/exit_confirmation.h"
 #include "app_shell/progress_window.h"
 #include "simulator/device/faulty_qm5.h"
 #include "support/named_cases.h"
@@ -278,7 +279,13 @@ TEST_F(Shell, AsksOnceBeforeItEndsAndWithoutARunEndsAtASignal) {
     });
     application.whenIdle([] {});
   };
+  during_alert = [&] {
+    interrupt();
+    expect_end();
+  };
   update();
+  askBeforeExit({}, true, [&] { ++declined; });  // with no window left to ask on
+  EXPECT_EQ(declined, 4);
   interrupt();
   EXPECT_EQ(transcript.newLines().back(), "terminate");
 }
