@@ -198,6 +198,9 @@ TEST_F(Bus, AsksTheQM5OnceThatCameBackToItsPortOrSaysWhyNot) {
     EXPECT_EQ(shownIn("runStatus"), off) << "at another port, or gone again";
     announce(id);  // as when the Driver has not heard of the removal yet
     EXPECT_EQ(finish(), off);
+    arrive(50 + id);
+    EXPECT_EQ(shownIn("runStatus"), off) << "at another port than the last one";
+    remove(50 + id);
     clock.during_sleep = [&](double) {
       EXPECT_EQ(application.shown["runStatus"], "The QM5 is back. Its version is being read.");
       is_asked ? remove(id + 2) : announce(99);
