@@ -169,7 +169,7 @@ class Window : public PortObject {
 
   /// Makes a window built by the program taller at its top, by an indicator that spans its width;
   /// what it shows already keeps its place on the screen. nullptr, and nothing changes, when the
-  /// screen has no room for that. Called again, it returns the same indicator.
+  /// screen has no room for that. To be called no more once there is one, which the window keeps.
   virtual std::shared_ptr<StatusIndicator> growStatusIndicator() = 0;
 
   /// Puts the window on the screen; nothing happens when it is there.

@@ -189,7 +189,6 @@ void QtApplication::activate(const std::string& activation_token) {
     qputenv("XDG_ACTIVATION_TOKEN", activation_token.c_str());
   // The token is good for one window: the one that the person can use now. Some window managers
   // minimise the windows that it stands on as well, others leave it behind.
-  main_window_->native().restore();
   QWidget* const modal = QApplication::activeModalWidget();
   if (needs_token && activation_token.empty()) QApplication::alert(modal ? modal : mainWidget());
   if (!modal) return main_window_->makeKeyAndOrderFront();

@@ -151,7 +151,6 @@ void QtWindow::addSubview(const PushButton& button) {
 }
 
 std::shared_ptr<StatusIndicator> QtWindow::growStatusIndicator() {
-  if (grown_) return grown_;
   const QRect before = native_->frameGeometry();
   StatusBox* box = pointsView().makeStatusBox();
   auto* above = new QVBoxLayout;
