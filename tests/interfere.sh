@@ -70,7 +70,7 @@ start_again() {
   mapfile -t bus < <(tr '\0' '\n' <"/proc/$updater/environ" | grep -E '^(LD_PRE|UMOCK)')
   # In no process group of its own: the shell above, whose parent this becomes, would link the two
   # groups, and at its end the kernel would send SIGHUP to the one with stopped processes.
-  exec timeout --foreground 60 env "${bus[@]}" "$@" "$program"
+  exec timeout --foreground 40 env "${bus[@]}" "$@" "$program"
 }
 again() { (start_again "$@") || fail "a second start ended with $?"; }
 

@@ -101,6 +101,7 @@ TEST(Environment, StaysWhereItIsWhenAnActivationTokenComes) {
     const char* const* const before = environ;
     setenv("XDG_ACTIVATION_TOKEN", "token", 1);
     EXPECT_EQ(environ, before) << others;
+    EXPECT_EQ(activationToken(), "token");
     unsetenv("XDG_ACTIVATION_TOKEN");
   }
 }

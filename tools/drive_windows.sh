@@ -16,12 +16,13 @@ if [ -n "$root" ]; then
 fi
 
 start_screen
-"${in_system[@]}" "$bin/qm5-simulator" --version 4201 --image "$image" -- "$bin/qm5-updater" \
+desktop_file=$(dirname "$0")/../packaging/qm5-updater.desktop
+program=$bin/$(grep -oP "^Exec=\K\S+" "$desktop_file") # as from the desktop's menu
+"${in_system[@]}" "$bin/qm5-simulator" --version 4201 --image "$image" -- "$program" \
   >"$work/lines" 2>&1 &
 readonly simulator=$!
 
 on_screen "QM5 Updater"
-desktop_file=$(dirname "$0")/../packaging/qm5-updater.desktop
 class=$(grep -oP "^StartupWMClass=\K.+" "$desktop_file")
 xdotool search --onlyvisible --classname "^$class\$" >/dev/null || fail "no window of class \"$class\""
 save "QM5 Updater" "$screens/main.png"

@@ -40,7 +40,7 @@ within() {
 
 # await MESSAGE COMMAND...: fails with that where the command does not succeed in a minute and a
 # half, which a busy machine may need.
-await() { within 90 "${@:2}" || fail "$1"; }
+await() { within 45 "${@:2}" || fail "$1"; }
 
 # child_of PROCESS: the one process that it has started.
 child_of() { tr -d ' ' <"/proc/$1/task/$1/children"; }
