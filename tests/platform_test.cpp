@@ -23,6 +23,7 @@
 #include "platform/clock.h"
 #include "platform/dispatch_queue.h"
 #include "platform/fatal.h"
+#include "platform/line_recorder.h"
 #include "platform/line_writer.h"
 #include "platform/text.h"
 #include "support/transcript.h"
@@ -241,6 +242,14 @@ TEST(Lines, AreWrittenInTheirOrderOnBothStreams) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), all);
   EXPECT_EQ(entries, 72);
   EXPECT_STREQ(identity, "qm5-updater");
+}
+
+TEST(Lines, AreKeptUpToTheLastOneForTheDetailsOfARun) {
+  const Transcript transcript;
+  const LineRecorder recorder;
+  for (std::size_t i = 0; i <= LineRecorder::kLinesKept; ++i) print(std::to_string(i));
+  EXPECT_EQ(recorder.lines().front(), "1 earlier lines left out");
+  EXPECT_EQ(recorder.lines().back(), std::to_string(LineRecorder::kLinesKept));
 }
 
 // In a process that has written nothing yet: a child has no thread that writes.
