@@ -38,7 +38,6 @@ plug() {
   for each in "$@"; do await "the QM5 was not found" opened "$(child_of "$each")"; done
   kill -STOP "$@"
 }
-opened() { find "/proc/$1/fd" -lname "*/dev/bus/usb/*" | grep .; }
 
 gone() { ! kill -0 "$1"; }
 ended() {

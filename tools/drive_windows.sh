@@ -18,13 +18,15 @@ fi
 start_screen
 desktop_file=$(dirname "$0")/../packaging/qm5-updater.desktop
 program=$bin/$(grep -oP "^Exec=\K\S+" "$desktop_file") # as from the desktop's menu
-"${in_system[@]}" "$bin/qm5-simulator" --version 4201 --image "$image" -- "$program" \
-  >"$work/lines" 2>&1 &
+"${in_system[@]}" "$bin/qm5-simulator" --attach-after 1000 --version 4201 --image "$image" \
+  -- "$program" >"$work/lines" 2>&1 &
 readonly simulator=$!
 
 on_screen "QM5 Updater"
 class=$(grep -oP "^StartupWMClass=\K.+" "$desktop_file")
 xdotool search --onlyvisible --classname "^$class\$" >/dev/null || fail "no window of class \"$class\""
+kill -USR2 $simulator # plugs the QM5 in: on a busy machine, one that is there already may be missed
+await "the QM5 was not found" opened "$(child_of $simulator)"
 save "QM5 Updater" "$screens/main.png"
 xdotool key Return # Next is the default button
 

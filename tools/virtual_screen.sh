@@ -45,6 +45,9 @@ await() { within 45 "${@:2}" || fail "$1"; }
 # child_of PROCESS: the one process that it has started.
 child_of() { tr -d ' ' <"/proc/$1/task/$1/children"; }
 
+# opened PROCESS: it has found the QM5.
+opened() { find "/proc/$1/fd" -lname "*/dev/bus/usb/*" | grep .; }
+
 # start_display [WIDTHxHEIGHT]: a black one, which stays when its last program has gone.
 start_display() {
   exec 3> >(cat >"$work/display")
