@@ -85,9 +85,9 @@ TEST_P(Command, EndsWithItsStatusAndOutcome) {
   EXPECT_NE(all.find(text), all.npos) << all;
 }
 
-const std::string kUpdate = " --image " QM5_SMALL_IMAGE " --target 4208";
+const std::string kUpdate = " --wait --image " QM5_SMALL_IMAGE " --target 4208";
 const std::string kAway = "--attach-after 1000";
-const Steps kDrops = {{"updating", "kill -HUP $P; kill -INT $P"}};
+const Steps kDrops = {{"updating", "kill -STOP $S; kill -HUP $P; kill -INT $P; kill -CONT $S"}};
 const Steps kInsists = {{"updating", "while kill -TERM $P; do sleep 0.2; done 2>/dev/null"}};
 const Steps kGivesUp = {{"Waiting", "kill -INT $P"}};
 const Steps kCycles = {
@@ -96,12 +96,13 @@ const std::vector<Ending> kEndings = {
     {"signals", "--latency-ms 10", kUpdate, "0 1-1.2 updated 4201", "power cycle", kDrops},
     {"insisting", "--fault SFWs:1=silent", kUpdate, "7 1-1.2 ended 4201", "a part of", kInsists},
     {"a signal while it waits", kAway, "--wait", "7 null ended null", "request", kGivesUp},
-    {"a power cycle", kAway, " --wait --confirm" + kUpdate, "0 1-1.2 confirmed 4201", "", kCycles},
+    {"a power cycle", kAway, " --confirm" + kUpdate, "0 1-1.2 confirmed 4201", "", kCycles},
     {"no power cycle", "", kUpdate + " --confirm=0.1", "1 1-1.2 unconfirmed 4201", "in time"},
     {"up to date", "--version 4208", "", "0 1-1.2 up-to-date 4208", "No need to update."},
     {"a check", "", "--check --target 0a0b", "10 1-1.2 update-due 4201", "version 0A0B"},
     {"a refused block", "--fault SFWs:1=result:5", kUpdate, "1 1-1.2 failed 4201",
      "with code 0x5."},
+    {"a small flash", "--flash-size 128", kUpdate, "1 1-1.2 failed 4201", "FAIL_TOO_MUCH_DATA"},
     {"no version", "--fault request:1=stall", kUpdate, "1 1-1.2 no-version null",
      "version error !"},
     {"wrong options", "", "--image /nowhere", "2", ""},

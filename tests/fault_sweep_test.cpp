@@ -124,7 +124,7 @@ class Faults : public testing::Test {
     EXPECT_EQ(requests_.size(), kRequests);
     return requests_;
   }
-  /// Tries one update with these faults, and then one with those of `later`.
+  /// Tries one update with these faults, one with those of `later`, and then one without any.
   void check(const Troubles& troubles, const Troubles& later = {}, const std::string& name = "") {
     ++tried_;
     renewDevice();
@@ -132,12 +132,15 @@ class Faults : public testing::Test {
     count(verdict);
     recover();
     const Verdict next = tryUpdate(later);
-    if (!later.empty()) count(next);
-    const bool works = next.is_finished || !later.empty();
-    if (verdict.wrong.empty() && next.wrong.empty() && works) return;
+    if (!later.empty()) {
+      count(next);
+      recover();
+    }
+    const Verdict clean = later.empty() ? next : tryUpdate({});
+    const std::string wrong = verdict.wrong + next.wrong + clean.wrong;
+    if (wrong.empty() && clean.is_finished) return;
     if (++wrong_ > 20) return;  // enough to find the cause
-    ADD_FAILURE() << name << names(troubles) << verdict.wrong << "\nthen " << names(later)
-                  << next.wrong;
+    ADD_FAILURE() << name << names(troubles) << "\nthen " << names(later) << wrong;
   }
   void summarize(const std::string& sweep) const {
     report(sweep + ": " + std::to_string(tried_) + " tried, " + std::to_string(endings_[1]) +

@@ -237,6 +237,7 @@ lose_screen() {
   await "a signal ended the update" wrote "A signal wants the program to end"
   again DISPLAY= WAYLAND_DISPLAY= 2>&1 | grep "goes on without windows" >/dev/null ||
     fail "a second start does not say what is so"
+  ! grep -q "^released" "$work/awake" || fail "not awake without a display"
   awake_until "the outcome" goes_on_to wrote "The display has gone. The update ended: $success"
   ended
 }

@@ -126,12 +126,12 @@ INSTANTIATE_TEST_SUITE_P(Signals, TerminationDeathTest, testing::Values(SIGINT, 
   blockTerminationSignals();
   send(signal);
   send(SIGHUP);  // of the same moment: it counts for nothing
-  followTerminationSignals([&] { ++asked; });
+  followTerminationSignals([&] {
+    if (++asked == 2) std::fputs("asked twice", stderr);
+  });
   waitFor(asked, 1);
   terminationDeclined();
-  for (; asked < 2; processClock().sleep(0.01)) send(signal);
-  std::fputs("asked twice", stderr);
-  for (; asked == 2; processClock().sleep(0.01)) send(signal);
+  for (; asked < 3; processClock().sleep(0.01)) send(signal);
   std::_Exit(7);
 }
 
@@ -228,19 +228,19 @@ TEST(Lines, AreWrittenInTheirOrderOnBothStreams) {
   testing::internal::CaptureStderr();
   const int standard_output = dup(STDOUT_FILENO);
   ASSERT_EQ(dup2(STDERR_FILENO, STDOUT_FILENO), STDOUT_FILENO);
-  for (int i = 0; i < 500; ++i) {
+  for (int i = 0; i < 100; ++i) {
     print("line " + std::to_string(i));
     if (i % 7 == 0) log("entry " + std::to_string(i));
   }
   flushLines();
   dup2(standard_output, STDOUT_FILENO);
   std::string all;
-  for (int i = 0; i < 500; ++i) {
+  for (int i = 0; i < 100; ++i) {
     all.append("line " + std::to_string(i) + "\n");
     if (i % 7 == 0) all.append("entry " + std::to_string(i) + "\n");
   }
   EXPECT_EQ(testing::internal::GetCapturedStderr(), all);
-  EXPECT_EQ(entries, 72);
+  EXPECT_EQ(entries, 15);
   EXPECT_STREQ(identity, "qm5-updater");
 }
 

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <private/qguiapplication_p.h>
 #include <private/qsessionmanager_p.h>
 #include <qpa/qplatformsessionmanager.h>
 #include <QApplication>
@@ -125,6 +126,14 @@ TEST_F(QtWindows, StepsKeepTheirOrderInAndOutOfNestedRuns) {
   application_.mainQueueAsync([&] { note("second"); });
   application_.runModalForWindow(progressWindow());
   EXPECT_EQ(heard_, (Trace{"first", "second", "third", "inner run ended", "outer run goes on"}));
+}
+
+TEST_F(QtWindows, HandsATokenOnThatAllowsItToComeToTheFront) {
+  const auto window = progressWindow();
+  show(*window);
+  *QGuiApplicationPrivate::platform_name = "wayland";
+  application_.activate("token");
+  EXPECT_EQ(qgetenv("XDG_ACTIVATION_TOKEN"), "token");
 }
 
 // --- keys ---

@@ -1,10 +1,7 @@
-// The software QM5: good updates, wrong images, every breach and deviation of a host; and
-// qm5-simulator around it. What faults do to the updater, and that it is not blamed for them,
-// fault_sweep_test shows.
+// The software QM5: good updates, wrong images, every breach and deviation of a host. What faults
+// do to the updater, and that it is not blamed for them, fault_sweep_test shows; command_test has
+// qm5-simulator around it.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-
-#include <array>
 
 #include "simulator/command/options.h"
 #include "simulator/command/run_result.h"
@@ -148,23 +145,6 @@ const std::vector<Sent> kDeviations = {
     {"SFWd sends a repeated block whole", kStart + task("SFWd", 64, 1) + task("SFWd", 64, 1), 0,
      true}};
 INSTANTIATE_TEST_SUITE_P(Deviation, Host, testing::ValuesIn(kDeviations), named);
-
-// --- the simulator around the device ---
-
-TEST(Simulator, AttachesLateObeysSignalsAndEndsWithItsVerdict) {
-  FILE* const output = popen("env -u LD_PRELOAD " QM5_SIMULATOR_PROGRAM
-                             " --attach-after 2 -- sh -ec 'cd /dev/bus/usb/001; test ! -e 003;"
-                             "until test -e 003; do sleep 0.01; done; kill -USR1 $PPID;"
-                             "while test -e 003; do sleep 0.01; done; kill -USR2 $PPID;"
-                             "until test -e 004; do sleep 0.01; done; exit 7'",
-                             "r");
-  std::array<char, 500> text{};
-  EXPECT_NE(std::fgets(text.data(), text.size(), output), nullptr);
-  EXPECT_EQ(WEXITSTATUS(pclose(output)), 1);
-  EXPECT_STREQ(text.data(),
-               "qm5-simulator: the flash is empty, the signature does not hold, no breach of "
-               "protocol, the program ended with 7\n");
-}
 
 }  // namespace
 }  // namespace qm5::test

@@ -65,6 +65,11 @@ class ScriptedMainThread {
  protected:
   static constexpr std::chrono::seconds kPatience{20};
 
+  // Not one case after another, each of which would wait as long.
+  [[noreturn]] static void giveUp() {
+    ADD_FAILURE() << "what must come does not";
+    std::_Exit(EXIT_FAILURE);
+  }
   // Runs steps until `ended`; false when none comes any more.
   bool serveUntil(const std::function<bool()>& ended, std::chrono::seconds patience = kPatience) {
     while (!ended()) {
@@ -73,6 +78,7 @@ class ScriptedMainThread {
       if (steps_.empty()) changed_.notify_all();
       const bool comes = changed_.wait_for(lock, patience, [this] { return !steps_.empty(); });
       idle_ = false;
+      if (!comes && patience == kPatience) giveUp();
       if (!comes) return false;
       const auto step = std::move(steps_.front());
       steps_.pop_front();
