@@ -21,6 +21,7 @@
 #include "platform/console.h"
 #include "platform/fatal.h"
 #include "platform/line_writer.h"
+#include "platform/program_name.h"
 #include "platform/system_log.h"
 #include "update_run/target_version.h"
 
@@ -89,6 +90,7 @@ int run(int argc, char** argv, const CommandOptions& options) {
 }  // namespace qm5
 
 int main(int argc, char** argv) try {
+  qm5::setProgramName("qm5-update");
   qm5::openStandardStreams();
   qm5::ignoreWriteSignals();
   qm5::keepTerminalFromStopping();

@@ -7,12 +7,13 @@
 #include <string>
 
 #include "platform/line_writer.h"
+#include "platform/program_name.h"
 
 namespace qm5 {
 
 void fatal(std::string_view reason) {
-  std::string line = "qm5-updater: fatal error: ";
-  line.append(reason).push_back('\n');
+  std::string line(programName());
+  line.append(": fatal error: ").append(reason).push_back('\n');
   flushLines();
   // Not queued: the writer's thread may be the one that has failed.
   descriptorSink(STDERR_FILENO)(line, std::chrono::milliseconds(0));
@@ -20,8 +21,8 @@ void fatal(std::string_view reason) {
 }
 
 void cannotStart(std::string_view reason) {
-  std::string line = "qm5-updater: can't start: ";
-  line.append(reason);
+  std::string line(programName());
+  line.append(": can't start: ").append(reason);
   writeSystemLog(line);
   writeLine(StandardStream::error, line);
   flushLines();

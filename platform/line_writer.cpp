@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "platform/program_name.h"
 #include "platform/thread.h"
 
 namespace qm5 {
@@ -27,8 +28,8 @@ constexpr milliseconds kCollectTime{20};
 
 std::size_t writeToSystemLog(std::string_view lines, milliseconds) {
   const std::string line(lines.substr(0, lines.find('\n')));
-  // The identity must outlive every entry: a literal does. Opening again only sets it anew.
-  openlog("qm5-updater", LOG_PID, LOG_USER);
+  // The identity must outlive every entry, as the name does. Opening again only sets it anew.
+  openlog(programName(), LOG_PID, LOG_USER);
   syslog(LOG_NOTICE, "%s", line.c_str());
   return std::min(line.size() + 1, lines.size());
 }

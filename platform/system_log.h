@@ -1,5 +1,5 @@
 // System-log lines: the few diagnostics that outlive the terminal.
-// Production: syslog, identity "qm5-updater", and standard error.
+// Production: syslog, with the name of the program as identity, and standard error.
 // Tests set a sink of their own.
 #pragma once
 
