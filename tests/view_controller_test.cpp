@@ -297,7 +297,7 @@ TEST_F(Shell, SaysThatAnotherDeviceCameDuringTheUpdateAndNotThatOneLeft) {
       application.refusals.front()();  // the first run's
       for (const auto& each : changes) NotificationCenter::defaultCenter().post(each);
     };
-    const std::string reason = update().reason;
+    std::string reason = update().reason;
     EXPECT_EQ(application.shown["sleepStatus"], is_refused ? kMaySleepText : "");
     is_refused = false;
     return reason;
