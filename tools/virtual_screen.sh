@@ -38,8 +38,8 @@ within() {
   done
 }
 
-# await MESSAGE COMMAND...: fails with that where the command does not succeed in a minute and a
-# half, which a busy machine may need.
+# await MESSAGE COMMAND...: fails with that where the command does not succeed in 45 seconds, which a
+# busy machine may need.
 await() { within 45 "${@:2}" || fail "$1"; }
 
 # child_of PROCESS: the one process that it has started.
