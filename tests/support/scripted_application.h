@@ -65,27 +65,25 @@ class ScriptedMainThread {
  protected:
   static constexpr std::chrono::seconds kPatience{20};
 
-  // Not one case after another, each of which would wait as long.
-  [[noreturn]] static void giveUp() {
-    ADD_FAILURE() << "what must come does not";
-    std::_Exit(EXIT_FAILURE);
-  }
-  // Runs steps until `ended`; false when none comes any more.
-  bool serveUntil(const std::function<bool()>& ended, std::chrono::seconds patience = kPatience) {
+  // Runs steps until `ended`, or until none comes any more. Where one must come, the process ends
+  // then: the cases behind this one would each wait as long.
+  void serveUntil(const std::function<bool()>& ended, std::chrono::seconds patience = kPatience) {
     while (!ended()) {
       std::unique_lock lock(mutex_);
       idle_ = true;
       if (steps_.empty()) changed_.notify_all();
       const bool comes = changed_.wait_for(lock, patience, [this] { return !steps_.empty(); });
       idle_ = false;
-      if (!comes && patience == kPatience) giveUp();
-      if (!comes) return false;
+      if (!comes && patience < kPatience) return;
+      if (!comes) {
+        ADD_FAILURE() << "what must come does not";
+        std::_Exit(EXIT_FAILURE);
+      }
       const auto step = std::move(steps_.front());
       steps_.pop_front();
       lock.unlock();
       step();
     }
-    return true;
   }
   std::mutex mutex_;
   std::condition_variable changed_;
@@ -306,13 +304,12 @@ class ScriptedApplication final : public Application,
   }
   /// Runs steps until an alert is up.
   void runUntilAlert() {
-    EXPECT_TRUE(serveUntil([this] { return sheet != nullptr; })) << "no alert came";
+    serveUntil([this] { return sheet != nullptr; });
   }
   /// Runs steps until a text beside the run shows what `is_so` wants of it.
   void runUntilShown(const std::string& outlet,
                      const std::function<bool(const std::string&)>& is_so) {
-    EXPECT_TRUE(serveUntil([&] { return is_so(shown[outlet]); }))
-        << outlet << ": " << shown[outlet];
+    serveUntil([&] { return is_so(shown[outlet]); });
   }
   /// Runs the steps that are waiting.
   void drain() {
@@ -335,7 +332,7 @@ class ScriptedApplication final : public Application,
     if (window != progress) return during_finish_dialog();
     stopped_ = false;
     setServing(true);
-    EXPECT_TRUE(serveUntil([this] { return stopped_; })) << "nothing ends the modal run";
+    serveUntil([this] { return stopped_; });
     setServing(false);
   }
   void stopModal() override {
