@@ -4,7 +4,6 @@
 #include <clocale>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <new>
 #include <variant>
 
@@ -20,7 +19,6 @@
 #include "device_monitor/libusb/libusb_registry.h"
 #include "platform/console.h"
 #include "platform/fatal.h"
-#include "platform/line_writer.h"
 #include "platform/program_name.h"
 #include "platform/system_log.h"
 #include "update_run/target_version.h"
@@ -80,10 +78,8 @@ int run(int argc, char** argv, const CommandOptions& options) {
   followTerminationSignals([&command] { command.requestEnd(terminationDeclined); },
                            [&command] { return command.endAtOnce(); });
   command.start();
-  const int status = QCoreApplication::exec();
   // Jobs may be at work, so nothing that they use is taken apart.
-  flushLines();
-  std::_Exit(status);
+  endProcess(QCoreApplication::exec());
 }
 
 }  // namespace
@@ -99,9 +95,7 @@ int main(int argc, char** argv) try {
     std::fputs(reply->text.c_str(), reply->exit_status == 0 ? stdout : stderr);
     return reply->exit_status;
   }
-  const int status = qm5::run(argc, argv, std::get<qm5::CommandOptions>(parsed));
-  qm5::flushLines();
-  std::_Exit(status);
+  qm5::endProcess(qm5::run(argc, argv, std::get<qm5::CommandOptions>(parsed)));
 } catch (const std::bad_alloc&) {
   qm5::cannotStart("there is not enough memory");
 }

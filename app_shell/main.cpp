@@ -1,7 +1,6 @@
 // The entry point: puts the adapters behind the ports and hands over to the toolkit.
 
 #include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <new>
 #include <string>
@@ -19,7 +18,6 @@
 #include "computer/wakefulness/sleep_inhibitor.h"
 #include "device_monitor/libusb/libusb_registry.h"
 #include "platform/fatal.h"
-#include "platform/line_writer.h"
 
 namespace qm5 {
 namespace {
@@ -66,9 +64,7 @@ int main(int argc, char** argv) try {
     std::fputs(reply->text.c_str(), reply->exit_status == 0 ? stdout : stderr);
     return reply->exit_status;
   }
-  const int status = qm5::run(argc, argv);
-  qm5::flushLines();
-  std::exit(status);
+  qm5::endProcess(qm5::run(argc, argv));
 } catch (const std::bad_alloc&) {
   qm5::cannotStart("there is not enough memory");
 }

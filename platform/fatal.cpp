@@ -11,6 +11,11 @@
 
 namespace qm5 {
 
+void endProcess(int status) {
+  flushLines();
+  std::_Exit(status);
+}
+
 void fatal(std::string_view reason) {
   std::string line(programName());
   line.append(": fatal error: ").append(reason).push_back('\n');
@@ -25,8 +30,7 @@ void cannotStart(std::string_view reason) {
   line.append(": can't start: ").append(reason);
   writeSystemLog(line);
   writeLine(StandardStream::error, line);
-  flushLines();
-  std::_Exit(EXIT_FAILURE);
+  endProcess(EXIT_FAILURE);
 }
 
 }  // namespace qm5

@@ -1,10 +1,14 @@
-// Ends of the process that no window tells of: one line with the reason, on standard error.
+// How the process ends. Where no window tells of it: with one line, the reason, on standard error.
 #pragma once
 
 #include <string_view>
 #include <utility>
 
 namespace qm5 {
+
+/// Ends the process at once with `status`, whatever other threads are doing. Has the lines written
+/// before that can be, as flushLines() does. Any thread.
+[[noreturn]] void endProcess(int status);
 
 /// For broken preconditions: writes `reason` as one line on standard error and aborts. The outside
 /// world (a device, a file, the bus) never leads here, except where a function says so. Any thread.

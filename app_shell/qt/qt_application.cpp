@@ -6,6 +6,7 @@
 #include <QEventLoop>
 #include <QIcon>
 #include <QSessionManager>
+#include <QThread>
 #include <atomic>
 #include <clocale>
 #include <cstdlib>
@@ -122,9 +123,7 @@ void QtApplication::endWithoutDisplay() {
   application->main_queue_->perform([application] {
     application->display_lost_();
     log("The display has gone.");
-    const int status = application->delegate_->applicationLostDisplay();
-    flushLines();
-    std::_Exit(status);
+    endProcess(application->delegate_->applicationLostDisplay());
   });
   while (true) ::pause();  // the main thread ends the process
 }
@@ -163,8 +162,7 @@ void QtApplication::stopModal() {
 
 void QtApplication::terminate() {
   if (delegate_) delegate_->applicationWillTerminate();
-  flushLines();
-  std::_Exit(0);
+  endProcess(0);
 }
 
 void QtApplication::requestTermination(std::function<void()> declined) {
@@ -182,6 +180,9 @@ void QtApplication::sessionEnds(QSessionManager& session) {
 }
 
 void QtApplication::activate(const std::string& activation_token) {
+  // Starts and presses are reported on threads of their own.
+  if (QThread::currentThread() != qApp->thread())
+    fatal("windows are activated off the main thread");
   // Under Wayland, Qt takes the token from there and from nowhere else; elsewhere the window
   // manager goes by itself. The process has made room for it in the environment at its start.
   const bool needs_token = QApplication::platformName().startsWith("wayland");

@@ -1,7 +1,6 @@
 #include "computer/process/termination_signals.h"
 
 #include <csignal>
-#include <cstdlib>
 
 #include <atomic>
 #include <chrono>
@@ -10,7 +9,6 @@
 #include <vector>
 
 #include "platform/fatal.h"
-#include "platform/line_writer.h"
 #include "platform/system_log.h"
 #include "platform/thread.h"
 
@@ -69,11 +67,7 @@ void followTerminationSignals(std::function<void()> ask, std::function<int()> in
         log("A signal wants the program to end, which it does once the update has ended.");
         continue;
       }
-      if (undecided.exchange(true)) {
-        const int status = insisted();
-        flushLines();
-        std::_Exit(status);
-      }
+      if (undecided.exchange(true)) endProcess(insisted());
       ask();
       std::this_thread::sleep_for(kCoalesceWindow);
       discardPending();
