@@ -209,14 +209,19 @@ TEST_F(Bus, AsksTheQM5OnceThatCameBackToItsPortOrSaysWhyNot) {
     if (is_asked) {
       EXPECT_EQ(shownIn("runStatus"), off) << "it left at once";
       clock.during_sleep = {};
-      device.expectRead(0x06, 9, std::nullopt);
+      for (int reads = 0; reads < 2; ++reads) device.expectRead(0x06, 9, std::nullopt);
+      device.during_request = [&] {
+        remove(id + 3);
+        arrive(id + 5, id + 1);
+      };
       for (const std::uint64_t again : {id + 3, id + 4}) {
         announce(again);
         examine(again, kIOReturnSuccess);  // its port is not known
         EXPECT_TRUE(shownIn("runStatus").starts_with("The QM5 came back and did not"));
         remove(again);
       }
-      EXPECT_EQ(clock.newSleeps(), (std::vector<double>{1.0, 1.0, 1.0}));
+      remove(id + 5);
+      EXPECT_EQ(clock.newSleeps(), (std::vector<double>{1.0, 1.0, 1.0, 1.0}));
     }
     EXPECT_TRUE(shownIn("runStatus").starts_with("The QM5 came back" + end));
     id += 3;

@@ -54,7 +54,6 @@ std::shared_ptr<PowerCycleCheck> PowerCycleCheck::follow(OnMain on_main) {
 
 void PowerCycleCheck::begin(Finish finish) {
   finish_ = std::move(finish);
-  asked_ = false;
   const DeviceState& device = finish_.device;
   location_ = device.used ? device.location : newest_location_;
   if (!device.used) return waitForReturn();
@@ -94,17 +93,12 @@ void PowerCycleCheck::ask(std::uint64_t id) {
   processClock().sleep(kSettleTime);
   // An id is never given twice: this is the QM5 that came, and it has not left since.
   const std::optional<std::uint64_t> used = usedId();
-  if (used != id) {
-    on_main_([self = shared_from_this(), id, has_another = used.has_value()] {
-      // Where it has left again, the next arrival counts.
-      if (self->phase_ != Phase::back || id != self->id_) return;
-      if (has_another) return self->showWhyNotAsked(kAnotherOne);
-      self->showVersion(std::nullopt);  // it is there, but can't be opened
-    });
-    return;
-  }
-  if (asked_.exchange(true)) return;
-  on_main_([self = shared_from_this(), version = read_customer_version()] {
+  std::optional<std::string> version;  // stays empty where it is there, but can't be opened
+  if (used == id) version = read_customer_version();
+  on_main_([self = shared_from_this(), id, version, has_another = used && used != id] {
+    // Where it has left meanwhile, the next arrival counts.
+    if (self->phase_ != Phase::back || id != self->id_) return;
+    if (has_another) return self->showWhyNotAsked(kAnotherOne);
     self->showVersion(version);
   });
 }

@@ -2,7 +2,6 @@
 // version it reports, and says what came of that.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -24,7 +23,8 @@ enum class PowerCycle {
   unconfirmed,  ///< it came back, but that is not known, or not so
 };
 
-/// All on the main thread. Sends nothing before begin(), and then one version read in all.
+/// All on the main thread. Sends nothing before begin(), and after it one version read for
+/// each return of the QM5, until one has been answered or refused while the QM5 stayed.
 class PowerCycleCheck : public std::enable_shared_from_this<PowerCycleCheck> {
  public:
   /// Submits a job to the queue of the update jobs; false when it will not run.
@@ -77,7 +77,6 @@ class PowerCycleCheck : public std::enable_shared_from_this<PowerCycleCheck> {
   std::string location_;         // where the updated QM5 was; empty: not known
   std::uint64_t id_ = 0;         // of the QM5 that is present or back
   std::set<std::uint64_t> gone_;
-  std::atomic<bool> asked_ = false;  // set by the job that asks
   std::optional<NotificationCenter::Registration> arrivals_;
   std::optional<NotificationCenter::Registration> removals_;
 };

@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <functional>
 #include <optional>
+#include <utility>
 
 #include "device_monitor/usb_device_monitor.h"
 #include "update_requests.h"
@@ -38,6 +40,9 @@ class ScriptedUsbDevice final : public IOUSBDeviceStruct942 {
     expected_.back().second = std::move(reply);
   }
 
+  /// Happens once, during the next request.
+  std::function<void()> during_request;
+
   // Pass it on.
   USBDevice record(std::uint64_t id = 7) { return {id, 0x0451, 0xACE1, "QM5", &device_, nullptr}; }
 
@@ -58,6 +63,7 @@ class ScriptedUsbDevice final : public IOUSBDeviceStruct942 {
     const auto [expected, reply] = expected_.front();
     expected_.pop_front();
     EXPECT_EQ(describe(made), describe(expected));
+    if (const auto happens = std::exchange(during_request, nullptr)) happens();
     if (!reply) return kRefused;
     std::copy(reply->begin(), reply->end(), request.pData);
     request.wLenDone = static_cast<std::uint32_t>(reply->size());
