@@ -1,5 +1,7 @@
 // The Driver and the register and 4CC channel, request by request.
+#include <atomic>
 #include <numeric>
+#include <thread>
 
 #include "device_link/attached_devices.h"
 #include "device_link/command_channel.h"
@@ -39,6 +41,17 @@ TEST_F(Link, GetsADeviceThatWasAnnouncedTooEarlyUnlessItHasLeft) {
     attached.announceMissed();
     EXPECT_EQ(global_driver->deviceInfo().has_value(), !leaves);
   }
+}
+
+// ThreadSanitizer sees it, where somebody reads the record without the lock.
+TEST_F(Link, HandsOutItsRecordWhileThatChanges) {
+  std::atomic<bool> ended = false;
+  std::thread reader([&] {
+    while (!ended) global_driver->deviceInfo();
+  });
+  for (int arrivals = 0; arrivals < 100; ++arrivals) attach();
+  ended = true;
+  reader.join();
 }
 
 TEST_F(Link, ReadsTheLengthAskedForWhateverTheDeviceSent) {

@@ -128,6 +128,19 @@ TEST_F(QtWindows, StepsKeepTheirOrderInAndOutOfNestedRuns) {
   EXPECT_EQ(heard_, (Trace{"first", "second", "third", "inner run ended", "outer run goes on"}));
 }
 
+// ThreadSanitizer sees it, where the queue looks without the lock whether it is idle.
+TEST_F(QtWindows, StepsRunThatComeOneByOneFromAnotherThread) {
+  std::atomic<int> ran = 0;
+  std::thread other([&] {
+    for (int i = 0; i < 3; ++i) {
+      queue_.async([&] { ran.fetch_add(1, std::memory_order_relaxed); });
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the queue becomes idle
+    }
+  });
+  EXPECT_TRUE(QTest::qWaitFor([&] { return ran.load(std::memory_order_relaxed) == 3; }, 30'000));
+  other.join();
+}
+
 TEST_F(QtWindows, HandsATokenOnThatAllowsItToComeToTheFront) {
   const auto window = progressWindow();
   show(*window);

@@ -383,6 +383,7 @@ TEST_F(ShellDeathTest, StopsTheProgramWithoutAPartOfItsLayout) {
     application.main->missing_outlets = application.progress->missing_outlets = {outlet};
     EXPECT_DEATH(press_next(), "fatal error: no (button )?" + outlet);
   }
+  application.main->missing_outlets.clear();
   application.progress.reset();
   EXPECT_DEATH(press_next(), "no progress window");
 }

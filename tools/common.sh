@@ -10,7 +10,7 @@ say() { printf '== %s\n' "$*"; }
   readonly packages_product=(g++ cmake ninja-build pkg-config qt6-base-dev libusb-1.0-0-dev
     libssl-dev)
   readonly packages_build=("${packages_product[@]}" qt6-base-private-dev libumockdev-dev umockdev
-    libgtest-dev libgmock-dev locales dbus-daemon dbus-bin python3-jsonschema)
+    libgtest-dev libgmock-dev locales dbus-daemon dbus-bin python3-jsonschema udev)
   readonly packages_screen=(xvfb openbox xdotool imagemagick fonts-dejavu-core
     qt6-gtk-platformtheme weston qt6-wayland)
   readonly packages_bench_build=(libbenchmark-dev libxcb1-dev libxcb-damage0-dev)
@@ -19,7 +19,7 @@ say() { printf '== %s\n' "$*"; }
   readonly packages_check=(clang clang-tidy libclang-rt-dev pmccabe)
   readonly packages_style=(git clang-format shellcheck flake8 cppcheck)
   readonly packages_package=(dpkg-dev file)
-  readonly packages_package_check=(debootstrap desktop-file-utils appstream lintian man-db udev)
+  readonly packages_package_check=(debootstrap desktop-file-utils appstream lintian man-db)
 }
 
 # as_root COMMAND...: runs it as root, or with sudo.
