@@ -1,16 +1,17 @@
 #!/usr/bin/env bash
-# Checks the package that ./package has built: first what Debian's and the desktop's own
-# checkers say to it, then that it installs, updates a software QM5 and is purged without a
-# trace in a fresh Debian. Pictures of its windows there go to build/package/screens.
+# Checks the packages that ./package has built: first what Debian's and the desktop's own
+# checkers say to them, then, in a fresh Debian, that the command alone and all packages together
+# install, update a software QM5 and are purged without a trace. Pictures of the windows there go
+# to build/package/screens.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . tools/common.sh
 . tools/fresh_system.sh
 
-deb=$(echo build/package/qm5-updater_*.deb)
-[ -f "$deb" ] || { say "There is no package yet: ./package builds it"; exit 1; }
-deb=$(realpath "$deb")
-readonly deb screens=build/package/screens
+readonly folder=build/package screens=build/package/screens
+readonly image=/usr/share/qm5-updater/QM5-combind-051723-secure-Cus-42.bin
+compgen -G "$folder/*.deb" >/dev/null ||
+  { say "There are no packages yet: ./package builds them"; exit 1; }
 readonly person=qm5-person computer=qm5-computer # who works in the fresh Debian, and its name
 
 if [ "${1-}" != --with-own-mounts ]; then
@@ -31,18 +32,20 @@ remove_system() {
 trap remove_system EXIT
 
 fail() {
-  say "The package fails: $*"
+  say "The packages fail: $*"
   exit 1
 }
 
 # What the checkers say; each is silent, or ends with a failure, when it finds something.
 check_files() {
-  local page warnings share=$work/files/usr/share
-  say "Checking the package's files"
-  lintian --allow-root --fail-on error,warning,info --display-info "$deb"
-  [[ "$(dpkg-deb -f "$deb" Description)" == *"development image"* ]] ||
-    fail "its description does not say that it carries a development image"
-  dpkg-deb -x "$deb" "$work/files"
+  local deb page warnings share=$work/files/usr/share
+  say "Checking the packages' files"
+  lintian --allow-root --fail-on error,warning,info --display-info "$folder"/*.deb
+  for deb in "$folder"/*.deb; do
+    [[ "$(dpkg-deb -f "$deb" Description)" == *"development image"* ]] ||
+      fail "the description of $deb does not say that it carries a development image"
+    dpkg-deb -x "$deb" "$work/files"
+  done
   desktop-file-validate "$share"/applications/*.desktop
   appstreamcli validate --no-net "$share"/metainfo/*.xml
   for page in "$share"/man/man1/*.gz; do
@@ -58,7 +61,7 @@ within() {
   in_system "$root" "$@" >"$work/log" 2>&1 || { cat "$work/log"; fail "$*"; }
 }
 
-# A minimal system of this machine's release with all that the updater depends on and that the
+# A minimal system of this machine's release with the packages' files in /tmp, and with what the
 # software QM5 takes.
 make_system() {
   say "Installing a fresh Debian $own_suite"
@@ -70,9 +73,8 @@ make_system() {
   # Since Debian 13, libraries built for 64-bit times have names that end in t64.
   within apt-get satisfy -y --no-install-recommends \
     "umockdev, libumockdev0t64 | libumockdev0, libssl3t64 | libssl3"
-  within apt-get satisfy -y --no-install-recommends "$(dpkg-deb -f "$deb" Depends)"
   install -m 755 build/release/bin/qm5-simulator "$root/usr/bin"
-  cp "$deb" "$root/tmp/qm5-updater.deb"
+  cp "$folder"/*.deb "$root/tmp"
 }
 
 files_of_system() {
@@ -80,8 +82,29 @@ files_of_system() {
     -printf '%y %m %p\n' | sort)
 }
 
+# install_dependencies PACKAGE: those that come from Debian; notes what is there then.
+install_dependencies() {
+  within apt-get satisfy -y --no-install-recommends \
+    "$(dpkg-deb -f "$folder/$1"_*.deb Depends | sed 's/qm5-updater-common ([^)]*), //')"
+  files_of_system >"$work/before"
+}
+
+# install_packages PATTERN [OPTION]: those in /tmp, by a pattern of bash.
+install_packages() {
+  within bash -c "apt-get install -y --no-install-recommends ${2-} /tmp/$1.deb"
+}
+
+# The others depend on the one that is named, so they go with it.
+purge_packages() {
+  within apt-get purge -y qm5-updater-common
+  rm -f "${stand_ins[@]}"
+  diff "$work/before" <(files_of_system) || fail "the purge left a trace"
+}
+
 # stand_in PROGRAM LINE...: puts a script of these lines there, until the purge is judged.
+stand_ins=()
 stand_in() {
+  stand_ins+=("$root/usr/bin/$1")
   printf '%s\n' '#!/bin/sh' "${@:2}" >"$root/usr/bin/$1"
   chmod 755 "$root/usr/bin/$1"
 }
@@ -93,17 +116,24 @@ calls() {
 }
 
 check_installing() {
-  local reload trigger devices
-  say "Installing the package, without udevd and without udevadm"
-  within apt-get install -y --no-install-recommends /tmp/qm5-updater.deb
+  local reload trigger devices command="qm5-updater-{cli,common}_*"
+  say "Installing the command alone, without udevd and without udevadm"
+  install_packages "$command"
+  # Nothing of a desktop comes with it.
+  within bash -c "! dpkg-query -W | grep -E '^libqt6(gui|widgets)'"
   stand_in udevadm 'echo "$*" >>/tmp/udevadm-calls' "exit 1" # as where no udevd runs
-  within apt-get install -y --reinstall --no-install-recommends /tmp/qm5-updater.deb
-  { read -r reload && read -r -a trigger; } < <(calls) || fail "it does not ask udevd for both"
-  [ "$reload" = "control --reload" ] || fail "it does not reload the rules first: $reload"
+  install_packages "$command" --reinstall
+  { read -r reload && read -r -a trigger; } < <(calls) || fail "they do not ask udevd for both"
+  [ "$reload" = "control --reload" ] || fail "they do not reload the rules first: $reload"
   # What the real udevadm finds by that on a bus with a hub and a QM5.
   devices=$(build/release/bin/qm5-simulator -- \
     udevadm "${trigger[@]}" --dry-run --verbose | grep '^/sys/') || true
-  [[ "$devices" =~ ^/sys/[^[:space:]]*/1-1\.2$ ]] || fail "it triggers: $devices"
+  [[ "$devices" =~ ^/sys/[^[:space:]]*/1-1\.2$ ]] || fail "they trigger: $devices"
+}
+
+# as_person COMMAND...: runs it in the fresh Debian, with nothing of a desktop.
+as_person() {
+  in_system --userspec="$person" "$root" "$@" >"$work/log" 2>&1
 }
 
 # The report names the QM5 that is there, and neither the person nor the computer.
@@ -111,10 +141,10 @@ check_report() {
   local report line
   say "Collecting a report"
   stand_in journalctl "echo 'qm5-updater[1]: /home/$person on $computer: No such file'"
-  chroot --userspec="$person" "$root" sh -c "cd /home/$person && qm5-simulator -- \
-    qm5-updater-report" >"$work/log" 2>&1 || true # the verdict is that nothing was updated
+  as_person sh -c "cd /home/$person && qm5-simulator -- qm5-updater-report" ||
+    true # the verdict is that nothing was updated
   report=$(ls "$root/home/$person"/qm5-updater-report-*.txt) || fail "no report: $(cat "$work/log")"
-  for line in "program: [0-9.]+" "firmware image: [0-9]+ bytes, .*" \
+  for line in "program: qm5-update [0-9.]+" "firmware image: [0-9]+ bytes, .*" \
     "this is a development image: it is for the software QM5 alone" "  libqt6core6(t64)? .*" \
     "  libusb-1.0-0 .*" "  product: QM5" "  this user may open it: yes" \
     "/usr/lib/udev/rules.d/70-qm5.rules" "qm5-updater.*: No such file"; do
@@ -124,19 +154,34 @@ check_report() {
   rm "$report"
 }
 
+check_command() {
+  install_dependencies qm5-updater-cli
+  check_installing
+  say "Updating a software QM5 there"
+  as_person qm5-simulator --image "$image" -- qm5-update --wait=60 --quiet ||
+    { cat "$work/log"; fail "no update"; }
+  tail -n 1 "$work/log"
+  check_report
+  say "Purging"
+  purge_packages
+  [ "$(calls)" = "control --reload" ] || fail "they do not reload the rules"
+}
+
+check_windows() {
+  install_dependencies qm5-updater
+  say "Installing all packages"
+  install_packages "*"
+  say "Updating a software QM5 there"
+  tools/drive_windows.sh /usr/bin "$image" "$screens" "$root" "$person" >"$work/log" ||
+    { cat "$work/log"; fail "no update"; }
+  tail -n 1 "$work/log"
+  chown -R --reference="$folder" "$screens"
+  say "Purging"
+  purge_packages
+}
+
 check_files
 make_system
-files_of_system >"$work/before"
-check_installing
-say "Updating a software QM5 there"
-tools/drive_windows.sh /usr/bin /usr/share/qm5-updater/QM5-combind-051723-secure-Cus-42.bin \
-  "$screens" "$root" "$person" >"$work/log" || { cat "$work/log"; fail "no update"; }
-tail -n 1 "$work/log"
-check_report
-say "Purging the package"
-within apt-get purge -y qm5-updater
-[ "$(calls)" = "control --reload" ] || fail "it does not reload the rules"
-rm "$root/usr/bin/udevadm" "$root/usr/bin/journalctl"
-diff "$work/before" <(files_of_system) || fail "the purge left a trace"
-chown -R --reference=build/package "$screens"
-say "The package passes"
+check_command
+check_windows
+say "The packages pass"
