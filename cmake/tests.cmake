@@ -26,8 +26,8 @@ endif()
 
 # qm5_test(NAME [SWEEP] SOURCES file... USES target... [ENVIRONMENT variable...])
 # One process per test: what a test leaves behind dies with it. A test that hangs is ended after 50
-# seconds, with a sanitizer after two minutes; one of a SWEEP may have more from ./test: with a
-# sanitizer, and where --long runs it in full. The sweeps, which take longest, start first.
+# seconds, with a sanitizer after two minutes. One of a SWEEP has two minutes, and may have more from
+# ./test: with a sanitizer, and where --long runs it in full. The sweeps, which take longest, start first.
 function(qm5_test name)
   cmake_parse_arguments(arg "SWEEP" "" "SOURCES;USES;ENVIRONMENT" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
