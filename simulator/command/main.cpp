@@ -1,5 +1,5 @@
-// qm5-simulator: starts an unchanged program on an emulated USB bus with a software QM5, and
-// prints one line about the device when the program has ended.
+// qm5-simulator: starts an unchanged program on an emulated USB bus with software QM5s, and
+// prints one line about each of them when the program has ended.
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <deque>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -97,7 +98,7 @@ void forward(const siginfo_t& signal, pid_t process) {
   if (!from_terminal) kill(process, signal.si_signo);
 }
 
-/// Plugs the device in and out at `attach_at` and as signals ask for it, until the program ends;
+/// Plugs the devices in and out at `attach_at` and as signals ask for it, until the program ends;
 /// returns the program's exit status.
 int runBus(pid_t process, EmulatedBus& bus, Clock::time_point attach_at) {
   const sigset_t signals = controlSignals();
@@ -134,28 +135,45 @@ std::optional<Bytes> expectedFlash(const std::string& path) {
   return flashContents(ByteView(image).subspan(kImagePayloadStart));
 }
 
-/// Prints the one line, behind whatever the program has written.
-void printVerdict(const std::string& verdict, int program_status) {
-  std::cout << "qm5-simulator: " << verdict << ", the program ended with " << program_status
-            << std::endl;
-}
-
 int failToUse(const std::string& problem) {
   std::cerr << "qm5-simulator: " << problem << "\n";
   return kWrongUse;
 }
 
-void writeTrace(FaultyQm5& device, std::ostream& trace, Clock::time_point start_time) {
-  device.setObserver([&trace, start_time](const RequestRecord& request) {
-    trace << traceLine(request, start_time) << std::endl;
-  });
-}
+/// One of the QM5s on the bus.
+class Device {
+ public:
+  Device(std::string place, const SimulatorOptions::Device& options)
+      : place_(std::move(place)), qm5_(Qm5Model(options.model)) {
+    for (const Fault& fault : options.faults) qm5_.addFault(fault);
+  }
 
-/// Starts the program on a bus with the device; returns the program's exit status, or empty when
+  /// Has each request written to that file; false when that is not possible.
+  bool trace(const std::string& path, Clock::time_point start_time) {
+    trace_.open(path);
+    qm5_.setObserver([this, start_time](const RequestRecord& request) {
+      trace_ << traceLine(request, start_time) << std::endl;
+    });
+    return static_cast<bool>(trace_);
+  }
+
+  const std::string& place() const { return place_; }
+  FaultyQm5& qm5() { return qm5_; }
+
+ private:
+  const std::string place_;
+  std::ofstream trace_;
+  FaultyQm5 qm5_;
+};
+
+/// Starts the program on a bus with the devices; returns the program's exit status, or empty when
 /// it can't be started.
-std::optional<int> runProgram(const SimulatorOptions& options, FaultyQm5& device,
+std::optional<int> runProgram(const SimulatorOptions& options, std::deque<Device>& devices,
                               Clock::time_point start_time) {
-  EmulatedBus bus(device, options.bus);
+  std::vector<FaultyQm5*> on_bus;
+  on_bus.reserve(devices.size());
+  for (Device& each : devices) on_bus.push_back(&each.qm5());
+  EmulatedBus bus(on_bus, options.bus);
   const bool plugged_later = options.attach_after.count() > 0;
   if (!plugged_later) bus.plug();
   const auto process = start(options.program);
@@ -166,26 +184,40 @@ std::optional<int> runProgram(const SimulatorOptions& options, FaultyQm5& device
   return status;
 }
 
+/// Prints a line for each device, behind whatever the program has written. Whether all are right.
+bool printVerdicts(std::deque<Device>& devices, const std::optional<Bytes>& expected, int status) {
+  bool all_good = true;
+  for (Device& each : devices) {
+    const RunResult result = evaluateRun(each.qm5(), expected);
+    all_good = all_good && result.good;
+    const std::string label = devices.size() > 1 ? each.place() + ": " : "";
+    std::cout << "qm5-simulator: " << label << result.line << ", the program ended with " << status
+              << std::endl;
+  }
+  return all_good;
+}
+
 int simulate(const SimulatorOptions& options) {
   std::optional<Bytes> expected;
   if (options.image && !(expected = expectedFlash(*options.image)))
     return failToUse("no image can be read from " + *options.image);
-  std::ofstream trace;
-  if (options.trace) trace.open(*options.trace);
-  if (!trace) return failToUse(*options.trace + " can't be written");
+  const auto start_time = Clock::now();
+  std::deque<Device> devices;
+  for (const SimulatorOptions::Device& each : options.devices) {
+    Device& device = devices.emplace_back(EmulatedBus::placeOf(devices.size()), each);
+    if (!options.trace) continue;
+    const bool is_alone = options.devices.size() == 1;
+    const std::string path = is_alone ? *options.trace : *options.trace + "-" + device.place();
+    if (!device.trace(path, start_time)) return failToUse(path + " can't be written");
+  }
   // Blocked before the bus starts threads, which inherit it: runBus() alone gets the signals.
   const sigset_t signals = controlSignals();
   sigprocmask(SIG_BLOCK, &signals, nullptr);
 
-  FaultyQm5 device{Qm5Model(options.device)};
-  for (const Fault& fault : options.faults) device.addFault(fault);
-  const auto start_time = Clock::now();
-  if (options.trace) writeTrace(device, trace, start_time);
-  const std::optional<int> status = runProgram(options, device, start_time);
+  const std::optional<int> status = runProgram(options, devices, start_time);
   if (!status) return kCommandNotFound;
-  const RunResult result = evaluateRun(device, expected);
-  printVerdict(result.line, *status);
-  return result.good && *status == 0 ? 0 : 1;
+  const bool all_good = printVerdicts(devices, expected, *status);
+  return all_good && *status == 0 ? 0 : 1;
 }
 
 }  // namespace

@@ -18,6 +18,10 @@ constexpr const char* kHelp =
 Starts PROGRAM on an emulated USB bus with a software QM5, waits until it ends, and prints one
 line: what the QM5's flash holds, and what PROGRAM did wrong.
 
+  --devices N            that many QM5s (1 to 30), at the ports 1-1.2, 1-1.3 and so on, and one line
+                         for each. Before the values of the next four options, K: says that they
+                         concern the QM5 number K alone, as in --version 3:4208. They go behind
+                         --devices
   --version HEX          version that the QM5 reports (default 4201)
   --flash-size BYTES     size of the QM5's flash (default 1048576)
   --busy TASK=POLLS      number of polls that find each task of that name busy (default 0)
@@ -32,19 +36,20 @@ line: what the QM5's flash holds, and what PROGRAM did wrong.
                            unplug        the QM5 leaves the bus
                            replug        the QM5 leaves the bus and comes back after 0.2 s
                          May be given more than once.
-  --attach-after SECONDS plug the QM5 in that long after the start of PROGRAM
-  --no-product           the QM5 has no product name
-  --no-permission        PROGRAM may not open the QM5 until SIGUSR2 has plugged it in again
+  --attach-after SECONDS plug the QM5s in that long after the start of PROGRAM
+  --no-product           the QM5s have no product name
+  --no-permission        PROGRAM may not open the QM5s until SIGUSR2 has plugged them in again
   --latency-ms N         time that each request takes (default 0)
   --image FILE           firmware image that the flash must hold in the end
-  --trace FILE           write each request to FILE as a line of JSON
+  --trace FILE           write each request to FILE as a line of JSON; with several QM5s to
+                         FILE-1-1.2, FILE-1-1.3 and so on
   --help                 print this text
 
-While PROGRAM runs, SIGUSR1 unplugs the QM5 and SIGUSR2 plugs it in. SIGINT, SIGTERM and
+While PROGRAM runs, SIGUSR1 unplugs the QM5s and SIGUSR2 plugs them in. SIGINT, SIGTERM and
 SIGHUP are passed on to PROGRAM.
 
-The exit status is 0 when flash and signature are right, PROGRAM kept to the protocol without
-any deviation, and ended with status 0. It is 1 when one of that is not so, 2 when the options
+The exit status is 0 when flash and signature of each QM5 are right, PROGRAM kept to the protocol
+without any deviation, and ended with status 0. It is 1 when one of that is not so, 2 when the options
 are wrong or a file can't be used, and 127 when PROGRAM can't be started.
 )";
 
@@ -131,21 +136,56 @@ bool parsePath(std::string_view text, std::optional<std::string>& path) {
   return !text.empty();
 }
 
+bool parseDevices(std::string_view text, std::vector<SimulatorOptions::Device>& devices) {
+  std::size_t count = 0;
+  if (!parseNumber(text, count) || count < 1 || count > EmulatedBus::kMostDevices) return false;
+  devices.resize(count);
+  return true;
+}
+
+/// Has `set` parse the value for each device that it concerns: all, or the one whose number stands
+/// before it.
+bool setDevices(std::string_view value, std::vector<SimulatorOptions::Device>& devices,
+                bool (*set)(std::string_view value, SimulatorOptions::Device& device)) {
+  const auto [prefix, rest] = split(value, ':');
+  std::size_t number = 0;
+  if (!parseNumber(prefix, number) || rest.empty())
+    return std::all_of(devices.begin(), devices.end(),
+                       [&](auto& device) { return set(value, device); });
+  return number >= 1 && number <= devices.size() && set(rest, devices[number - 1]);
+}
+
 /// One option of the command line. `set` gets an empty text when the option has no value.
 struct OptionRule {
   const char* name;
   int has_value;
   bool (*set)(std::string_view value, SimulatorOptions& options);
 };
-const std::array<OptionRule, 10> kRules = {{
+const std::array<OptionRule, 11> kRules = {{
+    {"devices", required_argument,
+     [](auto value, auto& options) { return parseDevices(value, options.devices); }},
     {"version", required_argument,
-     [](auto value, auto& options) { return parseNumber(value, options.device.version, 16); }},
+     [](auto value, auto& options) {
+       return setDevices(value, options.devices, [](auto text, auto& device) {
+         return parseNumber(text, device.model.version, 16);
+       });
+     }},
     {"flash-size", required_argument,
-     [](auto value, auto& options) { return parseNumber(value, options.device.flash_bytes); }},
+     [](auto value, auto& options) {
+       return setDevices(value, options.devices, [](auto text, auto& device) {
+         return parseNumber(text, device.model.flash_bytes);
+       });
+     }},
     {"busy", required_argument,
-     [](auto value, auto& options) { return parseBusy(value, options.device); }},
+     [](auto value, auto& options) {
+       return setDevices(value, options.devices,
+                         [](auto text, auto& device) { return parseBusy(text, device.model); });
+     }},
     {"fault", required_argument,
-     [](auto value, auto& options) { return addFault(value, options.faults); }},
+     [](auto value, auto& options) {
+       return setDevices(value, options.devices,
+                         [](auto text, auto& device) { return addFault(text, device.faults); });
+     }},
     {"attach-after", required_argument,
      [](auto value, auto& options) { return parseSeconds(value, options.attach_after); }},
     {"no-product", no_argument,

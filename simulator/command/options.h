@@ -15,12 +15,16 @@
 namespace qm5 {
 
 struct SimulatorOptions {
-  Qm5Model::Options device;
+  struct Device {
+    Qm5Model::Options model;
+    std::vector<Fault> faults;
+  };
+  std::vector<Device> devices{1};
   EmulatedBus::Options bus;
-  std::vector<Fault> faults;
   std::chrono::milliseconds attach_after{0};
   std::optional<std::string> image;  ///< path of the image that the flash is compared with
-  std::optional<std::string> trace;  ///< path of the file that requests are written to
+  std::optional<std::string> trace;  ///< path of the file that requests are written to; of
+                                     ///< several devices, each has one with its place behind that
   std::vector<std::string> program;  ///< its name or path, then its arguments
 };
 

@@ -3,6 +3,7 @@
 #include <umockdev.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <cstring>
@@ -23,7 +24,6 @@ constexpr unsigned int kLastAddress = 127;  // an address on USB has seven bits
 constexpr unsigned int kFirstAddress = 3;   // the two hubs have the ones before it
 constexpr const char* kRootHubPath = "/devices/pci0000:00/0000:00:14.0/usb1";
 constexpr const char* kHubPath = "/devices/pci0000:00/0000:00:14.0/usb1/1-1";
-constexpr const char* kDevicePath = "/devices/pci0000:00/0000:00:14.0/usb1/1-1/1-1.2";
 
 // Descriptors: a device (18 bytes), followed by its one configuration, which has one interface
 // without endpoints of its own.
@@ -75,19 +75,17 @@ std::string describeHub() {
   return describe(kHubPath, 2, "A: idVendor=0451\nA: idProduct=0001\n", kHubDescriptor);
 }
 
-std::string describeQm5(unsigned int address, const std::optional<std::string>& product) {
+std::string describeQm5(const std::string& path, unsigned int address,
+                        const std::optional<std::string>& product) {
   std::string attributes = "A: idVendor=0451\nA: idProduct=ace1\n";
   if (product) attributes += "A: product=" + *product + "\n";
-  return describe(kDevicePath, address, attributes, kDeviceDescriptor);
+  return describe(path, address, attributes, kDeviceDescriptor);
 }
 
 }  // namespace
 
 struct EmulatedBus::Kernel {
   GObjectPointer<UMockdevTestbed> test_bed{umockdev_testbed_new()};
-  GObjectPointer<UMockdevIoctlBase> handler;  // null when no device is plugged in
-  UsbfsNode* node = nullptr;                  // owned by the handler
-  std::string node_path;
 
   std::string rootDirectory() const {
     const std::unique_ptr<gchar, decltype(&g_free)> path(
@@ -116,6 +114,14 @@ struct EmulatedBus::Kernel {
   }
 };
 
+struct EmulatedBus::Port {
+  FaultyQm5& device;
+  const std::string path;                          // of the device in /sys
+  unsigned int address = 0;                        // of the device
+  GObjectPointer<UMockdevIoctlBase> handler = {};  // null when no device is plugged in
+  UsbfsNode* node = nullptr;                       // owned by the handler
+};
+
 void EmulatedBus::enterMockEnvironment(char** argv) {
   // umockdev_in_mock_environment() is of no use: asked before the test bed exists, it says no for
   // the rest of the process.
@@ -134,12 +140,19 @@ void EmulatedBus::enterMockEnvironment(char** argv) {
   fatal("umockdev-wrapper can't be started; is umockdev installed?");
 }
 
-EmulatedBus::EmulatedBus(FaultyQm5& device, Options options)
-    : device_(device), options_(std::move(options)), kernel_(std::make_unique<Kernel>()) {
+std::string EmulatedBus::placeOf(std::size_t index) {
+  return "1-1." + std::to_string(index + 2);
+}
+
+EmulatedBus::EmulatedBus(const std::vector<FaultyQm5*>& devices, Options options)
+    : options_(std::move(options)), kernel_(std::make_unique<Kernel>()) {
   kernel_->makeNode(nodePath(1), true);
   kernel_->add(describeRootHub());
   kernel_->makeNode(nodePath(2), true);
   kernel_->add(describeHub());
+  ports_.reserve(devices.size());
+  for (FaultyQm5* const device : devices)
+    ports_.push_back({*device, std::string(kHubPath).append("/").append(placeOf(ports_.size()))});
   departure_thread_ = std::thread([this] { handleDepartures(); });
 }
 
@@ -156,12 +169,12 @@ EmulatedBus::~EmulatedBus() {
 void EmulatedBus::plug() {
   const std::lock_guard lock(mutex_);
   unplugDepartedLocked();
-  if (!kernel_->handler) plugLocked();
+  for (Port& port : ports_) plugLocked(port);
 }
 
 void EmulatedBus::unplug() {
   const std::lock_guard lock(mutex_);
-  if (kernel_->handler) unplugLocked();
+  for (Port& port : ports_) unplugLocked(port);
 }
 
 void EmulatedBus::setPermitted(bool permitted) {
@@ -169,69 +182,88 @@ void EmulatedBus::setPermitted(bool permitted) {
   options_.permitted = permitted;
 }
 
-void EmulatedBus::plugLocked() {
-  device_.powerCycle();
-  // As in the kernel: the next address, and after the last one the first again.
-  address_ = address_ < kLastAddress ? address_ + 1 : kFirstAddress;
-  kernel_->node_path = nodePath(address_);
-  const auto control = [this](const ControlSetup& setup, ByteView data) {
-    return device_.control(setup, data);
+// As in the kernel: the next address that is free, and after the last one the first again.
+unsigned int EmulatedBus::nextAddressLocked() {
+  const auto is_taken = [this](const Port& port) {
+    return port.handler && port.address == address_;
   };
-  const auto left = [this, address = address_](bool comes_back) {
-    const std::lock_guard lock(departure_mutex_);
-    departure_ = {address, comes_back};
-    departure_changed_.notify_all();
-  };
-  kernel_->handler = UsbfsNode::makeHandler({control, left, options_.latency}, kernel_->node);
-  // Before the device appears: a program may open it as soon as it does.
-  umockdev_testbed_attach_ioctl(kernel_->test_bed.get(), kernel_->node_path.c_str(),
-                                kernel_->handler.get(), nullptr);
-  kernel_->makeNode(kernel_->node_path, options_.permitted);
-  kernel_->add(describeQm5(address_, options_.product));
+  do {
+    address_ = address_ < kLastAddress ? address_ + 1 : kFirstAddress;
+  } while (std::any_of(ports_.begin(), ports_.end(), is_taken));
+  return address_;
 }
 
-void EmulatedBus::unplugLocked() {
-  kernel_->node->disconnect();
-  const std::string path = std::string("/sys") + kDevicePath;
-  umockdev_testbed_detach_ioctl(kernel_->test_bed.get(), kernel_->node_path.c_str(), nullptr);
+void EmulatedBus::plugLocked(Port& port) {
+  if (port.handler) return;
+  port.device.powerCycle();
+  port.address = nextAddressLocked();
+  const auto control = [&device = port.device](const ControlSetup& setup, ByteView data) {
+    return device.control(setup, data);
+  };
+  const auto left = [this, &port, address = port.address](bool comes_back) {
+    const std::lock_guard lock(departure_mutex_);
+    departures_.push_back({&port, address, comes_back});
+    departure_changed_.notify_all();
+  };
+  port.handler = UsbfsNode::makeHandler({control, left, options_.latency}, port.node);
+  const std::string node_path = nodePath(port.address);
+  // Before the device appears: a program may open it as soon as it does.
+  umockdev_testbed_attach_ioctl(kernel_->test_bed.get(), node_path.c_str(), port.handler.get(),
+                                nullptr);
+  kernel_->makeNode(node_path, options_.permitted);
+  kernel_->add(describeQm5(port.path, port.address, options_.product));
+}
+
+void EmulatedBus::unplugLocked(Port& port) {
+  if (!port.handler) return;
+  port.node->disconnect();
+  const std::string path = "/sys" + port.path;
+  umockdev_testbed_detach_ioctl(kernel_->test_bed.get(), nodePath(port.address).c_str(), nullptr);
   // The event needs the device's properties, so it is sent before the device is removed.
   umockdev_testbed_uevent(kernel_->test_bed.get(), path.c_str(), "remove");
   umockdev_testbed_remove_device(kernel_->test_bed.get(), path.c_str());
-  kernel_->node = nullptr;
-  kernel_->handler.reset();
+  port.node = nullptr;
+  port.handler.reset();
 }
 
-// Takes a device that has left by itself off the bus, unless that has been done already. Returns
-// whether the device is to come back. The caller holds mutex_.
-bool EmulatedBus::unplugDepartedLocked() {
-  std::optional<Departure> departure;
+// Takes devices that have left by themselves off the bus, unless that has been done already.
+// Returns the ports of those that are to come back. The caller holds mutex_.
+std::vector<EmulatedBus::Port*> EmulatedBus::unplugDepartedLocked() {
+  std::vector<Departure> departures;
   {
     const std::lock_guard lock(departure_mutex_);
-    departure.swap(departure_);
+    departures.swap(departures_);
   }
-  // It may have been unplugged and plugged in again in the meantime.
-  if (!departure || !kernel_->handler || departure->address != address_) return false;
-  unplugLocked();
-  return departure->comes_back;
+  std::vector<Port*> return_to;
+  for (const Departure& each : departures) {
+    // It may have been unplugged and plugged in again in the meantime.
+    if (!each.port->handler || each.address != each.port->address) continue;
+    unplugLocked(*each.port);
+    if (each.comes_back) return_to.push_back(each.port);
+  }
+  return return_to;
 }
 
 void EmulatedBus::handleDepartures() {
   std::unique_lock lock(departure_mutex_);
   while (!stopping_) {
-    departure_changed_.wait(lock, [&] { return stopping_ || departure_; });
+    departure_changed_.wait(lock, [&] { return stopping_ || !departures_.empty(); });
     if (stopping_) return;
     lock.unlock();
-    bool comes_back = false;
+    std::vector<Port*> return_to;
     {
       const std::lock_guard bus_lock(mutex_);
-      comes_back = unplugDepartedLocked();
+      return_to = unplugDepartedLocked();
     }
     lock.lock();
-    if (!comes_back) continue;
+    if (return_to.empty()) continue;
     departure_changed_.wait_for(lock, options_.replug_delay, [&] { return stopping_; });
     if (stopping_) return;
     lock.unlock();
-    plug();
+    {
+      const std::lock_guard bus_lock(mutex_);
+      for (Port* const port : return_to) plugLocked(*port);
+    }
     lock.lock();
   }
 }

@@ -1,7 +1,7 @@
-// An emulated USB bus with a software QM5: sysfs, device nodes, hot-plug events and control
+// An emulated USB bus with software QM5s: sysfs, device nodes, hot-plug events and control
 // requests. libusb can't tell it from the kernel's bus.
 //
-// The QM5 is behind a hub of the same vendor, which nobody may take for a QM5.
+// The QM5s are behind a hub of the same vendor, which nobody may take for a QM5.
 //
 // This process and its child processes see the emulated bus instead of the machine's own when
 // they run in umockdev's environment. One bus per process.
@@ -9,11 +9,14 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "simulator/device/faulty_qm5.h"
 
@@ -22,8 +25,8 @@ namespace qm5 {
 class EmulatedBus {
  public:
   struct Options {
-    std::optional<std::string> product = "QM5";   ///< empty: the device has no product name
-    bool permitted = true;                        ///< false: opening its node gets EACCES
+    std::optional<std::string> product = "QM5";   ///< empty: the devices have no product name
+    bool permitted = true;                        ///< false: opening a device's node gets EACCES
     std::chrono::milliseconds latency{0};         ///< of each control request
     std::chrono::milliseconds replug_delay{200};  ///< before a device that left comes back
   };
@@ -33,47 +36,58 @@ class EmulatedBus {
   /// be called before anything else.
   static void enterMockEnvironment(char** argv);
 
-  /// A bus without the device, which plug() adds. `device` must outlive the bus.
+  /// The most devices that the bus has room for: a hub of the kernel has 31 ports, and the first
+  /// one stays free.
+  static constexpr std::size_t kMostDevices = 30;
+
+  /// The kernel's name of the port of the device of that index.
+  static std::string placeOf(std::size_t index);
+
+  /// A bus without the devices, which plug() adds. They must outlive the bus.
   explicit EmulatedBus(FaultyQm5& device) : EmulatedBus(device, Options()) {}
-  EmulatedBus(FaultyQm5& device, Options options);
+  EmulatedBus(FaultyQm5& device, Options options) : EmulatedBus({&device}, std::move(options)) {}
+  EmulatedBus(const std::vector<FaultyQm5*>& devices, Options options);
   ~EmulatedBus();
   EmulatedBus(const EmulatedBus&) = delete;
   EmulatedBus& operator=(const EmulatedBus&) = delete;
 
   // Any thread. Each returns when the nodes are changed and the hot-plug events are sent.
 
-  /// Gives the device power and the next address. Does nothing when it is plugged in already.
+  /// Gives each device that is not plugged in power and the next address.
   void plug();
-  /// Takes the device away; requests under way fail. Does nothing when it isn't plugged in.
+  /// Takes the devices away; requests under way fail.
   void unplug();
-  /// Sets whether programs may open the device, from the next plug() on.
+  /// Sets whether programs may open the devices, from the next plug() on.
   void setPermitted(bool permitted);
 
  private:
   struct Kernel;  // the objects of umockdev
+  struct Port;    // of the hub, with its device
 
-  void plugLocked();
-  void unplugLocked();
-  bool unplugDepartedLocked();
+  void plugLocked(Port& port);
+  void unplugLocked(Port& port);
+  unsigned int nextAddressLocked();
+  std::vector<Port*> unplugDepartedLocked();
   void handleDepartures();
 
-  FaultyQm5& device_;
   Options options_;
 
   std::mutex mutex_;  // guards what follows
   std::unique_ptr<Kernel> kernel_;
+  std::vector<Port> ports_;   // never grows: others hold pointers into it
   unsigned int address_ = 2;  // the last one given; 1 and 2 are the hubs'
 
-  // A fault makes the device leave in the middle of a request, on a thread that must not wait for
+  // A fault makes a device leave in the middle of a request, on a thread that must not wait for
   // the bus. So that thread only notes the departure. departure_thread_ then takes the device off
   // the bus, unless a plug() comes first and does it.
   struct Departure {
+    Port* port;
     unsigned int address;
     bool comes_back;
   };
   std::mutex departure_mutex_;  // taken after mutex_
   std::condition_variable departure_changed_;
-  std::optional<Departure> departure_;
+  std::vector<Departure> departures_;
   bool stopping_ = false;
   std::thread departure_thread_;
 };
