@@ -126,7 +126,12 @@ void EmulatedBus::enterMockEnvironment(char** argv) {
   // umockdev_in_mock_environment() is of no use: asked before the test bed exists, it says no for
   // the rest of the process.
   const char* const preloaded = std::getenv("LD_PRELOAD");
-  if (preloaded != nullptr && std::strstr(preloaded, "libumockdev-preload") != nullptr) return;
+  if (preloaded != nullptr && std::strstr(preloaded, "libumockdev-preload") != nullptr) {
+    // For the programs to come; several at once need it. Missing where the build tree is.
+    const std::string libraries = std::string(QM5_EVENT_SOCKETS ":") + preloaded;
+    if (access(QM5_EVENT_SOCKETS, R_OK) == 0) setenv("LD_PRELOAD", libraries.c_str(), 1);
+    return;
+  }
   std::array<char, 4096> self{};
   if (readlink("/proc/self/exe", self.data(), self.size() - 1) < 0)
     fatal("/proc/self/exe can't be read");
