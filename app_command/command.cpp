@@ -26,8 +26,6 @@ constexpr std::string_view kEndsAfterUpdate =
     "The program ends once the update has ended. A second signal ends it at once.";
 constexpr std::string_view kDisconnected =
     "The QM5 has been disconnected. When this update has ended, start it again.";
-constexpr std::string_view kCutOff =
-    "Ended on request. The QM5 may have a part of the update: start it again.";
 constexpr std::string_view kNotConfirmed =
     "Ended on request. The QM5 was updated, but that was not confirmed by a power cycle.";
 constexpr std::string_view kNotBack =
@@ -69,7 +67,7 @@ void Command::start() {
   main_queue_.async([this] {
     if (options_.list) return after(kAnnounceTime, [this] { list(); });
     if (!options_.wait) return begin();
-    report_.note("Waiting for a QM5.");
+    report_.note(subject_, "Waiting for a QM5.");
     after(*options_.wait, [this] {
       if (stage_ == Stage::waiting) begin();
     });
@@ -106,7 +104,7 @@ void Command::begin() {
     activity_ = wakefulness().beginActivity(kActivityReason, [this] {
       main_queue_.async([this] {
         may_sleep_ = true;
-        if (percent_ && stage_ == Stage::running) report_.note(kMaySleepText);
+        if (percent_ && stage_ == Stage::running) report_.note({}, kMaySleepText);
       });
     });
   }
@@ -155,9 +153,9 @@ void Command::noteOpening(const DeviceState& bus) {
     subject_.device = bus.location;
     subject_.version = version_;
   }
-  if (!options_.image && isDevelopmentImage()) report_.note(kDevelopmentImageText);
-  if (may_sleep_) report_.note(kMaySleepText);
-  if (bus.present.size() > 1) report_.note(whichOf(bus));
+  if (!options_.image && isDevelopmentImage()) report_.note({}, kDevelopmentImageText);
+  if (may_sleep_) report_.note({}, kMaySleepText);
+  if (bus.present.size() > 1) report_.note(subject_, whichOf(bus));
   report_.updating(subject_);
 }
 
@@ -168,7 +166,8 @@ void Command::showProgress() {
   if (!percent_ && now - began_ < kUsualOpeningTime) return;
   if (std::exchange(shown_device_, device) != device) {
     const std::string_view warning = pace_->warning(now);
-    if (!warning.empty()) report_.note(device == UpdatedDevice::away ? kDisconnected : warning);
+    if (!warning.empty())
+      report_.note(subject_, device == UpdatedDevice::away ? kDisconnected : warning);
   }
   report_.progressed(subject_, {.percent = percent_,
                                 .phase = pace_->phase(now),
@@ -210,7 +209,7 @@ void Command::confirm(const Verdict& update, const DeviceState& bus) {
            [this](PowerCycle state, std::string_view text) {
              if (state == PowerCycle::confirmed) return end(confirmedVerdict(text));
              if (state == PowerCycle::unconfirmed) return end(unconfirmedVerdict(text));
-             report_.note(text);
+             report_.note(subject_, text);
            }});
 }
 
@@ -224,7 +223,7 @@ void Command::handleEndRequest(const std::function<void()>& declined) {
       prompt_.ask(report_, [this, declined](bool quit) { quit ? end(ended()) : declined(); });
   if (is_asked) return;
   is_end_requested_ = true;
-  report_.note(kEndsAfterUpdate);
+  report_.note({}, kEndsAfterUpdate);
 }
 
 void Command::end(const Verdict& verdict) {
@@ -237,8 +236,7 @@ int Command::endAtOnce() {
 }
 
 Verdict Command::ended() const {
-  const bool is_cut_off = stage_ == Stage::running && !options_.only_check;
-  return endedVerdict(is_cut_off ? kCutOff : "Ended on request.");
+  return endedAtOnceVerdict(stage_ == Stage::running && !options_.only_check);
 }
 
 int Command::conclude(const Verdict& verdict) {

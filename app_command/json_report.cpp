@@ -4,6 +4,7 @@
 
 #include <QJsonDocument>
 #include <QString>
+#include <sstream>
 #include <utility>
 
 #include "platform/line_writer.h"
@@ -46,7 +47,47 @@ QJsonObject describe(const Subject& subject) {
           {"target", text(subject.target_version)}};
 }
 
+// Empty for null.
+std::string textIn(const QJsonObject& object, const char* key) {
+  return object[key].toString().toStdString();
+}
+
+std::vector<std::string> linesIn(const QJsonObject& object) {
+  std::istringstream text(textIn(object, "text"));
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(text, line);) lines.push_back(line);
+  return lines;
+}
+
 }  // namespace
+
+bool readJsonLine(std::string_view line, UpdateEvents& events) {
+  const QByteArray bytes(line.data(), static_cast<qsizetype>(line.size()));
+  const QJsonObject object = QJsonDocument::fromJson(bytes).object();
+  const std::string event = textIn(object, "event");
+  const Subject subject = {textIn(object, "device"), textIn(object, "version"),
+                           textIn(object, "target")};
+  const Verdict verdict = {textIn(object, "outcome"),
+                           static_cast<ExitStatus>(object["status"].toInt()), linesIn(object)};
+  const std::string phase = textIn(object, "phase");
+  if (event == "notice") {
+    events.note(subject, textIn(object, "text"));
+  } else if (event == "updating") {
+    events.updating(subject);
+  } else if (event == "progress") {
+    events.progressed(subject, {.percent = object["percent"].toDouble(),
+                                .phase = phase,
+                                .elapsed = {},
+                                .remaining = textIn(object, "remaining")});
+  } else if (event == "confirming") {
+    events.confirming(subject, verdict);
+  } else if (event == "outcome") {
+    events.ended(subject, verdict);
+  } else {
+    return false;
+  }
+  return true;
+}
 
 void JsonReport::listed(const std::vector<AttachedDevice>& devices) {
   for (const AttachedDevice& each : devices) {
@@ -56,8 +97,9 @@ void JsonReport::listed(const std::vector<AttachedDevice>& devices) {
   }
 }
 
-void JsonReport::note(std::string_view sentence) {
-  if (!quiet_) write("notice", {{"text", text(sentence)}});
+void JsonReport::note(const Subject& subject, std::string_view sentence) {
+  if (quiet_) return;
+  write("notice", {{"device", textOrNull(subject.device)}, {"text", text(sentence)}});
 }
 
 void JsonReport::updating(const Subject& subject) {
@@ -68,7 +110,8 @@ void JsonReport::progressed(const Subject& subject, const Progress& progress) {
   if (quiet_ || !progress.percent) return;
   const QJsonObject step = {{"device", textOrNull(subject.device)},
                             {"percent", *progress.percent},
-                            {"phase", text(progress.phase)}};
+                            {"phase", text(progress.phase)},
+                            {"remaining", textOrNull(progress.remaining)}};
   {
     const std::lock_guard lock(mutex_);
     if (std::exchange(last_step_, step) == step) return;
@@ -91,8 +134,11 @@ void JsonReport::ended(const Subject& subject, const Verdict& verdict) {
   write("outcome", std::move(object));
 }
 
-void JsonReport::engineLine(std::string_view line) {
-  if (!quiet_) writeLine(StandardStream::error, line);
+void JsonReport::engineLine(std::string_view device, std::string_view line) {
+  if (quiet_) return;
+  std::string label(device);
+  if (!label.empty()) label.append(": ");
+  writeLine(StandardStream::error, label.append(line));
 }
 
 bool JsonReport::ask(std::string_view question) {

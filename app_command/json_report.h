@@ -9,18 +9,21 @@
 
 namespace qm5 {
 
+/// Calls what a line of a JsonReport stands for; false when it is none.
+bool readJsonLine(std::string_view line, UpdateEvents& events);
+
 class JsonReport final : public Report {
  public:
   /// `quiet`: the outcome alone, and no lines of the engine.
   explicit JsonReport(bool quiet) : quiet_(quiet) {}
 
   void listed(const std::vector<AttachedDevice>& devices) override;
-  void note(std::string_view text) override;
+  void note(const Subject& subject, std::string_view text) override;
   void updating(const Subject& subject) override;
   void progressed(const Subject& subject, const Progress& progress) override;
   void confirming(const Subject& subject, const Verdict& update) override;
   void ended(const Subject& subject, const Verdict& verdict) override;
-  void engineLine(std::string_view line) override;
+  void engineLine(std::string_view device, std::string_view line) override;
   bool ask(std::string_view question) override;
   void answered() override {}
 

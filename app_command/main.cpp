@@ -8,6 +8,7 @@
 #include <variant>
 
 #include "app_command/command.h"
+#include "app_command/command_for_all.h"
 #include "app_command/json_report.h"
 #include "app_command/options.h"
 #include "app_command/plain_report.h"
@@ -35,10 +36,10 @@ void setAdapters(const CommandOptions& options) {
 
 // The lines of the layers below are the report's to show.
 void redirectLines(Report& report) {
-  setConsole([&report](std::string_view line) { report.engineLine(line); });
+  setConsole([&report](std::string_view line) { report.engineLine({}, line); });
   setSystemLog([&report](std::string_view line) {
     writeSystemLog(line);
-    report.engineLine(line);
+    report.engineLine({}, line);
   });
   qInstallMessageHandler(
       [](QtMsgType type, const QMessageLogContext& context, const QString& message) {
@@ -55,11 +56,20 @@ void keepTerminalFromStopping() {
   std::signal(SIGTTOU, SIG_IGN);
 }
 
+// Jobs may be at work when the process ends, so `command` is never taken apart.
+template <typename AnyCommand>
+[[noreturn]] void serve(AnyCommand& command) {
+  followTerminationSignals([&command] { command.requestEnd(terminationDeclined); },
+                           [&command] { return command.endAtOnce(); });
+  command.start();
+  endProcess(QCoreApplication::exec());
+}
+
 int run(int argc, char** argv, const CommandOptions& options) {
   Report& report = options.json ? static_cast<Report&>(*new JsonReport(options.quiet))
-                                : *new PlainReport(options.quiet);
+                                : *new PlainReport(options.quiet, options.all);
   requireStartResources();
-  const auto claimed = claimBusQuietly();
+  const auto claimed = claimBusQuietly(options.claim);
   if (const auto* in_use = std::get_if<BusInUse>(&claimed)) {
     const Verdict verdict = busInUseVerdict(in_use->name);
     report.ended({.device = options.device.value_or(""),
@@ -74,12 +84,9 @@ int run(int argc, char** argv, const CommandOptions& options) {
   // Qt has taken the person's locale: the system's messages stand in English texts.
   std::setlocale(LC_NUMERIC, "C");
   std::setlocale(LC_MESSAGES, "C");
-  auto& command = *new Command(options, report);
-  followTerminationSignals([&command] { command.requestEnd(terminationDeclined); },
-                           [&command] { return command.endAtOnce(); });
-  command.start();
-  // Jobs may be at work, so nothing that they use is taken apart.
-  endProcess(QCoreApplication::exec());
+  if (!options.all) serve(*new Command(options, report));
+  const int claim = std::get<BusClaim>(claimed).descriptor();
+  serve(*new CommandForAll(options, report, claim));
 }
 
 }  // namespace

@@ -21,6 +21,7 @@ Brings the firmware of the connected QM5 up to date over USB, without a window.
   --check              read the version alone; nothing is written
   --list               list the QM5s with the names of their ports
   --device PLACE       the QM5 at the port of that name, as in 1-4.2
+  --all                each QM5 that is connected, all at the same time
   --image FILE         write this image, not the packaged one; needs --target
   --target VERSION     the version that FILE brings, as in 4208
   --wait[=SECONDS]     wait until a QM5 is connected
@@ -43,6 +44,7 @@ exit status:
    6  the image is missing or is none
    7  ended by a signal or by the person
   10  with --check: an update would be written
+With --all, the first of 1, 7, 6, 5, 4, 3, 10 and 0 that any QM5 had.
 )";
 
 constexpr double kMostSeconds = 1e6;  // 11 days; timers count milliseconds in 32 bits
@@ -66,6 +68,12 @@ bool parsePlace(std::string_view value, std::optional<std::string>& place) {
   return names.match(QString::fromStdString(*place)).hasMatch();
 }
 
+bool parseDescriptor(std::string_view value, int& descriptor) {
+  const char* const end = value.data() + value.size();
+  const auto [stop, error] = std::from_chars(value.data(), end, descriptor);
+  return error == std::errc() && stop == end;
+}
+
 bool parseVersion(std::string_view value, std::string& version) {
   version = value;
   std::transform(version.begin(), version.end(), version.begin(), [](char digit) {
@@ -80,11 +88,12 @@ struct Rule {
   int has_value;
   bool (*set)(std::string_view value, CommandOptions& options);
 };
-constexpr std::array<Rule, 9> kRules = {{
+constexpr std::array<Rule, 11> kRules = {{
     {"check", no_argument, [](auto, auto& options) { return options.only_check = true; }},
     {"list", no_argument, [](auto, auto& options) { return options.list = true; }},
     {"device", required_argument,
      [](auto value, auto& options) { return parsePlace(value, options.device); }},
+    {"all", no_argument, [](auto, auto& options) { return options.all = true; }},
     {"image", required_argument,
      [](auto value, auto& options) { return options.image = value, !value.empty(); }},
     {"target", required_argument,
@@ -95,6 +104,9 @@ constexpr std::array<Rule, 9> kRules = {{
      [](auto value, auto& options) { return parseSeconds(value, options.confirm); }},
     {"json", no_argument, [](auto, auto& options) { return options.json = true; }},
     {"quiet", no_argument, [](auto, auto& options) { return options.quiet = true; }},
+    // Not in the help: --all alone starts processes with it.
+    {"claim", required_argument,
+     [](auto value, auto& options) { return parseDescriptor(value, options.claim); }},
 }};
 constexpr int kHelpOption = kRules.size();
 constexpr int kVersionOption = kHelpOption + 1;
@@ -128,18 +140,24 @@ std::optional<CommandReply> apply(int found, const std::string& word, CommandOpt
 
 // Whether an option was given that says something about a run.
 bool concernsRun(const CommandOptions& options) {
-  return options.only_check || options.image || options.target || options.wait || options.confirm;
+  return options.all || options.only_check || options.image || options.target || options.wait ||
+         options.confirm;
+}
+
+std::string_view conflictInRun(const CommandOptions& options) {
+  if (options.image && !options.target) return "--image needs --target";
+  if (options.target && !options.image && !options.only_check)
+    return "--target needs --image or --check";
+  if (options.confirm && options.only_check) return "--check leaves nothing to confirm";
+  return {};
 }
 
 // What is wrong with options that are right each by itself; empty when nothing is.
 std::string_view conflictIn(const CommandOptions& options) {
   if (options.list && concernsRun(options))
     return "--list goes with --device, --json and --quiet alone";
-  if (options.image && !options.target) return "--image needs --target";
-  if (options.target && !options.image && !options.only_check)
-    return "--target needs --image or --check";
-  if (options.confirm && options.only_check) return "--check leaves nothing to confirm";
-  return {};
+  if (options.all && options.device) return "--all and --device exclude each other";
+  return conflictInRun(options);
 }
 
 }  // namespace

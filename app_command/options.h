@@ -11,6 +11,7 @@ namespace qm5 {
 struct CommandOptions {
   bool only_check = false;
   bool list = false;
+  bool all = false;                   ///< each QM5, at once
   std::optional<std::string> device;  ///< the kernel's name of its port, as in "1-4.2"
   std::optional<std::string> image;   ///< path of the image; empty: the packaged one
   std::optional<std::string> target;  ///< what the image brings; empty: what the packaged one does
@@ -18,6 +19,7 @@ struct CommandOptions {
   std::optional<double> confirm;  ///< the same, for the power cycle
   bool json = false;
   bool quiet = false;
+  int claim = -1;  ///< of a process that --all has started: the descriptor of the bus's lock
 };
 
 /// What the process prints instead.

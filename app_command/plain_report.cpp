@@ -14,14 +14,24 @@ namespace qm5 {
 namespace {
 
 constexpr std::size_t kUsualColumns = 80;
+constexpr std::size_t kUsualRows = 24;
 constexpr std::size_t kLeastBar = 10;
 constexpr std::size_t kMostBar = 50;
 constexpr std::size_t kBesideBar = 46;  // brackets, percentage, the longest text and a free column
 constexpr std::size_t kLinesShown = 8;  // of the engine, after a failure
 constexpr std::size_t kLongestLine = 76;
 
-// One line up, to its beginning, and the line is emptied: the terminal's own control sequences.
-constexpr std::string_view kReplaceLastLine = "\x1b[1A\r\x1b[K";
+// The terminal's own control sequences.
+constexpr std::string_view kEmptyLine = "\r\x1b[K";
+constexpr std::string_view kEmptyFromHere = "\r\x1b[J";
+
+std::string up(std::size_t lines) {
+  return "\x1b[" + std::to_string(lines) + "A";
+}
+
+std::string down(std::size_t lines) {
+  return lines == 0 ? "" : "\x1b[" + std::to_string(lines) + "B";
+}
 
 bool canMoveCursor() {
   const char* const terminal = std::getenv("TERM");
@@ -35,8 +45,15 @@ std::size_t columnsOf(int terminal) {
   return size.ws_col;
 }
 
+std::size_t rowsOf(int terminal) {
+  winsize size{};
+  if (::ioctl(terminal, TIOCGWINSZ, &size) != 0 || size.ws_row == 0) return kUsualRows;
+  return size.ws_row;
+}
+
 // As wide as the terminal at most: a line that wraps could not be replaced.
-std::string barOf(const Progress& progress, std::size_t width) {
+std::string barOf(const Progress& progress, std::string_view label, std::size_t columns) {
+  const std::size_t width = std::max(columns, label.size() + 1) - label.size();
   const double done = progress.percent.value_or(0);
   const std::string percent = oneDecimal(done);
   std::string text = "] ";
@@ -46,9 +63,9 @@ std::string barOf(const Progress& progress, std::size_t width) {
   const std::size_t length = std::clamp(room, kLeastBar, kMostBar);
   const double part = std::clamp(done / 100, 0.0, 1.0);
   const auto filled = static_cast<std::size_t>(std::lround(part * static_cast<double>(length)));
-  std::string line = "[";
+  std::string line = std::string(label).append("[");
   line.append(filled, '#').append(length - filled, '-').append(text);
-  return line.substr(0, width - 1);
+  return line.substr(0, columns - 1);
 }
 
 // Broken at blanks where a terminal would break it within a word.
@@ -66,11 +83,15 @@ std::string fitted(StandardStream stream, std::string_view line) {
   return lines;
 }
 
+std::string inColumn(std::string text) {
+  constexpr std::size_t kColumn = 12;
+  text.resize(std::max(text.size() + 1, kColumn), ' ');
+  return text;
+}
+
 // Port, version and access, in columns.
 std::string describe(const AttachedDevice& device) {
-  constexpr std::size_t kColumn = 12;
-  std::string line = device.location.empty() ? "?" : device.location;
-  line.resize(std::max(line.size() + 1, kColumn), ' ');
+  std::string line = inColumn(device.location.empty() ? "?" : device.location);
   line.append(device.version.value_or("-   ")).append("  ");
   switch (device.access) {
     case AttachedDevice::Access::permitted:
@@ -89,7 +110,8 @@ bool isGood(ExitStatus status) {
 
 }  // namespace
 
-PlainReport::PlainReport(bool quiet) : quiet_(quiet), has_bar_(!quiet && canMoveCursor()) {}
+PlainReport::PlainReport(bool quiet, bool many)
+    : quiet_(quiet), many_(many), has_bars_(!quiet && canMoveCursor()) {}
 
 void PlainReport::listed(const std::vector<AttachedDevice>& devices) {
   const std::lock_guard lock(mutex_);
@@ -97,50 +119,55 @@ void PlainReport::listed(const std::vector<AttachedDevice>& devices) {
   for (const AttachedDevice& each : devices) writeLine(StandardStream::output, describe(each));
 }
 
-void PlainReport::note(std::string_view text) {
+void PlainReport::note(const Subject& subject, std::string_view text) {
   const std::lock_guard lock(mutex_);
-  write(text);
+  write(labelOf(subject).append(text));
 }
 
 void PlainReport::updating(const Subject& subject) {
   std::string text = "Updating firmware version from ";
   text.append(subject.version).append(" -> ").append(subject.target_version);
-  if (!subject.device.empty()) text.append(", at port ").append(subject.device);
-  note(text.append("."));
+  if (!many_ && !subject.device.empty()) text.append(", at port ").append(subject.device);
+  note(subject, text.append("."));
 }
 
-void PlainReport::progressed(const Subject&, const Progress& progress) {
+void PlainReport::progressed(const Subject& subject, const Progress& progress) {
   const std::lock_guard lock(mutex_);
-  if (phase_ != progress.phase) {
-    phase_ = progress.phase;
-    write(phase_);
+  std::string& phase = phases_[keyOf(subject)];
+  // The phases of many would drive each other off the screen.
+  if (phase != progress.phase && !(many_ && has_bars_)) {
+    phase = progress.phase;
+    write(labelOf(subject).append(phase));
   }
-  if (has_bar_ && !is_asking_ && progress.percent) drawBar(progress);
+  if (!has_bars_ || is_asking_ || !progress.percent) return;
+  drawBar(keyOf(subject),
+          barOf(progress, many_ ? inColumn(subject.device) : "", columnsOf(STDOUT_FILENO)));
 }
 
-void PlainReport::confirming(const Subject&, const Verdict& update) {
+void PlainReport::confirming(const Subject& subject, const Verdict& update) {
   const std::lock_guard lock(mutex_);
-  bar_.clear();
-  for (const std::string& line : update.lines) write(line);
+  removeBar(keyOf(subject));
+  for (const std::string& line : lines(subject, update)) write(line);
 }
 
-void PlainReport::ended(const Subject&, const Verdict& verdict) {
+void PlainReport::ended(const Subject& subject, const Verdict& verdict) {
   const std::lock_guard lock(mutex_);
-  bar_.clear();
+  removeBar(keyOf(subject));
   if (isGood(verdict.status)) {
-    for (const std::string& line : verdict.lines) write(line);
+    for (const std::string& line : lines(subject, verdict)) write(line);
     return;
   }
   std::string name = "qm5-update: ";
-  for (const std::string& line : verdict.lines)
-    writeLine(StandardStream::error, fitted(StandardStream::error, std::exchange(name, "") + line));
-  if (verdict.status == ExitStatus::failed) writeLastLines();
+  for (const std::string& line : lines(subject, verdict))
+    write(std::exchange(name, "") + line, StandardStream::error);
+  if (verdict.status == ExitStatus::failed) writeLastLines(subject);
 }
 
-void PlainReport::engineLine(std::string_view line) {
+void PlainReport::engineLine(std::string_view device, std::string_view line) {
   const std::lock_guard lock(mutex_);
-  engine_.emplace_back(line);
-  if (engine_.size() > kLinesShown) engine_.pop_front();
+  std::deque<std::string>& newest = engine_[std::string(device)];
+  newest.emplace_back(line);
+  if (newest.size() > kLinesShown) newest.pop_front();
 }
 
 bool PlainReport::ask(std::string_view question) {
@@ -148,7 +175,7 @@ bool PlainReport::ask(std::string_view question) {
   if (!has_errors && ::isatty(STDOUT_FILENO) == 0) return false;
   const std::lock_guard lock(mutex_);
   is_asking_ = true;
-  bar_.clear();
+  bars_.clear();
   writeLine(has_errors ? StandardStream::error : StandardStream::output, question);
   return true;
 }
@@ -158,28 +185,77 @@ void PlainReport::answered() {
   is_asking_ = false;
 }
 
-// Called with the mutex held, as are the two below.
-void PlainReport::write(std::string_view line) {
-  if (quiet_) return;
-  const std::string lines = fitted(StandardStream::output, line);
-  if (bar_.empty()) return writeLine(StandardStream::output, lines);
-  writeLine(StandardStream::output, std::string(kReplaceLastLine).append(lines));
-  writeLine(StandardStream::output, bar_);
+// Of one QM5 alone, it may not be known yet at which port it is.
+std::string PlainReport::keyOf(const Subject& subject) const {
+  return many_ ? subject.device : "";
 }
 
-void PlainReport::drawBar(const Progress& progress) {
-  std::string bar = barOf(progress, columnsOf(STDOUT_FILENO));
-  if (bar == bar_) return;
-  writeLine(StandardStream::output, bar_.empty() ? bar : std::string(kReplaceLastLine).append(bar));
-  bar_ = std::move(bar);
+std::string PlainReport::labelOf(const Subject& subject) const {
+  return many_ && !subject.device.empty() ? subject.device + ": " : "";
 }
 
-void PlainReport::writeLastLines() {
-  if (engine_.empty() || quiet_) return;
-  writeLine(StandardStream::error, "The last lines of the run:");
-  for (std::string line : engine_) {
+// Of several QM5s, one line each, in sentences.
+std::vector<std::string> PlainReport::lines(const Subject& subject, const Verdict& verdict) const {
+  if (!many_) return verdict.lines;
+  std::string line = labelOf(subject);
+  std::string_view separator;
+  for (const std::string& each : verdict.lines) {
+    line.append(separator).append(each);
+    separator = each.find_last_of(".!?") + 1 == each.size() ? " " : ". ";
+  }
+  return {line};
+}
+
+// Called with the mutex held, as are those below.
+void PlainReport::write(std::string_view line, StandardStream stream) {
+  if (quiet_ && stream == StandardStream::output) return;
+  eraseBars();
+  writeLine(stream, fitted(stream, line));
+  drawBars();
+}
+
+void PlainReport::drawBar(const std::string& device, const std::string& bar) {
+  const auto shown = bars_.find(device);
+  if (shown == bars_.end()) {
+    if (bars_.size() + 1 >= rowsOf(STDOUT_FILENO)) return;  // what scrolls away can't be replaced
+    eraseBars();
+    bars_[device] = bar;
+    return drawBars();
+  }
+  if (bar == shown->second) return;
+  shown->second = bar;
+  const auto lines = static_cast<std::size_t>(std::distance(shown, bars_.end()));
+  std::string text = up(lines).append(kEmptyLine).append(bar);
+  writeLine(StandardStream::output, text.append(down(lines - 1)));
+}
+
+// The only one stays on the screen.
+void PlainReport::removeBar(const std::string& device) {
+  if (!many_) return bars_.clear();
+  if (!bars_.contains(device)) return;
+  eraseBars();
+  bars_.erase(device);
+  drawBars();
+}
+
+// Leaves the cursor where the first of them was: the line feed behind the text takes it down again.
+void PlainReport::eraseBars() {
+  if (bars_.empty()) return;
+  std::string text = up(bars_.size()).append(kEmptyFromHere);
+  writeLine(StandardStream::output, text.append(up(1)));
+}
+
+void PlainReport::drawBars() {
+  for (const auto& [device, bar] : bars_) writeLine(StandardStream::output, bar);
+}
+
+void PlainReport::writeLastLines(const Subject& subject) {
+  const std::deque<std::string>& newest = engine_[keyOf(subject)];
+  if (newest.empty() || quiet_) return;
+  write(labelOf(subject).append("The last lines of the run:"), StandardStream::error);
+  for (std::string line : newest) {
     if (line.size() > kLongestLine) line.replace(kLongestLine - 3, line.npos, "...");
-    writeLine(StandardStream::error, "  " + line);
+    write("  " + line, StandardStream::error);
   }
 }
 

@@ -1,9 +1,11 @@
 // Plain lines for a person: on standard output, and on standard error how a run failed. On a
-// terminal the last line shows the progress.
+// terminal the last line shows the progress; where several QM5s are updated, one line for each.
 #pragma once
 
 #include <deque>
+#include <map>
 #include <mutex>
+#include <string>
 
 #include "app_command/report.h"
 #include "platform/line_writer.h"
@@ -12,31 +14,46 @@ namespace qm5 {
 
 class PlainReport final : public Report {
  public:
-  /// `quiet`: errors and questions alone.
-  explicit PlainReport(bool quiet);
+  /// `quiet`: errors and questions alone. `many`: of several QM5s, so each line says of which.
+  PlainReport(bool quiet, bool many);
 
   void listed(const std::vector<AttachedDevice>& devices) override;
-  void note(std::string_view text) override;
+  void note(const Subject& subject, std::string_view text) override;
   void updating(const Subject& subject) override;
   void progressed(const Subject& subject, const Progress& progress) override;
   void confirming(const Subject& subject, const Verdict& update) override;
   void ended(const Subject& subject, const Verdict& verdict) override;
-  void engineLine(std::string_view line) override;
+  void engineLine(std::string_view device, std::string_view line) override;
   bool ask(std::string_view question) override;
   void answered() override;
 
  private:
-  void write(std::string_view line);
-  void drawBar(const Progress& progress);
-  void writeLastLines();
+  // As a person counts: 1-1.10 follows 1-1.9.
+  struct ByPort {
+    bool operator()(const std::string& one, const std::string& other) const {
+      return one.size() != other.size() ? one.size() < other.size() : one < other;
+    }
+  };
+  using Bars = std::map<std::string, std::string, ByPort>;
+
+  std::string keyOf(const Subject& subject) const;
+  std::string labelOf(const Subject& subject) const;
+  std::vector<std::string> lines(const Subject& subject, const Verdict& verdict) const;
+  void write(std::string_view line, StandardStream stream = StandardStream::output);
+  void drawBar(const std::string& device, const std::string& bar);
+  void removeBar(const std::string& device);
+  void eraseBars();
+  void drawBars();
+  void writeLastLines(const Subject& subject);
 
   const bool quiet_;
-  const bool has_bar_;              // standard output is a terminal that can move its cursor
-  std::mutex mutex_;                // guards what follows
-  std::string bar_;                 // the line of progress, where it is the last one
-  std::string phase_;               // the last one that was written
-  bool is_asking_ = false;          // the terminal has a question
-  std::deque<std::string> engine_;  // the engine's newest lines
+  const bool many_;
+  const bool has_bars_;  // standard output is a terminal that can move its cursor
+  std::mutex mutex_;     // guards what follows
+  Bars bars_;            // the lines of progress, where they are the last ones; by device
+  std::map<std::string, std::string> phases_;              // the last ones that were written
+  bool is_asking_ = false;                                 // the terminal has a question
+  std::map<std::string, std::deque<std::string>> engine_;  // the engine's newest lines
 };
 
 }  // namespace qm5

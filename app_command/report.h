@@ -27,25 +27,30 @@ struct Progress {
   std::string remaining;  ///< empty while that can't be told
 };
 
-/// Lines are queued, so no call waits for a reader. Any thread.
-class Report : public PortObject {
+/// What becomes of a QM5.
+class UpdateEvents : public PortObject {
  public:
-  virtual ~Report() = default;
+  virtual ~UpdateEvents() = default;
 
-  /// What is on the bus.
-  virtual void listed(const std::vector<AttachedDevice>& devices) = 0;
-  /// Something that a person wants to know.
-  virtual void note(std::string_view text) = 0;
+  /// Something that a person wants to know. Without a device in `subject`, it concerns them all.
+  virtual void note(const Subject& subject, std::string_view text) = 0;
   /// The QM5 has opened the update.
   virtual void updating(const Subject& subject) = 0;
   /// Called at each change, and about once per second.
   virtual void progressed(const Subject& subject, const Progress& progress) = 0;
   /// The update has succeeded, and the power cycle is awaited.
   virtual void confirming(const Subject& subject, const Verdict& update) = 0;
-  /// The last call.
+  /// The last call about that QM5.
   virtual void ended(const Subject& subject, const Verdict& verdict) = 0;
-  /// A line of the layers below.
-  virtual void engineLine(std::string_view line) = 0;
+};
+
+/// Lines are queued, so no call waits for a reader. Any thread.
+class Report : public UpdateEvents {
+ public:
+  /// What is on the bus.
+  virtual void listed(const std::vector<AttachedDevice>& devices) = 0;
+  /// A line of the layers below; of another process, with the port of the QM5 that it updates.
+  virtual void engineLine(std::string_view device, std::string_view line) = 0;
 
   /// Puts a question to the terminal. Until answered() nothing moves there. False: there is no
   /// terminal to put it to.

@@ -1,5 +1,7 @@
 #include "app_command/verdict.h"
 
+#include <algorithm>
+#include <array>
 #include <sstream>
 #include <utility>
 
@@ -7,6 +9,14 @@
 
 namespace qm5 {
 namespace {
+
+constexpr std::string_view kCutOff =
+    "Ended on request. The QM5 may have a part of the update: start it again.";
+
+// From the gravest on.
+constexpr std::array kByGravity = {
+    ExitStatus::failed,       ExitStatus::ended,    ExitStatus::noImage,   ExitStatus::busInUse,
+    ExitStatus::notPermitted, ExitStatus::noDevice, ExitStatus::updateDue, ExitStatus::upToDate};
 
 // The run knows whether there was a QM5 that it could use, the bus knows why not.
 bool isExplainedByBus(Outcome outcome, const DeviceState& bus) {
@@ -50,7 +60,7 @@ std::pair<std::string_view, ExitStatus> classify(const RunRecord& record, const 
 Verdict verdictOf(const RunRecord& record, const RunSubject& subject) {
   const auto [outcome, status] = classify(record, subject.bus);
   const OutcomeText text = textOf(record.outcome, subject.version, subject.target_version);
-  Verdict verdict = {outcome, status, {text.title}};
+  Verdict verdict = {std::string(outcome), status, {text.title}};
   if (isExplainedByBus(record.outcome, subject.bus)) {
     appendLines(verdict.lines, describe(subject.bus));
     return verdict;
@@ -66,8 +76,24 @@ Verdict verdictOf(const RunRecord& record, const RunSubject& subject) {
   return verdict;
 }
 
+Verdict noDeviceVerdict() {
+  const DeviceState bus;
+  return verdictOf({Outcome::noDevice, {}, DeviceChange::none}, {{}, {}, {}, {}, bus, {}});
+}
+
 Verdict endedVerdict(std::string_view why) {
   return {"ended", ExitStatus::ended, {std::string(why)}};
+}
+
+Verdict endedAtOnceVerdict(bool is_cut_off) {
+  return endedVerdict(is_cut_off ? kCutOff : "Ended on request.");
+}
+
+Verdict lostProcessVerdict() {
+  return {"failed",
+          ExitStatus::failed,
+          {"The process that was to update the QM5 has broken off.",
+           "The QM5 may have a part of the update: start it again."}};
 }
 
 Verdict confirmedVerdict(std::string_view text) {
@@ -81,6 +107,11 @@ Verdict unconfirmedVerdict(std::string_view text) {
 Verdict listedVerdict(std::size_t count) {
   if (count == 0) return {"no-device", ExitStatus::noDevice, {"No QM5 is connected."}};
   return {"listed", ExitStatus::upToDate, {}};
+}
+
+ExitStatus graver(ExitStatus one, ExitStatus other) {
+  return *std::find_if(kByGravity.begin(), kByGravity.end(),
+                       [&](ExitStatus each) { return each == one || each == other; });
 }
 
 Verdict busInUseVerdict(const std::string& process) {

@@ -23,7 +23,7 @@ enum class ExitStatus {
 };
 
 struct Verdict {
-  std::string_view outcome;  ///< as docs/qm5-update.schema.json lists them
+  std::string outcome;  ///< as docs/qm5-update.schema.json lists them
   ExitStatus status;
   std::vector<std::string> lines;  ///< for a person
 };
@@ -40,8 +40,17 @@ struct RunSubject {
 
 Verdict verdictOf(const RunRecord& record, const RunSubject& subject);
 
+/// There is no QM5.
+Verdict noDeviceVerdict();
+
 /// The person has ended it; `why` is a sentence about that.
 Verdict endedVerdict(std::string_view why);
+
+/// The same at once; `is_cut_off`: in the middle of an update.
+Verdict endedAtOnceVerdict(bool is_cut_off);
+
+/// A process that was to update the QM5 has ended without a word.
+Verdict lostProcessVerdict();
 
 /// What the check after the power cycle has said; `text` says which.
 Verdict confirmedVerdict(std::string_view text);
@@ -52,5 +61,8 @@ Verdict listedVerdict(std::size_t count);
 
 /// Another process has the bus.
 Verdict busInUseVerdict(const std::string& process);
+
+/// Which of two is the exit status where several QM5s are updated at once.
+ExitStatus graver(ExitStatus one, ExitStatus other);
 
 }  // namespace qm5

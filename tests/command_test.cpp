@@ -1,9 +1,12 @@
 // qm5-update as it is installed, on the emulated bus: each way to end, with its exit status and its
-// last line of JSON. The schema checks all lines, and the requests are compared with those that the
+// outcomes in JSON. The schema checks all lines, and the requests are compared with those that the
 // windows send too.
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <numeric>
+#include <regex>
+#include <set>
 
 #include "simulator/command/trace.h"
 #include "support/named_cases.h"
@@ -20,14 +23,14 @@ struct Ending {
   std::string name;
   std::string simulator;  // its options
   std::string arguments;
-  std::string outcome;  // exit status, then of the last line the device, outcome and version
+  std::string outcome;  // exit status, then of each QM5 the device, outcome and version
   std::string text;     // a part of what was written
   Steps steps = {};
   std::string starter = {};  // a program that starts it
 };
 QM5_PRINTS_NAME(Ending)
 
-// The lines on standard output. The last one is the simulator's.
+// The lines on standard output. The last ones are the simulator's, one for each QM5.
 std::vector<std::string> run(const std::string& simulator, const std::string& program,
                              Steps steps) {
   char folder[] = "/tmp/command_test-XXXXXX";
@@ -68,21 +71,30 @@ std::string summary(const std::string& line) {
   return summary;
 }
 
+// Of all outcomes, in the order of the ports.
+std::string summary(const std::vector<std::string>& lines) {
+  std::set<std::string> outcomes;
+  for (const std::string& line : lines) {
+    if (line.find("\"event\":\"outcome\"") != line.npos) outcomes.insert(summary(line));
+  }
+  return std::accumulate(outcomes.begin(), outcomes.end(), std::string());
+}
+
 class Command : public testing::TestWithParam<Ending> {};
 TEST_P(Command, EndsWithItsStatusAndOutcome) {
   const auto& [name, simulator, arguments, outcome, text, steps, starter] = GetParam();
   auto lines =
       run(simulator, "exec " + starter + " " QM5_BIN "/qm5-update --json " + arguments, steps);
   const std::string status = lines.back().substr(lines.back().rfind(' ') + 1);
-  lines.pop_back();
+  std::erase_if(lines, [](const std::string& line) { return line.starts_with("qm5-simulator"); });
   expectSchema(lines);
   ASSERT_EQ(lines.empty(), outcome == status) << status;
   if (lines.empty()) return;
-  EXPECT_EQ(status + summary(lines.back()), outcome);
-  EXPECT_NE(lines.back().find("\"status\":" + status + ","), std::string::npos);
+  EXPECT_EQ(status + summary(lines), outcome);
   std::string all;
   for (const std::string& line : lines) all += line + "\n";
   EXPECT_NE(all.find(text), all.npos) << all;
+  EXPECT_NE(all.find("\"status\":" + status + ","), all.npos) << all;
 }
 
 const std::string kUpdate = " --wait --image " QM5_SMALL_IMAGE " --target 4208";
@@ -92,6 +104,11 @@ const Steps kInsists = {{"updating", "while kill -TERM $P; do sleep 0.2; done 2>
 const Steps kGivesUp = {{"Waiting", "kill -INT $P"}};
 const Steps kCycles = {
     {"Waiting", "kill -USR2 $S"}, {"confirming", "kill -USR1 $S"}, {"is off", "kill -USR2 $S"}};
+const Steps kBothCycle = {{"Waiting", "kill -USR2 $S"},
+                          {"confirming", ":"},
+                          {"confirming", "kill -USR1 $S"},
+                          {"is off", ":"},
+                          {"is off", "kill -USR2 $S"}};
 const std::vector<Ending> kEndings = {
     {"signals", "--latency-ms 10", kUpdate, "0 1-1.2 updated 4201", "power cycle", kDrops},
     {"insisting", "--fault SFWs:1=silent", kUpdate, "7 1-1.2 ended 4201", "a part of", kInsists},
@@ -112,6 +129,20 @@ const std::vector<Ending> kEndings = {
     {"no right", "--no-permission", "", "4 null not-permitted null", "you may not open it"},
     {"a bus in use", "", "", "5 null bus-in-use null", "flock (", {}, "flock /sys/bus/usb"},
     {"no image", "", "--image /no --target 4208", "6 1-1.2 no-image 4201", "/no is missing"},
+    {"each its own",
+     "--devices 4 --version 3:4208 --fault 2:SFWs:1=result:5 --fault 4:request:12=unplug",
+     "--all" + kUpdate,
+     "1 1-1.2 updated 4201 1-1.3 failed 4201 1-1.4 up-to-date 4208 1-1.5 failed 4201", "0x5."},
+    {"signals for all", "--devices 2 --latency-ms 10", "--all" + kUpdate,
+     "0 1-1.2 updated 4201 1-1.3 updated 4201", "ends once the update has ended", kDrops},
+    {"insisting for all", "--fault SFWs:1=silent", "--all" + kUpdate, "7 1-1.2 ended 4201",
+     "a part of", kInsists},
+    {"power cycles", "--attach-after 1000 --devices 2", "--all --confirm" + kUpdate,
+     "0 1-1.2 confirmed 4201 1-1.3 confirmed 4201", "", kBothCycle},
+    {"a check of all", "--devices 2 --version 2:4208", "--all --check",
+     "10 1-1.2 update-due 4201 1-1.3 up-to-date 4208", "No need to update."},
+    {"one of all", "", "--all --device 1-1.2", "2", ""},
+    {"all of none", kAway, "--all --wait=0.1", "3 null no-device null", "No QM5 device !"},
     {"no fit image", "", "--image /etc/group --target 4208", "6 1-1.2 no-image 4201", "no image"},
 };
 INSTANTIATE_TEST_SUITE_P(Endings, Command, testing::ValuesIn(kEndings), named);
@@ -131,9 +162,19 @@ TEST(CommandRequests, AreThoseOfTheWindows) {
   EXPECT_EQ(line, lines.end() - 1) << "but for the verdict";
 }
 
-TEST(CommandTerminal, AsksInTheWordsOfTheWindowsAndEndsAtQuit) {
+TEST(CommandForAll, UpdatesSixteenAtOnce) {
+  const auto lines = run("--devices 16 --image " QM5_SMALL_IMAGE,
+                         "exec " QM5_BIN "/qm5-update --all --quiet" + kUpdate, {});
+  EXPECT_EQ(lines.size(), 16U);
+  for (const std::string& line : lines)
+    EXPECT_TRUE(std::regex_match(line, std::regex(".*flash is the image.*holds, no.*with 0")))
+        << line;
+}
+
+class CommandTerminal : public testing::TestWithParam<const char*> {};
+TEST_P(CommandTerminal, AsksInTheWordsOfTheWindowsAndEndsAtQuit) {
   const std::string in_terminal =
-      "echo P=\\$\\$ >>$D/ids; TERM=xterm exec " QM5_BIN "/qm5-update" + kUpdate;
+      "echo P=\\$\\$ >>$D/ids; TERM=xterm exec " QM5_BIN "/qm5-update" + kUpdate + GetParam();
   const auto lines =
       run("--latency-ms 20", "mkfifo $D/in; script -qec \"" + in_terminal + "\" /dev/null <>$D/in",
           {{"Updating firmware version from 4201 -> 4208", "kill -INT $P"},
@@ -143,6 +184,7 @@ TEST(CommandTerminal, AsksInTheWordsOfTheWindowsAndEndsAtQuit) {
             "echo q >$D/in; while kill -0 $P; do sleep 0.1; done 2>/dev/null; kill -CONT $S"}});
   EXPECT_TRUE(lines.back().ends_with("ended with 7")) << lines.back();
 }
+INSTANTIATE_TEST_SUITE_P(OneOrAll, CommandTerminal, testing::Values("", " --all"));
 
 }  // namespace
 }  // namespace qm5::test

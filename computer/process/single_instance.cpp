@@ -221,6 +221,13 @@ Descriptor requireBus(const char* folder) {
   return bus;
 }
 
+bool isSameFolder(int one, int other) {
+  struct stat first {
+  }, second{};
+  return ::fstat(one, &first) == 0 && ::fstat(other, &second) == 0 &&
+         first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
 /// Locks the bus; where another process has it, tries again until `identify` says who that is.
 /// `identify` is called with the time since the first try.
 std::optional<BusInUse> lock(
@@ -275,8 +282,10 @@ std::variant<BusClaim, BusInUse> claimBus(std::string_view activation_token, con
   return BusClaim(std::move(bus), std::move(later_starts));
 }
 
-std::variant<BusClaim, BusInUse> claimBusQuietly(const char* folder) {
+std::variant<BusClaim, BusInUse> claimBusQuietly(int inherited, const char* folder) {
   Descriptor bus = requireBus(folder);
+  // The lock belongs to what was opened, not to the process: this one has it too then.
+  if (isSameFolder(inherited, bus.get())) bus = Descriptor(inherited);
   const auto owner = lock(bus, [&](milliseconds since_first_try) {
     return identifySilentOwner(bus, since_first_try, kReleaseTime);
   });
@@ -308,7 +317,7 @@ std::variant<BusClaim, BusInUse> claimBus(std::string_view, const char*) {
   return BusClaim(Descriptor(), Descriptor());
 }
 
-std::variant<BusClaim, BusInUse> claimBusQuietly(const char*) {
+std::variant<BusClaim, BusInUse> claimBusQuietly(int, const char*) {
   return BusClaim(Descriptor(), Descriptor());
 }
 

@@ -34,6 +34,9 @@ class BusClaim {
   /// can be had.
   void followLaterStarts(std::function<void(const std::string& activation_token)> started);
 
+  /// The lock, as an open descriptor.
+  int descriptor() const { return lock_.get(); }
+
   /// The display has gone: from now on, later starts of this user find By::thisUserWithoutWindows.
   void displayIsLost() { *has_display_ = false; }
 
@@ -68,7 +71,9 @@ std::variant<BusClaim, BusInUse> claimBus(std::string_view activation_token,
 /// The same for a program without windows: the updater that has the bus is not told, and its
 /// windows stay where they are. BusInUse then is By::otherProgram, and names the process. A later
 /// start finds this one to be a program that does not answer. Waits for a process alone that is
-/// ending.
-std::variant<BusClaim, BusInUse> claimBusQuietly(const char* bus = "/sys/bus/usb");
+/// ending. `inherited` is the descriptor of the lock where the process that started this one has
+/// handed it down: both have the bus then, and it is free when the last of them has ended.
+std::variant<BusClaim, BusInUse> claimBusQuietly(int inherited = -1,
+                                                 const char* bus = "/sys/bus/usb");
 
 }  // namespace qm5

@@ -1,0 +1,111 @@
+#include "app_command/command_for_all.h"
+
+#include <QCoreApplication>
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <utility>
+
+#include "update_run/target_version.h"
+
+namespace qm5 {
+namespace {
+
+// In which those that are connected together come, one after the other.
+constexpr std::chrono::seconds kGatherTime{1};
+
+}  // namespace
+
+CommandForAll::CommandForAll(CommandOptions options, Report& report, int bus_claim)
+    : options_(std::move(options)),
+      report_(report),
+      shared_{.options = options_,
+              .bus_claim = bus_claim,
+              .report = report_,
+              .changed = [this] { main_queue_.async([this] { processChanged(); }); }},
+      ports_([this] { main_queue_.async([this] { deviceArrived(); }); }) {
+  timer_.setSingleShot(true);
+  QObject::connect(&timer_, &QTimer::timeout, [this] { startProcesses(); });
+}
+
+void CommandForAll::start() {
+  main_queue_.async([this] {
+    if (!options_.wait) return timer_.start(kGatherTime);
+    report_.note({}, "Waiting for a QM5.");
+    is_waiting_ = true;
+    if (!std::isinf(*options_.wait))
+      timer_.start(std::chrono::milliseconds(std::llround(*options_.wait * 1000)));
+    if (!ports_.locations().empty()) deviceArrived();
+  });
+}
+
+void CommandForAll::deviceArrived() {
+  if (std::exchange(is_waiting_, false)) timer_.start(kGatherTime);
+}
+
+void CommandForAll::startProcesses() {
+  is_waiting_ = false;
+  const std::vector<std::string> devices = ports_.locations();
+  if (devices.empty()) {
+    const std::lock_guard lock(mutex_);
+    return QCoreApplication::exit(concludeLocked(noDeviceVerdict()));
+  }
+  // A connection that drops ends no update.
+  hangup_ = std::signal(SIGHUP, SIG_IGN);
+  {
+    const std::lock_guard lock(mutex_);
+    for (const std::string& each : devices)
+      processes_.push_back(std::make_unique<DeviceProcess>(each, shared_));
+  }
+  for (const auto& each : processes_) each->start();
+}
+
+void CommandForAll::processChanged() {
+  if (isUpdating()) return;
+  prompt_.withdraw(report_);
+  std::signal(SIGHUP, hangup_);
+  const auto has_ended = [](const auto& each) { return each->status().has_value(); };
+  if (std::all_of(processes_.begin(), processes_.end(), has_ended))
+    QCoreApplication::exit(endAtOnce());
+}
+
+void CommandForAll::requestEnd(std::function<void()> declined) {
+  main_queue_.async([this, declined = std::move(declined)] { handleEndRequest(declined); });
+}
+
+void CommandForAll::handleEndRequest(const std::function<void()>& declined) {
+  const bool is_asked = isUpdating() && prompt_.ask(report_, [this, declined](bool quit) {
+    quit ? QCoreApplication::exit(endAtOnce()) : declined();
+  });
+  if (is_asked) return;
+  if (processes_.empty()) return QCoreApplication::exit(endAtOnce());
+  for (const auto& each : processes_) each->requestEnd();
+}
+
+bool CommandForAll::isUpdating() const {
+  return std::any_of(processes_.begin(), processes_.end(),
+                     [](const auto& each) { return each->isUpdating(); });
+}
+
+int CommandForAll::endAtOnce() {
+  const std::lock_guard lock(mutex_);
+  if (processes_.empty()) return concludeLocked(endedAtOnceVerdict(false));
+  ExitStatus status = ExitStatus::upToDate;
+  for (const auto& each : processes_) {
+    each->endAtOnce();
+    status = graver(status, each->status().value_or(ExitStatus::failed));
+  }
+  return static_cast<int>(status);
+}
+
+// Without any process. Called with the mutex held.
+int CommandForAll::concludeLocked(const Verdict& verdict) {
+  if (!status_) {
+    status_ = verdict.status;
+    report_.ended({.target_version = options_.target.value_or(std::string(kTargetVersion))},
+                  verdict);
+  }
+  return static_cast<int>(*status_);
+}
+
+}  // namespace qm5
