@@ -20,6 +20,7 @@ say() { printf '== %s\n' "$*"; }
   readonly packages_style=(git clang-format shellcheck flake8 cppcheck)
   readonly packages_package=(dpkg-dev file)
   readonly packages_package_check=(debootstrap desktop-file-utils appstream lintian man-db)
+  readonly packages_fleet_check=(debootstrap ansible-core ansible-lint)
 }
 
 # as_root COMMAND...: runs it as root, or with sudo.
