@@ -17,10 +17,12 @@ namespace qm5 {
 namespace {
 
 using std::chrono::milliseconds;
+using Time = std::chrono::steady_clock::time_point;
 
 // How long a stream that takes nothing may keep the lines of another one waiting.
 constexpr milliseconds kStalledWait{50};
 constexpr milliseconds kFlushTimeout{200};
+constexpr milliseconds kBusyTime{5'000};
 
 // How long lines are collected after others have been written. To wake the writer for each line
 // would cost the submitter some 10 us each time.
@@ -145,10 +147,17 @@ void LineWriter::writeBatch(const std::deque<Batch>::iterator& batch,
   written_.notify_all();
 }
 
-void LineWriter::flush(std::chrono::steady_clock::time_point deadline) {
+void LineWriter::flush(Time deadline, Time last) {
   submitted_.notify_one();  // the writer need not collect any longer
   std::unique_lock lock(mutex_);
-  written_.wait_until(lock, deadline, [this] { return batches_.empty() && !writing_; });
+  const auto wait = [&](Time end, bool gives_up) {
+    return written_.wait_until(lock, end, [&] {
+      return std::all_of(streams_.begin(), streams_.end(), [gives_up](const Stream& stream) {
+        return stream.queued == 0 || (gives_up && stream.stalled);
+      });
+    });
+  };
+  if (!wait(deadline, false)) wait(last, true);
 }
 
 LineWriter::Sink descriptorSink(int descriptor) {
@@ -171,9 +180,9 @@ void writeSystemLog(std::string_view line) {
 }
 
 void flushLines() {
-  const auto deadline = std::chrono::steady_clock::now() + kFlushTimeout;
-  standardStreams().flush(deadline);
-  systemLog().flush(deadline);
+  const Time deadline = std::chrono::steady_clock::now() + kFlushTimeout;
+  standardStreams().flush(deadline, deadline + kBusyTime);
+  systemLog().flush(deadline, deadline);
 }
 
 }  // namespace qm5

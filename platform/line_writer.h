@@ -38,13 +38,16 @@ class LineWriter {
   /// given a line with their number. Any thread.
   void submit(std::size_t stream, std::string_view line);
 
-  /// Returns when all lines have been dealt with, or at `deadline`. Any thread but the writer's.
-  void flush(std::chrono::steady_clock::time_point deadline);
+  /// Returns when all lines have been dealt with. At `deadline` it gives up the streams that take
+  /// nothing, and at `last` those that the writer's thread has not come to, as on a busy computer.
+  /// Any thread but the writer's.
+  void flush(std::chrono::steady_clock::time_point deadline,
+             std::chrono::steady_clock::time_point last);
 
  private:
   struct Stream {
     Sink sink;
-    std::size_t queued = 0;    // bytes
+    std::size_t queued = 0;    // bytes, those that are being written included
     std::size_t left_out = 0;  // lines
     bool stalled = false;
   };
@@ -85,8 +88,9 @@ void writeLine(StandardStream stream, std::string_view line);
 /// Submits a line to the system's log. Any thread.
 void writeSystemLog(std::string_view line);
 
-/// Has the lines written that can be, and waits for that at most 0.2 s. Call it before the process
-/// ends. Any thread.
+/// Has the lines written that can be. Waits at most 0.2 s for a stream that takes nothing, and 5 s
+/// for a busy computer to come to the standard streams. Call it before the process ends. Any
+/// thread.
 void flushLines();
 
 }  // namespace qm5

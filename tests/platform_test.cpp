@@ -115,7 +115,7 @@ TEST(Lines, WaitForAReaderWhoHasStoppedAndThenSayHowManyWereLeftOut) {
   writer->submit(1, "the other stream goes on");
   EXPECT_EQ(other.readUpTo("\n"), "the other stream goes on\n");
   const auto begin = std::chrono::steady_clock::now();
-  writer->flush(begin + std::chrono::milliseconds(200));
+  writer->flush(begin + std::chrono::milliseconds(200), begin + std::chrono::seconds(20));
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
   std::istringstream lines(stalled.readUpTo(" lines left out\n"));
   std::size_t count = 0;
@@ -147,7 +147,7 @@ TEST(Lines, AreWaitedForWhileTheyAreWrittenAndNotWhereNobodyReads) {
   writer->submit(1, "the last line");
   begun.get_future().wait();
   const auto begin = std::chrono::steady_clock::now();
-  writer->flush(begin + std::chrono::seconds(20));
+  writer->flush(begin, begin + std::chrono::seconds(20));
   EXPECT_TRUE(has_ended);
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(15));
 }

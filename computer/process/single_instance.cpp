@@ -236,7 +236,10 @@ std::optional<BusInUse> lock(
   const Time began = std::chrono::steady_clock::now();
   while (::flock(bus.get(), LOCK_EX | LOCK_NB) != 0) {
     const auto tried = std::chrono::steady_clock::now() - began;
-    if (auto owner = identify(std::chrono::duration_cast<milliseconds>(tried))) return owner;
+    auto owner = identify(std::chrono::duration_cast<milliseconds>(tried));
+    // The owner may have ended while it was looked for.
+    if (owner && ::flock(bus.get(), LOCK_EX | LOCK_NB) != 0) return owner;
+    if (owner) break;
     std::this_thread::sleep_for(kPollInterval);
   }
   return std::nullopt;
