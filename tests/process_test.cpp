@@ -176,6 +176,25 @@ TEST(BusClaim, ComesAfterAnOwnerThatTakesItsTimeToEnd) {
   EXPECT_TRUE(std::holds_alternative<BusClaim>(claim("")));
 }
 
+TEST(BusClaim, GivesAStoppedOwnerTheTokenOfAStartOnce) {
+  const pid_t owner = claimElsewhere([](BusClaim& claimed, const auto& ready) {
+    std::atomic<int> tokens = 0;
+    claimed.followLaterStarts([&](const std::string& token) {
+      if (token == "last") _exit(tokens);
+      ++tokens;
+    });
+    ready();
+    while (true) pause();
+  });
+  kill(owner, SIGSTOP);
+  EXPECT_EQ(std::get<BusInUse>(claim("token")).by, BusInUse::By::thisUser);
+  kill(owner, SIGCONT);
+  claim("last");
+  int status = 0;
+  waitpid(owner, &status, 0);
+  EXPECT_EQ(WEXITSTATUS(status), 1);
+}
+
 TEST(BusClaim, IsAnsweredByItsOwnerWhoLearnsOfEachLaterStart) {
   const pid_t impostor = claimElsewhere([](BusClaim& claimed, const auto& ready) {
     claimed.followLaterStarts([](const std::string&) {});
