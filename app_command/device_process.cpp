@@ -134,7 +134,7 @@ void DeviceProcess::readLines(QProcess::ProcessChannel channel) {
 void DeviceProcess::processEnded() {
   {
     const std::lock_guard lock(mutex_);
-    if (!status_) concludeLocked(lostProcessVerdict());
+    if (!status_) concludeLocked(lostProcessVerdict(isUpdatingLocked()));
   }
   shared_.changed();
 }

@@ -10,8 +10,7 @@
 namespace qm5 {
 namespace {
 
-constexpr std::string_view kCutOff =
-    "Ended on request. The QM5 may have a part of the update: start it again.";
+constexpr std::string_view kCutOff = "The QM5 may have a part of the update: start it again.";
 
 // From the gravest on.
 constexpr std::array kByGravity = {
@@ -86,14 +85,15 @@ Verdict endedVerdict(std::string_view why) {
 }
 
 Verdict endedAtOnceVerdict(bool is_cut_off) {
-  return endedVerdict(is_cut_off ? kCutOff : "Ended on request.");
+  std::string why = "Ended on request.";
+  if (is_cut_off) why.append(" ").append(kCutOff);
+  return endedVerdict(why);
 }
 
-Verdict lostProcessVerdict() {
-  return {"failed",
-          ExitStatus::failed,
-          {"The process that was to update the QM5 has broken off.",
-           "The QM5 may have a part of the update: start it again."}};
+Verdict lostProcessVerdict(bool is_cut_off) {
+  Verdict verdict = {"failed", ExitStatus::failed, {"The process for this QM5 has broken off."}};
+  if (is_cut_off) verdict.lines.emplace_back(kCutOff);
+  return verdict;
 }
 
 Verdict confirmedVerdict(std::string_view text) {

@@ -49,8 +49,8 @@ Verdict endedVerdict(std::string_view why);
 /// The same at once; `is_cut_off`: in the middle of an update.
 Verdict endedAtOnceVerdict(bool is_cut_off);
 
-/// A process that was to update the QM5 has ended without a word.
-Verdict lostProcessVerdict();
+/// The process for the QM5 has ended without a word; `is_cut_off`: in the middle of an update.
+Verdict lostProcessVerdict(bool is_cut_off);
 
 /// What the check after the power cycle has said; `text` says which.
 Verdict confirmedVerdict(std::string_view text);

@@ -100,6 +100,7 @@ const std::string kUpdate = " --wait --image " QM5_SMALL_IMAGE " --target 4208";
 const std::string kAway = "--attach-after 1000";
 const Steps kDrops = {{"updating", "kill -STOP $S; kill -HUP $P; kill -INT $P; kill -CONT $S"}};
 const Steps kInsists = {{"updating", "while kill -TERM $P; do sleep 0.2; done 2>/dev/null"}};
+const Steps kBreaksOff = {{"updating", "kill -KILL $(cat /proc/$P/task/$P/children)"}};
 const Steps kGivesUp = {{"Waiting", "kill -INT $P"}};
 const Steps kCycles = {
     {"Waiting", "kill -USR2 $S"}, {"confirming", "kill -USR1 $S"}, {"is off", "kill -USR2 $S"}};
@@ -140,6 +141,8 @@ const std::vector<Ending> kEndings = {
      "0 1-1.2 confirmed 4201 1-1.3 confirmed 4201", "", kBothCycle},
     {"a check of all", "--devices 2 --version 2:4208", "--all --check",
      "10 1-1.2 update-due 4201 1-1.3 up-to-date 4208", "No need to update."},
+    {"broken off", "--latency-ms 20", "--all" + kUpdate, "1 1-1.2 failed 4201",
+     "has broken off.\\nThe QM5 may have a part", kBreaksOff},
     {"one of all", "", "--all --device 1-1.2", "2", ""},
     {"all of none", kAway, "--all --wait=0.1", "3 null no-device null", "No QM5 device !"},
     {"no fit image", "", "--image /etc/group --target 4208", "6 1-1.2 no-image 4201", "no image"},
