@@ -5,19 +5,19 @@
 
 #include <atomic>
 #include <cerrno>
-#include <condition_variable>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <future>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "computer/process/descriptor.h"
 #include "platform/fatal.h"
-#include "platform/thread.h"
 
 namespace qm5 {
 namespace {
@@ -58,28 +58,19 @@ void requireMemory() {
   std::set_new_handler(useReserve);
 }
 
-// Has as many threads at the same time as the program will have.
+// Has as many threads at the same time as the program will have. They have ended when this returns:
+// a signal that is blocked later would still end the process through one of them.
 void requireThreads() {
-  struct Gate {
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool open = false;
-    std::size_t ended = 0;
-  };
-  const auto gate = std::make_shared<Gate>();
-  for (std::size_t i = 0; i < kThreads; ++i) {
-    Thread thread("StartCheck", [gate] {
-      std::unique_lock lock(gate->mutex);
-      gate->changed.wait(lock, [&] { return gate->open; });
-      ++gate->ended;
-      gate->changed.notify_all();
-    });
-    if (!thread.start()) cannotStart("there are not enough threads, or no memory for them");
+  std::promise<void> open;
+  const std::shared_future<void> gate = open.get_future().share();
+  std::vector<std::thread> threads;
+  try {
+    while (threads.size() < kThreads) threads.emplace_back([gate] { gate.wait(); });
+  } catch (const std::system_error&) {
+    cannotStart("there are not enough threads, or no memory for them");
   }
-  std::unique_lock lock(gate->mutex);
-  gate->open = true;
-  gate->changed.notify_all();
-  gate->changed.wait(lock, [&] { return gate->ended == kThreads; });
+  open.set_value();
+  for (std::thread& thread : threads) thread.join();
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <QTest>
 #include <atomic>
 #include <cstdio>
+#include <filesystem>
 #include <limits>
 #include <optional>
 #include <string>
@@ -264,6 +265,7 @@ class Desk {
     setApplicationPackage(&application);
     setWakefulness(&application);
     setDesktopNotifications(&application);
+    qInstallMessageHandler(nullptr);  // the program's own one starts a thread
     QCoreApplication::setEventDispatcher(&loop_);
     clock.during_sleep = [this](double seconds) {
       loop_.wakeUp();
@@ -278,6 +280,10 @@ class Desk {
     const std::size_t at_once = effort(1U, std::thread::hardware_concurrency());
     std::map<pid_t, std::size_t> running;
     std::size_t wrong = 0;
+    // A fork copies no thread, and what one has locked at that moment stays locked in the copy.
+    const std::filesystem::directory_iterator threads("/proc/self/task");
+    if (kMeasurable && std::distance(begin(threads), end(threads)) != 1)
+      fatal("a thread was started before the cases");
     for (std::size_t started = 0; started < count || !running.empty();) {
       if (started < count && running.size() < at_once) {
         std::fflush(nullptr);
