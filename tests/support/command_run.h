@@ -1,0 +1,113 @@
+// qm5-update in one process with a QM5 that can be made to fail, held against what the replies say.
+#pragma once
+
+#include <QCoreApplication>
+#include <limits>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "app_command/command.h"
+#include "firmware_image/firmware_image.h"
+#include "support/conversation.h"
+#include "support/virtual_event_loop.h"
+
+namespace qm5::test {
+
+/// qm5-update --confirm in virtual time, with a QM5 right behind the port. It keeps what was
+/// reported last.
+class CommandRun final : public Report {
+ public:
+  CommandRun() {
+    setUSBRegistry(&bus_);
+    adapters_.image = smallImage();
+    clock_.during_sleep = [this](double) {
+      if (comes_back_) bus_.plug(*device_);
+      loop_.events.wakeUp();
+    };
+  }
+
+  /// Tries one update with that fault, after which a QM5 that has left comes back during the next
+  /// sleep, or not. Where it succeeds, a power cycle follows. Returns what is not as it must be.
+  std::string tryUpdate(const std::optional<Fault>& fault, bool comes_back) {
+    plug(fault, comes_back);
+    CommandOptions options;
+    options.wait = options.confirm = std::numeric_limits<double>::infinity();
+    Command command(options, *this);
+    command.start();
+    const int status = QCoreApplication::exec();
+    const Outcome update = said_.outcome(!bus_.isPlugged());
+    bus_.unplug();
+    std::string expected = "1failed" + update.title + update.reason;
+    if (update.title.starts_with("Get")) expected.replace(1, 6, "no-version");
+    if (update.title == kFinish && is_good_)
+      expected =
+          *is_good_
+              ? "0confirmedThe QM5 came back and reported version 4208. The update is complete."
+              : "1unconfirmedThe QM5 came back and still reported version 4201, not 4208. "
+                "Start the updater again and repeat the update.";
+    std::string ending = std::to_string(status) + verdict_.outcome + verdict_.lines.front();
+    if (verdict_.lines.size() > 1) ending.append(verdict_.lines.back());
+    for (const std::string& breach : device_->breaches()) ending.append("; ").append(breach);
+    return ending == expected ? "" : "\n  ended " + ending + "\n  expected " + expected;
+  }
+  const Verdict& verdict() const { return verdict_; }
+  /// Of the last update that has succeeded.
+  const std::vector<RequestRecord>& requests() const { return requests_; }
+
+  // The port.
+  void confirming(const Subject&, const Verdict&) override {
+    device_->clearFaults();
+    requests_ = device_->requests();
+    is_good_ = device_->signatureHolds() && device_->flash() == flash_;
+    loop_.events.post([this] { bus_.unplug(); });
+    loop_.events.post([this] { bus_.plug(*device_); });
+  }
+  void ended(const Subject&, const Verdict& verdict) override { verdict_ = verdict; }
+  void note(const Subject&, std::string_view) override {}
+  void updating(const Subject&) override {}
+  void progressed(const Subject&, const Progress&) override {}
+  void listed(const std::vector<AttachedDevice>&) override {}
+  void engineLine(std::string_view, std::string_view) override {}
+  bool ask(std::string_view) override { return false; }
+  void answered() override {}
+
+ private:
+  struct Loop {
+    Loop() { QCoreApplication::setEventDispatcher(&events); }
+    QObject owner;  // or the application would own the dispatcher
+    VirtualEventLoop events{&owner};
+  };
+
+  void plug(const std::optional<Fault>& fault, bool comes_back) {
+    said_ = {};
+    is_good_.reset();
+    comes_back_ = false;
+    device_.emplace(Qm5Model({.busy_polls = {{"SFWi", 1}, {"SFWd", 1}, {"SFWs", 1}}}));
+    if (fault) device_->addFault(*fault);
+    device_->setObserver([this, comes_back](const RequestRecord& record) {
+      if (is_good_) return;  // the power cycle
+      said_.note(record);
+      comes_back_ = comes_back_ || (comes_back && said_.has_left);
+    });
+    bus_.plug(*device_);
+  }
+
+  const Bytes flash_ = flashContents(ByteView(smallImage()).subspan(kImagePayloadStart));
+  int argument_count_ = 0;
+  Loop loop_;
+  QCoreApplication application_{argument_count_, nullptr};
+  Transcript transcript_;
+  VirtualClock clock_;
+  DirectBus bus_;
+  ScriptedApplication adapters_{transcript_};
+  std::optional<FaultyQm5> device_;
+  Verdict verdict_;
+  std::vector<RequestRecord> requests_;
+  // Written before the job starts or by the job, until the power cycle.
+  Conversation said_;
+  std::optional<bool> is_good_;  // once the update has succeeded
+  bool comes_back_ = false;
+};
+
+}  // namespace qm5::test
