@@ -35,7 +35,7 @@ declare -A may=(
   [simulator/direct_bus]="simulator/device device_monitor platform"
   [simulator/usb_bus]="simulator/device platform"
   [simulator/command]="simulator/usb_bus simulator/device firmware_image platform"
-  [benchmarks]="app_shell app_shell/ports app_shell/qt computer computer/package
+  [benchmarks]="app_command app_shell app_shell/ports app_shell/qt computer computer/package
     computer/wakefulness update_engine device_link firmware_image simulator/device simulator/direct_bus tests/support
     platform"
 )

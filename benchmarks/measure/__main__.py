@@ -13,6 +13,7 @@ import shutil
 import sys
 import time
 
+import command
 import emulated_bus
 import host_cost
 import package_size
@@ -62,6 +63,7 @@ PARTS = {"emulated-bus": on_emulated_bus,
          "growth": host_cost.host_growth,
          "start": windows.start,
          "smoothness": windows.smoothness,
+         "command": command.without_windows,
          "size": package_size.size}
 
 
