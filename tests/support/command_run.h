@@ -5,11 +5,13 @@
 #include <limits>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "app_command/command.h"
 #include "firmware_image/firmware_image.h"
 #include "support/conversation.h"
+#include "support/effort.h"
 #include "support/virtual_event_loop.h"
 
 namespace qm5::test {
@@ -19,10 +21,9 @@ namespace qm5::test {
 class CommandRun final : public Report {
  public:
   CommandRun() {
-    setUSBRegistry(&bus_);
     adapters_.image = smallImage();
     clock_.during_sleep = [this](double) {
-      if (comes_back_) bus_.plug(*device_);
+      if (comes_back_) bus_->plug(*device_);
       loop_.events.wakeUp();
     };
   }
@@ -30,22 +31,30 @@ class CommandRun final : public Report {
   /// Tries one update with that fault, after which a QM5 that has left comes back during the next
   /// sleep, or not. Where it succeeds, a power cycle follows. Returns what is not as it must be.
   std::string tryUpdate(const std::optional<Fault>& fault, bool comes_back) {
-    plug(fault, comes_back);
+    renewDevice(fault, comes_back);
+    bus_.emplace();
+    setUSBRegistry(&*bus_);
     CommandOptions options;
     options.wait = options.confirm = std::numeric_limits<double>::infinity();
     Command command(options, *this);
     command.start();
+    bus_->waitUntilWatched();
+    bus_->plug(*device_);
     const int status = QCoreApplication::exec();
-    const Outcome update = said_.outcome(!bus_.isPlugged());
-    bus_.unplug();
+    const Outcome update = said_.outcome(!bus_->isPlugged());
+    // Nothing else takes a command apart: what its threads hold may still follow the bus.
+    global_driver.reset();
+    bus_.reset();
+    while (!isOnlyThread()) std::this_thread::yield();
     std::string expected = "1failed" + update.title + update.reason;
     if (update.title.starts_with("Get")) expected.replace(1, 6, "no-version");
-    if (update.title == kFinish && is_good_)
+    if (update.title == kFinish && is_good_) {
       expected =
           *is_good_
               ? "0confirmedThe QM5 came back and reported version 4208. The update is complete."
               : "1unconfirmedThe QM5 came back and still reported version 4201, not 4208. "
                 "Start the updater again and repeat the update.";
+    }
     std::string ending = std::to_string(status) + verdict_.outcome + verdict_.lines.front();
     if (verdict_.lines.size() > 1) ending.append(verdict_.lines.back());
     for (const std::string& breach : device_->breaches()) ending.append("; ").append(breach);
@@ -60,8 +69,8 @@ class CommandRun final : public Report {
     device_->clearFaults();
     requests_ = device_->requests();
     is_good_ = device_->signatureHolds() && device_->flash() == flash_;
-    loop_.events.post([this] { bus_.unplug(); });
-    loop_.events.post([this] { bus_.plug(*device_); });
+    loop_.events.post([this] { bus_->unplug(); });
+    loop_.events.post([this] { bus_->plug(*device_); });
   }
   void ended(const Subject&, const Verdict& verdict) override { verdict_ = verdict; }
   void note(const Subject&, std::string_view) override {}
@@ -79,7 +88,7 @@ class CommandRun final : public Report {
     VirtualEventLoop events{&owner};
   };
 
-  void plug(const std::optional<Fault>& fault, bool comes_back) {
+  void renewDevice(const std::optional<Fault>& fault, bool comes_back) {
     said_ = {};
     is_good_.reset();
     comes_back_ = false;
@@ -90,7 +99,6 @@ class CommandRun final : public Report {
       said_.note(record);
       comes_back_ = comes_back_ || (comes_back && said_.has_left);
     });
-    bus_.plug(*device_);
   }
 
   const Bytes flash_ = flashContents(ByteView(smallImage()).subspan(kImagePayloadStart));
@@ -99,7 +107,7 @@ class CommandRun final : public Report {
   QCoreApplication application_{argument_count_, nullptr};
   Transcript transcript_;
   VirtualClock clock_;
-  DirectBus bus_;
+  std::optional<DirectBus> bus_;
   ScriptedApplication adapters_{transcript_};
   std::optional<FaultyQm5> device_;
   Verdict verdict_;

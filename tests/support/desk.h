@@ -13,7 +13,6 @@
 #include <QTest>
 #include <atomic>
 #include <cstdio>
-#include <filesystem>
 #include <limits>
 #include <optional>
 #include <string>
@@ -281,9 +280,7 @@ class Desk {
     std::map<pid_t, std::size_t> running;
     std::size_t wrong = 0;
     // A fork copies no thread, and what one has locked at that moment stays locked in the copy.
-    const std::filesystem::directory_iterator threads("/proc/self/task");
-    if (kMeasurable && std::distance(begin(threads), end(threads)) != 1)
-      fatal("a thread was started before the cases");
+    if (!isOnlyThread()) fatal("a thread was started before the cases");
     for (std::size_t started = 0; started < count || !running.empty();) {
       if (started < count && running.size() < at_once) {
         std::fflush(nullptr);

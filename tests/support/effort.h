@@ -2,7 +2,9 @@
 // ./test --long; and the one line in which it says what came out.
 #pragma once
 
+#include <cstddef>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <string>
 
@@ -23,6 +25,17 @@ inline constexpr bool kMeasurable = false;
 #else
 inline constexpr bool kMeasurable = true;
 #endif
+
+/// Whether the caller's is the only thread of the process, but for one that ThreadSanitizer may
+/// have.
+inline bool isOnlyThread() {
+#ifdef __SANITIZE_THREAD__
+  constexpr std::ptrdiff_t kMost = 2;
+#else
+  constexpr std::ptrdiff_t kMost = 1;
+#endif
+  return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}) <= kMost;
+}
 
 /// ./test collects these lines.
 inline void report(const std::string& line) {
