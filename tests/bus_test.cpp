@@ -217,6 +217,7 @@ TEST_F(Bus, PausesAfterAnErrorButNotAfterAnInterruptedSystemCall) {
   // call that reaps an open device's requests, which libusb reports as an input/output error.
   EmulatedBus bus(qm5, {.permitted = false});
   start();
+  ASSERT_TRUE(comes([] { return failing_turns < 0; }));
   for (int i = 0; i < 20; ++i) {
     bus.plug();
     ASSERT_TRUE(comes([&] { return !transcript.newLines().empty(); }));
@@ -234,6 +235,27 @@ TEST_F(Bus, ServesEventsWithNothingToWatchOnceTheBusCanBeReached) {
   start({});
   EXPECT_TRUE(comes([] { return failing_turns < 0; }));
   EXPECT_EQ(clock.newSleeps(), (std::vector<double>{1.0, 1.0}));
+}
+
+TEST_F(Bus, AnnouncesADeviceOnceItMayBeOpenedWithoutAReplug) {
+  EmulatedBus bus(qm5, {.permitted = false});
+  bus.plug();
+  start();
+  // It is refused by the thread that serves events, then by the queue while that one waits for
+  // them.
+  for (int round = 0; round < 2; ++round) {
+    ASSERT_TRUE(comes([&] { return !transcript.newLines().empty(); })) << "refused";
+    EXPECT_EQ(announced(0), Lines{});
+    bus.setPermitted(true);
+    const Lines arrival = announced(1);
+    const std::string id = std::to_string(record_.id);
+    ASSERT_EQ(arrival, Lines{"connected " + id + " QM5 [IODetector]"});
+    EXPECT_EQ(readVersion(), 0);
+    bus.setPermitted(false);
+    bus.unplug();
+    ASSERT_EQ(announced(1), Lines{"disconnected " + id + " [IODetector]"});
+    if (round == 0) bus.plug();
+  }
 }
 
 TEST_F(Bus, AnnouncesADeviceWithoutANameAllTheSame) {
@@ -269,9 +291,10 @@ extern "C" int libusb_control_transfer(libusb_device_handle* device, std::uint8_
       dlsym(RTLD_NEXT, "libusb_control_transfer"));
   return real(device, type, request, value, index, data, length, timeout);
 }
-extern "C" int libusb_handle_events(libusb_context* context) {
-  if (qm5::test::failing_turns-- > 0) return LIBUSB_ERROR_OTHER;
-  const auto real =
-      reinterpret_cast<decltype(&libusb_handle_events)>(dlsym(RTLD_NEXT, "libusb_handle_events"));
-  return real(context);
+extern "C" int libusb_handle_events_timeout_completed(libusb_context* context, timeval* timeout,
+                                                      int* completed) {
+  if (completed == nullptr && qm5::test::failing_turns-- > 0) return LIBUSB_ERROR_OTHER;
+  const auto real = reinterpret_cast<decltype(&libusb_handle_events_timeout_completed)>(
+      dlsym(RTLD_NEXT, "libusb_handle_events_timeout_completed"));
+  return real(context, timeout, completed);
 }

@@ -101,6 +101,7 @@ const std::string kAway = "--attach-after 1000";
 const Steps kDrops = {{"updating", "kill -STOP $S; kill -HUP $P; kill -INT $P; kill -CONT $S"}};
 const Steps kInsists = {{"updating", "while kill -TERM $P; do sleep 0.2; done 2>/dev/null"}};
 const Steps kBreaksOff = {{"updating", "kill -KILL $(cat /proc/$P/task/$P/children)"}};
+const Steps kPermits = {{"Waiting", "kill -USR2 $S"}};
 const Steps kGivesUp = {{"Waiting", "kill -INT $P"}};
 const Steps kCycles = {
     {"Waiting", "kill -USR2 $S"}, {"confirming", "kill -USR1 $S"}, {"is off", "kill -USR2 $S"}};
@@ -127,6 +128,7 @@ const std::vector<Ending> kEndings = {
     {"a list", "", "--list --device 1-1.2", "0 1-1.2 listed null", "4201"},
     {"another port", "", "--device 1-2", "3 1-2 no-device null", "None was found at port 1-2."},
     {"no right", "--no-permission", "", "4 null not-permitted null", "you may not open it"},
+    {"a late right", "--no-permission", kUpdate, "0 1-1.2 updated 4201", "", kPermits},
     {"a bus in use", "", "", "5 null bus-in-use null", "flock (", {}, "flock /sys/bus/usb"},
     {"no image", "", "--image /no --target 4208", "6 1-1.2 no-image 4201", "/no is missing"},
     {"each its own",

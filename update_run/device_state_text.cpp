@@ -13,10 +13,9 @@ std::string describeSeveral(const DeviceState& state) {
   }
   const bool is_permitted = state.availability != DeviceAvailability::notPermitted;
   text.append(", but none can be used.");
-  text.append(is_permitted ? "\nUnplug"
-                           : " Have the package qm5-updater-common or its "
-                             "udev rule installed, then unplug");
-  return text.append(" them all and plug in one.");
+  return text.append(is_permitted
+                         ? "\nUnplug them all and plug in one."
+                         : " Have the package qm5-updater-common or its udev rule installed.");
 }
 
 }  // namespace
@@ -34,8 +33,8 @@ std::string describe(const DeviceState& state) {
              "which has left. Unplug this one and plug it in again.";
     case DeviceAvailability::notPermitted:
       return "A QM5 is connected, but you may not open it. Have the package "
-             "qm5-updater-common or its udev rule installed, then unplug the "
-             "QM5 and plug it in again.";
+             "qm5-updater-common or its udev rule installed. The QM5 need not be "
+             "plugged in again.";
     case DeviceAvailability::unusable:
       return "A QM5 is connected, but it could not be opened.\n"
              "Unplug it and plug it in again.";

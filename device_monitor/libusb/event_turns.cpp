@@ -1,6 +1,5 @@
 #include "device_monitor/libusb/event_turns.h"
 
-#include <chrono>
 #include <thread>
 #include <utility>
 
@@ -14,9 +13,12 @@ constexpr std::chrono::milliseconds kIdlePollInterval{20};
 }  // namespace
 
 // Polled: having the request's thread wake this one would cost every request.
-int EventTurns::handleEventsBetweenRequests() {
+int EventTurns::handleEventsBetweenRequests(std::chrono::milliseconds longest) {
   while (areRequestsHandlingEvents()) std::this_thread::sleep_for(kIdlePollInterval);
-  return libusb_handle_events(context_);
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(longest);
+  const std::chrono::microseconds below_a_second = longest - seconds;
+  timeval timeout{seconds.count(), below_a_second.count()};
+  return libusb_handle_events_timeout_completed(context_, &timeout, nullptr);
 }
 
 // Since the last poll a request was answered, or one has been waiting for its answer all the time.

@@ -11,6 +11,7 @@
 #include <libusb.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 
 namespace qm5 {
@@ -38,8 +39,10 @@ class EventTurns {
 
   /// The monitor's thread: waits until requests pause, then handles the events that are there or,
   /// when there are none, waits for one. The end of a later request is such an event too.
-  /// Returns libusb's own result.
-  int handleEventsBetweenRequests();
+  /// Waits no longer than that for one. Returns libusb's own result.
+  int handleEventsBetweenRequests(std::chrono::milliseconds longest);
+  /// Has that wait end at once, or the next one. Any thread.
+  void interrupt() { libusb_interrupt_event_handler(context_); }
 
  private:
   struct Counts {

@@ -94,11 +94,28 @@ IOReturn LibusbDevice::QueryInterface(const UUIDBytes& identifier, IOUSBDeviceSt
   return kIOReturnSuccess;
 }
 
+bool LibusbDevice::isRefused() const {
+  const std::lock_guard lock(mutex_);
+  return is_refused_ && reference_;
+}
+
+bool LibusbDevice::becamePermitted() {
+  const std::lock_guard lock(mutex_);
+  libusb_device_handle* handle = nullptr;
+  if (!is_refused_ || !reference_ || libusb_open(reference_.get(), &handle) != LIBUSB_SUCCESS)
+    return false;
+  libusb_close(handle);
+  is_refused_ = false;
+  return true;
+}
+
 IOReturn LibusbDevice::USBDeviceOpen() {
   const std::lock_guard lock(mutex_);
   if (!reference_) return LIBUSB_ERROR_NO_DEVICE;
   libusb_device_handle* handle = nullptr;
   const int result = libusb_open(reference_.get(), &handle);
+  is_refused_ = result == LIBUSB_ERROR_ACCESS;
+  if (is_refused_) turns_.interrupt();  // the monitor's thread is to ask again soon
   if (result != LIBUSB_SUCCESS) return result;
   handle_.reset(handle, libusb_close);
   return kIOReturnSuccess;

@@ -33,6 +33,12 @@ class LibusbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInInterfa
   IOReturn location(io_name_t& location) const;
   IOCFPlugInInterfaceStruct** plugInInterface() { return &plug_in_; }
 
+  /// This user was not permitted to open it. Any thread.
+  bool isRefused() const;
+  /// Whether it has become permitted since; it is not refused any more then. Any thread but
+  /// libusb's hot-plug callbacks.
+  bool becamePermitted();
+
   /// Closes the operating system's handle as soon as no request uses it; from then on every
   /// request fails with LIBUSB_ERROR_NO_DEVICE. Any thread but libusb's hot-plug callbacks.
   void closeAfterRemoval();
@@ -57,6 +63,7 @@ class LibusbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInInterfa
   mutable std::mutex mutex_;
   std::shared_ptr<libusb_device> reference_;      // empty once the device has left
   std::shared_ptr<libusb_device_handle> handle_;  // empty unless open; requests share it
+  bool is_refused_ = false;
 };
 
 }  // namespace qm5

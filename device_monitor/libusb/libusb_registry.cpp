@@ -1,6 +1,8 @@
 #include "device_monitor/libusb/libusb_registry.h"
 
 #include <algorithm>
+#include <chrono>
+#include <iterator>
 #include <utility>
 
 #include "device_monitor/usb_device_monitor.h"
@@ -94,13 +96,35 @@ void LibusbRegistry::runLoop() {
   // An error is no reason to stop listening, but a lasting one must not take a whole core.
   constexpr double kPauseAfterError = 1.0;  // seconds
   while (true) {
+    const std::chrono::milliseconds longest = announcePermitted();
     // Without any watch nothing has connected yet.
-    const int result =
-        connect() ? turns_.handleEventsBetweenRequests() : static_cast<int>(LIBUSB_ERROR_OTHER);
+    const int result = connect() ? turns_.handleEventsBetweenRequests(longest)
+                                 : static_cast<int>(LIBUSB_ERROR_OTHER);
     // An interrupted system call is an error that does not last.
     if (result == LIBUSB_SUCCESS || result == LIBUSB_ERROR_INTERRUPTED) continue;
     processClock().sleep(kPauseAfterError);
   }
+}
+
+// A device that was refused may become permitted: a person installs the package, or udev was late.
+// To the monitor it arrives once more then. Returns when to look again.
+std::chrono::milliseconds LibusbRegistry::announcePermitted() {
+  constexpr std::chrono::milliseconds kInterval{500};
+  constexpr std::chrono::milliseconds kNothingRefused{60'000};  // as long as libusb itself waits
+  const Devices refused = refusedDevices();
+  const double now = processClock().now();
+  if (refused.empty()) {
+    asked_at_ = now;
+    return kNothingRefused;
+  }
+  if (now - asked_at_ < std::chrono::duration<double>(kInterval).count()) return kInterval;
+  asked_at_ = now;
+  for (const auto& device : refused) {
+    if (!device->becamePermitted()) continue;
+    const std::lock_guard lock(mutex_);
+    announce(device);
+  }
+  return kInterval;
 }
 
 // Without a hot-plug callback there is nothing to follow, so that counts as unreachable.
@@ -130,7 +154,15 @@ int LIBUSB_CALL LibusbRegistry::hotplug(libusb_context*, libusb_device* device,
   return kStayRegistered;
 }
 
-// Called with the mutex held, as are the three below.
+LibusbRegistry::Devices LibusbRegistry::refusedDevices() {
+  const std::lock_guard lock(mutex_);
+  Devices refused;
+  std::copy_if(present_.begin(), present_.end(), std::back_inserter(refused),
+               [](const auto& device) { return device->isRefused(); });
+  return refused;
+}
+
+// Called with the mutex held, as are the four below.
 LibusbRegistry::Devices::iterator LibusbRegistry::findPresent(const libusb_device* device) {
   return std::find_if(present_.begin(), present_.end(),
                       [device](const auto& present) { return present->refersTo(device); });
@@ -140,8 +172,12 @@ void LibusbRegistry::arrived(libusb_device* device) {
   if (!place_.empty() && kernelName(device) != place_) return;
   if (findPresent(device) != present_.end()) return;
   present_.push_back(std::make_shared<LibusbDevice>(device, ++last_entry_id_, turns_));
+  announce(present_.back());
+}
+
+void LibusbRegistry::announce(const std::shared_ptr<LibusbDevice>& device) {
   for (auto& [iterator, watch] : watches_) {
-    if (watch.type == IONotificationType::firstMatch) enqueue(iterator, watch, present_.back());
+    if (watch.type == IONotificationType::firstMatch) enqueue(iterator, watch, device);
   }
 }
 

@@ -7,6 +7,7 @@
 
 #include <libusb.h>
 
+#include <chrono>
 #include <deque>
 #include <map>
 #include <memory>
@@ -64,7 +65,10 @@ class LibusbRegistry final : public USBRegistry {
   static int LIBUSB_CALL hotplug(libusb_context* context, libusb_device* device,
                                  libusb_hotplug_event event, void* self);
   Devices::iterator findPresent(const libusb_device* device);
+  std::chrono::milliseconds announcePermitted();
+  Devices refusedDevices();
   void arrived(libusb_device* device);
+  void announce(const std::shared_ptr<LibusbDevice>& device);
   void left(libusb_device* device);
   void enqueue(io_iterator_t iterator, Watch& watch, const std::shared_ptr<LibusbDevice>& device);
   std::shared_ptr<LibusbDevice> findService(io_service_t service);
@@ -72,6 +76,7 @@ class LibusbRegistry final : public USBRegistry {
   const std::string place_;  // empty: the whole bus
   bool connected_ = false;   // used by the thread that arms the watches, then serves
   EventTurns turns_;
+  double asked_at_ = 0;  // seconds of the clock; the thread that serves events
 
   std::mutex mutex_;  // guards all that follows
   std::uint64_t last_entry_id_ = 0;

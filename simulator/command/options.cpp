@@ -38,14 +38,15 @@ line: what the QM5's flash holds, and what PROGRAM did wrong.
                          May be given more than once.
   --attach-after SECONDS plug the QM5s in that long after the start of PROGRAM
   --no-product           the QM5s have no product name
-  --no-permission        PROGRAM may not open the QM5s until SIGUSR2 has plugged them in again
+  --no-permission        PROGRAM may not open the QM5s until SIGUSR2 comes
   --latency-ms N         time that each request takes (default 0)
   --image FILE           firmware image that the flash must hold in the end
   --trace FILE           write each request to FILE as a line of JSON; with several QM5s to
                          FILE-1-1.2, FILE-1-1.3 and so on
   --help                 print this text
 
-While PROGRAM runs, SIGUSR1 unplugs the QM5s and SIGUSR2 plugs them in. SIGINT, SIGTERM and
+While PROGRAM runs, SIGUSR1 unplugs the QM5s, and SIGUSR2 plugs them in and permits
+them. SIGINT, SIGTERM and
 SIGHUP are passed on to PROGRAM.
 
 The exit status is 0 when flash and signature of each QM5 are right, PROGRAM kept to the protocol

@@ -93,17 +93,19 @@ struct EmulatedBus::Kernel {
     return path.get();
   }
 
-  /// Makes the node of a device. To be called before add(), which announces the device: a
-  /// program may open the node at once.
+  /// Makes the node of a device, or another one in its place. To be called before add(), which
+  /// announces the device: a program may open the node at once.
   void makeNode(const std::string& path, bool permitted) const {
     const std::filesystem::path real = rootDirectory() + path;
+    const std::filesystem::path made = real.string() + ".new";
     std::error_code error;
     std::filesystem::create_directories(real.parent_path(), error);
     if (permitted) {
-      std::ofstream(real).close();
+      std::ofstream(made).close();
     } else {
-      std::filesystem::create_symlink(kForbiddenToAll, real, error);
+      std::filesystem::create_symlink(kForbiddenToAll, made, error);
     }
+    std::filesystem::rename(made, real, error);
     if (!std::filesystem::exists(real)) fatal("the emulated bus can't make a device node");
   }
 
@@ -185,6 +187,9 @@ void EmulatedBus::unplug() {
 void EmulatedBus::setPermitted(bool permitted) {
   const std::lock_guard lock(mutex_);
   options_.permitted = permitted;
+  for (const Port& port : ports_) {
+    if (port.handler) kernel_->makeNode(nodePath(port.address), permitted);
+  }
 }
 
 // As in the kernel: the next address that is free, and after the last one the first again.

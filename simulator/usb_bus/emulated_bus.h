@@ -57,7 +57,8 @@ class EmulatedBus {
   void plug();
   /// Takes the devices away; requests under way fail.
   void unplug();
-  /// Sets whether programs may open the devices, from the next plug() on.
+  /// Sets whether programs may open the devices, those that are plugged in too. What is open stays
+  /// so.
   void setPermitted(bool permitted);
 
  private:
