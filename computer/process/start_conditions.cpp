@@ -8,11 +8,11 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <future>
 #include <memory>
 #include <new>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -66,7 +66,7 @@ void requireThreads() {
   std::vector<std::thread> threads;
   try {
     while (threads.size() < kThreads) threads.emplace_back([gate] { gate.wait(); });
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {
     cannotStart("there are not enough threads, or no memory for them");
   }
   open.set_value();
