@@ -94,6 +94,11 @@ IOReturn LibusbDevice::QueryInterface(const UUIDBytes& identifier, IOUSBDeviceSt
   return kIOReturnSuccess;
 }
 
+bool LibusbDevice::isOpen() const {
+  const std::lock_guard lock(mutex_);
+  return handle_ != nullptr;
+}
+
 bool LibusbDevice::isRefused() const {
   const std::lock_guard lock(mutex_);
   return is_refused_ && reference_;

@@ -33,6 +33,7 @@ class LibusbDevice final : public IOUSBDeviceStruct942, public IOCFPlugInInterfa
   IOReturn location(io_name_t& location) const;
   IOCFPlugInInterfaceStruct** plugInInterface() { return &plug_in_; }
 
+  bool isOpen() const;
   /// This user was not permitted to open it. Any thread.
   bool isRefused() const;
   /// Whether it has become permitted since; it is not refused any more then. Any thread but

@@ -154,9 +154,13 @@ int LIBUSB_CALL LibusbRegistry::hotplug(libusb_context*, libusb_device* device,
   return kStayRegistered;
 }
 
+// None while another one is open: an arrival would take an update's device from it.
 LibusbRegistry::Devices LibusbRegistry::refusedDevices() {
   const std::lock_guard lock(mutex_);
   Devices refused;
+  if (std::any_of(present_.begin(), present_.end(),
+                  [](const auto& device) { return device->isOpen(); }))
+    return refused;
   std::copy_if(present_.begin(), present_.end(), std::back_inserter(refused),
                [](const auto& device) { return device->isRefused(); });
   return refused;
