@@ -91,7 +91,8 @@ Verdict endedAtOnceVerdict(bool is_cut_off) {
 }
 
 Verdict lostProcessVerdict(bool is_cut_off) {
-  Verdict verdict = {"failed", ExitStatus::failed, {"The process for this QM5 has broken off."}};
+  Verdict verdict = {"failed", ExitStatus::failed, {}};
+  verdict.lines.emplace_back("The process for this QM5 has broken off.");
   if (is_cut_off) verdict.lines.emplace_back(kCutOff);
   return verdict;
 }
