@@ -28,7 +28,9 @@ class Conversation {
     const auto& [time, setup, data, status] = record;
     const bool is_ok = status == ControlStatus::ok;
     has_left = has_left || status == ControlStatus::gone || status == ControlStatus::pending;
-    const auto byte = [&data = data](std::size_t i) { return i < data.size() ? data[i] : 0u; };
+    const auto byte = [&bytes = record.data](std::size_t i) {
+      return i < bytes.size() ? bytes[i] : 0u;
+    };
     if (isRead(setup) && setup.wValue == kVersionRegister && ++version_reads == 1 && is_ok) {
       stage = Stage::opening;
       for (const unsigned int digit : {byte(1) >> 4, byte(1) & 15u, byte(0) >> 4, byte(0) & 15u})
