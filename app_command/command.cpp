@@ -76,6 +76,7 @@ void Command::start() {
 }
 
 void Command::after(double seconds, std::function<void()> late) {
+  timer_.stop();
   late_ = std::move(late);
   if (!std::isinf(seconds)) timer_.start(std::chrono::milliseconds(std::llround(seconds * 1000)));
 }
@@ -150,7 +151,7 @@ void Command::progressed(std::size_t step, double percent) {
 void Command::noteOpening(const DeviceState& bus) {
   {
     const std::lock_guard lock(mutex_);
-    subject_.device = bus.location;
+    if (!bus.location.empty()) subject_.device = bus.location;
     subject_.version = version_;
   }
   if (!options_.image && isDevelopmentImage()) report_.note({}, kDevelopmentImageText);
@@ -163,12 +164,12 @@ void Command::showProgress() {
   const double now = processClock().now();
   const UpdatedDevice device = device_->compare(presence_.state(), now);
   pace_->deviceIs(device);
+  pace_->answered(global_driver->lastAnswer());
   if (!percent_ && now - began_ < kUsualOpeningTime) return;
-  if (std::exchange(shown_device_, device) != device) {
-    const std::string_view warning = pace_->warning(now);
-    if (!warning.empty())
-      report_.note(subject_, device == UpdatedDevice::away ? kDisconnected : warning);
-  }
+  std::string_view warning = pace_->warning(now);
+  if (!warning.empty() && device == UpdatedDevice::away) warning = kDisconnected;
+  if (std::exchange(noted_warning_, warning) != warning && !warning.empty())
+    report_.note(subject_, warning);
   report_.progressed(subject_, {.percent = percent_,
                                 .phase = pace_->phase(now),
                                 .elapsed = pace_->elapsed(now),
@@ -183,7 +184,9 @@ void Command::runEnded(const RunRecord& record) {
   const DeviceState bus = presence_.state();
   {
     const std::lock_guard lock(mutex_);
-    if (record.outcome != Outcome::noDevice && !percent_) subject_.device = bus.location;
+    // A QM5 that has left has no place any more; with --device it is known all the same.
+    if (record.outcome != Outcome::noDevice && !percent_ && !bus.location.empty())
+      subject_.device = bus.location;
     subject_.version = version_;
   }
   const Verdict verdict = verdictOf(record, {.version = version_,

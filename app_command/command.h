@@ -10,6 +10,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "app_command/exit_prompt.h"
 #include "app_command/options.h"
@@ -91,7 +92,7 @@ class Command {
   double began_ = 0;               // the run, in seconds of the clock
   std::optional<double> percent_;  // once the QM5 has opened the update
   std::optional<DeviceOfUpdate> device_;
-  UpdatedDevice shown_device_ = UpdatedDevice::there;
+  std::string_view noted_warning_;
   bool is_end_requested_ = false;
   bool may_sleep_ = false;          // the system refuses to stay awake
   std::shared_ptr<void> activity_;  // held during a run: the computer stays awake

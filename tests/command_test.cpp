@@ -117,6 +117,10 @@ const Steps kPermits = {{"Waiting", "kill -USR2 $S"}};
 const Steps kGivesUp = {{"Waiting", "kill -INT $P"}};
 const Steps kCycles = {
     {"Waiting", "kill -USR2 $S"}, {"confirming", "kill -USR1 $S"}, {"is off", "kill -USR2 $S"}};
+const Steps kCyclesLate = {{"Waiting", "kill -USR2 $S"},
+                           {"confirming", "sleep 4; kill -USR1 $S"},
+                           {"is off", "kill -USR2 $S"}};
+const Steps kSilent = {{"does not answer", kInsists[0].second}};
 const Steps kBothCycle = {{"Waiting", "kill -USR2 $S"},
                           {"confirming", ":"},
                           {"confirming", "kill -USR1 $S"},
@@ -127,6 +131,12 @@ const std::vector<Ending> kEndings = {
     {"insisting", "--fault SFWs:1=silent", kUpdate, "7 1-1.2 ended 4201", "a part of", kInsists},
     {"a signal while it waits", kAway, "--wait", "7 null ended null", "request", kGivesUp},
     {"a power cycle", kAway, " --confirm" + kUpdate, "0 1-1.2 confirmed 4201", "", kCycles},
+    {"a late power cycle", kAway, " --confirm" + kUpdate + " --wait=3", "0 1-1.2 confirmed 4201",
+     "", kCyclesLate},
+    {"a silent check", "--fault SFWs:2=silent", kUpdate, "7 1-1.2 ended 4201", "does not answer",
+     kSilent},
+    {"left early", "--devices 2 --fault 1:request:3=unplug", "--all" + kUpdate,
+     "1 1-1.2 failed 4201 1-1.3 updated 4201", ""},
     {"no power cycle", "", kUpdate + " --confirm=0.1", "1 1-1.2 unconfirmed 4201", "in time"},
     {"up to date", "--version 4208", "", "0 1-1.2 up-to-date 4208", "No need to update."},
     {"a check", "", "--check --target 0a0b", "10 1-1.2 update-due 4201", "version 0A0B"},
