@@ -62,10 +62,11 @@ Verdict verdictOf(const RunRecord& record, const RunSubject& subject) {
   Verdict verdict = {std::string(outcome), status, {text.title}};
   if (isExplainedByBus(record.outcome, subject.bus)) {
     appendLines(verdict.lines, describe(subject.bus));
-    if (status == ExitStatus::notPermitted)
+    if (status == ExitStatus::notPermitted) {
       verdict.lines.emplace_back(
           "That rule is for the person at the computer. Others need to be root, or a rule for a "
           "group: see qm5-update(1).");
+    }
     return verdict;
   }
   appendLines(verdict.lines, text.message);
