@@ -33,31 +33,31 @@ TEST(Groups, AreConsecutiveAndTheLastIsFilledUp) {
 
 TEST_F(Engine, DecodesRepliesEachTaskInItsOwnWay) {
   device.expectTask("SFWi", {}, Bytes{0x44, 1, 2, 0xFD, 3, 4, 5});
-  EXPECT_EQ(sfwi(), (ReplyDictionary{{"result", 4},
-                                     {"overlay_present", 1},
-                                     {"prod_key_present", 0},
-                                     {"engr_key_present", 1},
-                                     {"new_flash_region", 1}}));
+  EXPECT_EQ(sfwi(), (ReplyDictionary{.result = 4,
+                                     .overlay_present = 1,
+                                     .prod_key_present = 0,
+                                     .engr_key_present = 1,
+                                     .new_flash_region = 1}));
   EXPECT_EQ(transcript.newLines(), Lines{"out: sfwi: result=440102fd030405"});
   for (const auto& [reply, result, more] :
        {std::tuple{Bytes{0x4F, 0x80}, 0U, 1U}, {Bytes{1, 0}, 0U, 0U}, {Bytes{1, 6}, 6U, 1U}}) {
     device.expectTask("SFWd", {9}, reply);
-    EXPECT_EQ(sfwd(Bytes{9}), (ReplyDictionary{{"result", result}, {"more_data_expected", more}}));
+    EXPECT_EQ(sfwd(Bytes{9}), (ReplyDictionary{.result = result, .more_data_expected = more}));
   }
   EXPECT_EQ(transcript.newLines(), Lines{});
   device.expectTask("SFWs", {9}, Bytes{0x0A, 0x85, 0x12, 0x0E});
-  EXPECT_EQ(sfws(Bytes{9}), (ReplyDictionary{{"result", 5},
-                                             {"more_data_expected", 1},
-                                             {"signature_data_block", 18},
-                                             {"overlay_present", 0},
-                                             {"prod_key_present", 1},
-                                             {"engr_key_present", 1},
-                                             {"new_flash_region", 2},
-                                             {"hash_match", 6}}));
+  EXPECT_EQ(sfws(Bytes{9}), (ReplyDictionary{.result = 5,
+                                             .more_data_expected = 1,
+                                             .signature_data_block = 18,
+                                             .overlay_present = 0,
+                                             .prod_key_present = 1,
+                                             .engr_key_present = 1,
+                                             .new_flash_region = 2,
+                                             .hash_match = 6}));
   EXPECT_EQ(transcript.newLines(),
             Lines{"out: SFWs: read_back: [10, 133, 18, 14, 0, 0, 0, 0, 0, 0, 0]"});
   device.expectTask("SFWs", {9}, Bytes{0x0A, 0x05});
-  EXPECT_EQ(sfws(Bytes{9})->at("more_data_expected"), 0U) << "bit 7 alone";
+  EXPECT_EQ(sfws(Bytes{9})->more_data_expected, 0U) << "bit 7 alone";
 }
 
 TEST_F(Engine, WaitsForEachTaskAsLongAsItMayTake) {

@@ -26,7 +26,7 @@ bool isAccepted(const std::optional<ReplyDictionary>& reply) {
     print("sfws_return during sending signature is None");
     return false;
   }
-  const std::size_t result = resultOf(*reply).value_or(0);
+  const std::size_t result = reply->result.value_or(0);
   if (result == 0) return true;
   print("SFWs signature sending failed: 0x" + upperHex(result));
   return false;

@@ -39,10 +39,10 @@ void requireElements(const Bytes& reply, std::size_t count) {
 // The two-bit region here, and the three-bit match of "SFWs", are not shifted and so overlap the
 // flags. Intended.
 void decodeFlags(std::uint8_t flags, ReplyDictionary& reply) {
-  reply["overlay_present"] = flags & 0x01;
-  reply["prod_key_present"] = (flags >> 1) & 0x01;
-  reply["engr_key_present"] = (flags >> 2) & 0x01;
-  reply["new_flash_region"] = flags & 0x03;
+  reply.overlay_present = flags & 0x01;
+  reply.prod_key_present = (flags >> 1) & 0x01;
+  reply.engr_key_present = (flags >> 2) & 0x01;
+  reply.new_flash_region = flags & 0x03;
 }
 
 // As in "[10, 0, 3]".
@@ -57,12 +57,6 @@ std::string listForm(const Bytes& bytes) {
 
 }  // namespace
 
-std::optional<std::size_t> resultOf(const ReplyDictionary& reply) {
-  const auto found = reply.find("result");
-  if (found == reply.end()) return std::nullopt;
-  return found->second;
-}
-
 std::optional<ReplyDictionary> sfwi() {
   const std::optional<Bytes> bytes = run(kSFWi, std::nullopt);
   if (!bytes) return std::nullopt;
@@ -70,7 +64,7 @@ std::optional<ReplyDictionary> sfwi() {
   requireElements(*bytes, 4);
   ReplyDictionary reply;
   // The length byte, not the first register byte, unlike the other tasks. Intended.
-  reply["result"] = (*bytes)[0] & kResultMask;
+  reply.result = (*bytes)[0] & kResultMask;
   decodeFlags((*bytes)[3], reply);
   return reply;
 }
@@ -80,9 +74,9 @@ ReplyDictionary sfwd(ByteView block) {
   if (!bytes) return {};
   requireElements(*bytes, 2);
   ReplyDictionary reply;
-  reply["result"] = (*bytes)[1] & kResultMask;
+  reply.result = (*bytes)[1] & kResultMask;
   // The whole byte here, but only bit 7 in the reply to "SFWs". Intended.
-  reply["more_data_expected"] = (*bytes)[1] != 0 ? 1 : 0;
+  reply.more_data_expected = (*bytes)[1] != 0 ? 1U : 0U;
   return reply;
 }
 
@@ -92,11 +86,11 @@ std::optional<ReplyDictionary> sfws(ByteView block) {
   print("SFWs: read_back: " + listForm(*bytes));
   requireElements(*bytes, 4);
   ReplyDictionary reply;
-  reply["result"] = (*bytes)[1] & kResultMask;
-  reply["more_data_expected"] = (*bytes)[1] >> 7;
-  reply["signature_data_block"] = (*bytes)[2];
+  reply.result = (*bytes)[1] & kResultMask;
+  reply.more_data_expected = (*bytes)[1] >> 7;
+  reply.signature_data_block = (*bytes)[2];
   decodeFlags((*bytes)[3], reply);
-  reply["hash_match"] = (*bytes)[3] & 0x07;
+  reply.hash_match = (*bytes)[3] & 0x07;
   return reply;
 }
 

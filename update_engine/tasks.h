@@ -5,26 +5,32 @@
 #pragma once
 
 #include <cstddef>
-#include <map>
 #include <optional>
-#include <string_view>
 
 #include "platform/bytes.h"
 
 namespace qm5 {
 
-/// A decoded reply: values by name, which is a literal. "result" is the task's 4-bit result code.
-/// Empty only when sfwd() got no reply.
-using ReplyDictionary = std::map<std::string_view, std::size_t>;
+/// A decoded reply: those of its values that the task's reply has. One is made for each block, so
+/// it needs no memory from the heap. Without any value only when sfwd() got no reply.
+struct ReplyDictionary {
+  std::optional<std::size_t> result = std::nullopt;  // the task's 4-bit result code
+  std::optional<std::size_t> more_data_expected = std::nullopt;
+  std::optional<std::size_t> signature_data_block = std::nullopt;
+  std::optional<std::size_t> overlay_present = std::nullopt;
+  std::optional<std::size_t> prod_key_present = std::nullopt;
+  std::optional<std::size_t> engr_key_present = std::nullopt;
+  std::optional<std::size_t> new_flash_region = std::nullopt;
+  std::optional<std::size_t> hash_match = std::nullopt;
 
-/// The value under "result"; empty when the reply has none.
-std::optional<std::size_t> resultOf(const ReplyDictionary& reply);
+  bool operator==(const ReplyDictionary&) const = default;
+};
 
 /// "SFWi": opens an update. Empty when no reply could be read. Polls for up to 1.5 s.
 std::optional<ReplyDictionary> sfwi();
 
-/// "SFWd": writes one block of the payload. Returns an empty dictionary when no reply could be
-/// read, where the other tasks return no value. Polls for up to 1.5 s.
+/// "SFWd": writes one block of the payload. Returns a dictionary without values when no reply could
+/// be read, where the other tasks return no dictionary. Polls for up to 1.5 s.
 ReplyDictionary sfwd(ByteView block);
 
 /// "SFWs": sends one block of the signature or of the public key. Empty when no reply could be

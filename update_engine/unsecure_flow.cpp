@@ -4,7 +4,7 @@
 #include <limits>
 #include <optional>
 #include <string>
-#include <utility>
+#include <vector>
 
 #include "platform/clock.h"
 #include "platform/console.h"
@@ -41,7 +41,7 @@ bool openUpdate(const ProgressCallback& progress) {
     return false;
   }
   if (progress) progress("Sending SFWi data", 1.0);
-  const std::size_t result = required(resultOf(*reply), "an opening reply without a result");
+  const std::size_t result = required(reply->result, "an opening reply without a result");
   print("SFWi returned: " + hexadecimal(result));
   if (result == 0) return true;
   print("SFWi Failed with task_result: " +
@@ -69,22 +69,15 @@ std::string failureText(const std::optional<std::size_t>& result) {
 // Sends one block, and once more after a pause when the device did not take it. Only the second
 // attempt's failure is printed.
 bool writeBlock(ByteView block) {
-  const std::optional<std::size_t> first = resultOf(sfwd(block));
+  const std::optional<std::size_t> first = sfwd(block).result;
   if (first == 0) return true;
   if (!first) print("No sfwd return");
   processClock().sleep(kPauseBeforeRetry);
   print("retry sfwd again");
-  const std::optional<std::size_t> second = resultOf(sfwd(block));
+  const std::optional<std::size_t> second = sfwd(block).result;
   if (second == 0) return true;
   print("SFWd Failed with task_result: " + failureText(second));
   return false;
-}
-
-// Groups one chunk at a time, so that an update needs no second copy of the image.
-Bytes chunkAt(ByteView data, std::size_t i) {
-  const ByteView remaining = data.subspan(i * kChunkSize);
-  const ByteView part = remaining.first(std::min(kChunkSize, remaining.size()));
-  return std::move(grouper(part, kErased, kChunkSize)[0]);
 }
 
 }  // namespace
@@ -97,20 +90,26 @@ bool common_update(Driver&, ByteView update_data, const ProgressCallback& progre
   log("Sending SFWi for unsecure_update flow");
   if (!openUpdate(progress)) return false;
 
-  Bytes previous(kChunkSize, kErased);
+  // Whole chunks are sent as they lie in the image, so that an update needs no second copy of it.
+  const std::size_t whole_chunks = update_data.size() / kChunkSize;
+  const std::vector<Bytes> incomplete =
+      grouper(update_data.subspan(whole_chunks * kChunkSize), kErased, kChunkSize);
+  const Bytes erased(kChunkSize, kErased);
+  ByteView previous = erased;
   for (std::size_t i = 0; i < chunk_count(update_data); ++i) {
     const std::string number = std::to_string(i);
     if (progress) progress("Writing SFWd chunk:" + number, percentage(i, update_data.size()));
     print("Writing SFWd chunk " + number);
-    Bytes chunk = chunkAt(update_data, i);
+    const ByteView chunk = i < whole_chunks ? update_data.subspan(i * kChunkSize, kChunkSize)
+                                            : ByteView(incomplete[0]);
     ByteView block = chunk;
-    if (chunk == previous) {
+    if (std::equal(chunk.begin(), chunk.end(), previous.begin())) {
       // Despite the line, a task is sent: its four bytes tell the device to repeat the chunk.
       print("Not sending this chunk, same as last");
       block = block.first(kRepeatedBlockSize);
     }
     if (!writeBlock(block)) return false;
-    previous = std::move(chunk);
+    previous = chunk;
   }
   return true;
 }
