@@ -43,14 +43,18 @@ void MainQueue::perform(Step step) {
 bool MainQueue::event(QEvent* event) {
   if (event->type() != stepsWaiting()) return QObject::event(event);
   continues_ = false;
-  isTurnOpen() ? runSteps() : beginTurn();
+  if (!isTurnOpen()) {
+    beginTurn();
+  } else {
+    is_drawing_due_ = true;
+    runSteps();
+  }
   return true;
 }
 
 void MainQueue::timerEvent(QTimerEvent*) {
-  if (!becomeIdleIfEmpty()) return beginTurn();
+  if (is_drawing_due_ || !becomeIdleIfEmpty()) return beginTurn();
   window_.stop();
-  emit turnEnded();  // for the steps that have run since the last one
 }
 
 // The timer is a new one each time, started before the steps: Qt fires no timer again while its
@@ -59,6 +63,7 @@ void MainQueue::timerEvent(QTimerEvent*) {
 void MainQueue::beginTurn() {
   window_.start(kCoalesceWindow, this);
   runSteps();
+  is_drawing_due_ = false;
   emit turnEnded();
 }
 

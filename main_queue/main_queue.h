@@ -50,8 +50,9 @@ class MainQueue : public QObject {
   bool becomeIdleIfEmpty();
 
   const std::thread::id main_thread_ = std::this_thread::get_id();
-  QBasicTimer window_;      // runs unless the queue is idle; main thread
-  bool continues_ = false;  // an event is on its way that goes on with the steps; main thread
+  QBasicTimer window_;           // runs unless the queue is idle; main thread
+  bool continues_ = false;       // an event is on its way that goes on with the steps; main thread
+  bool is_drawing_due_ = false;  // for steps that have run since turnEnded(); main thread
 
   // A lock of our own orders the steps for every observer, ThreadSanitizer included, which can't
   // see into Qt's; Qt only wakes the main thread.
