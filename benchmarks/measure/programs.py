@@ -49,9 +49,9 @@ def on_screen(*command):
     return (os.path.join(HERE, "on_screen.sh"),) + command
 
 
-def real_time():
+def real_time(*options):
     """Words before a command that let no other process delay it, where that is permitted."""
-    words = ("chrt", "-f", "50")
+    words = ("chrt", *options, "-f", "50")
     try:
         permitted = subprocess.run([*words, "true"], stderr=subprocess.DEVNULL).returncode == 0
     except FileNotFoundError:

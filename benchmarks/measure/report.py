@@ -16,6 +16,8 @@ def row(group, what, figure, goal="", held=None):
 
 
 def at_most(group, what, value, limit, form="{:.2f}"):
+    if limit is None:
+        return row(group, what, form.format(value))
     row(group, what, form.format(value), "at most " + form.format(limit), value <= limit)
 
 
