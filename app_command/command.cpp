@@ -1,6 +1,7 @@
 #include "app_command/command.h"
 
 #include <QCoreApplication>
+#include <QVersionNumber>
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -34,6 +35,9 @@ constexpr std::string_view kNotBack =
 // What is attached at the start has been announced by then.
 constexpr double kAnnounceTime = 1.0;  // seconds
 
+// udev gives the right to open a QM5 some moments after its arrival.
+constexpr int kPermissionTime = 2000;  // milliseconds
+
 // A run that says nothing for longer waits for the QM5.
 constexpr double kUsualOpeningTime = 6;  // seconds
 
@@ -42,6 +46,17 @@ std::string whichOf(const DeviceState& bus) {
   std::string text = describe(bus);
   text.resize(std::min(text.find('\n'), text.size()));  // how to choose another one by hand
   return text.append(" --device chooses another one.");
+}
+
+// As numbers: port 1-2 comes before port 1-10.
+std::vector<AttachedDevice> inOrderOfPorts(std::vector<AttachedDevice> devices) {
+  const auto numbers = [](const AttachedDevice& device) {
+    return QVersionNumber::fromString(QString::fromStdString(device.location).replace('-', '.'));
+  };
+  std::stable_sort(devices.begin(), devices.end(), [&](const auto& one, const auto& other) {
+    return numbers(one) < numbers(other);
+  });
+  return devices;
 }
 
 }  // namespace
@@ -82,13 +97,25 @@ void Command::after(double seconds, std::function<void()> late) {
 }
 
 void Command::busChanged() {
-  if (stage_ == Stage::waiting && options_.wait && presence_.state().used) begin();
+  if (stage_ == Stage::waiting && options_.wait) {
+    if (presence_.state().used) return begin();
+    QTimer::singleShot(kPermissionTime, &timer_, [this] { noteUnusable(); });
+  }
   if (stage_ == Stage::running) showProgress();
+}
+
+// The QM5 that is there is not the one that is waited for.
+void Command::noteUnusable() {
+  const DeviceState bus = presence_.state();
+  if (stage_ != Stage::waiting || bus.used || bus.present.empty()) return;
+  std::string text = describe(bus);
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  if (std::exchange(noted_bus_, text) != text) report_.note(subject_, text);
 }
 
 void Command::list() {
   const bool submitted = jobs_.async([this] {
-    main_queue_.async([this, devices = attached_.list()] {
+    main_queue_.async([this, devices = inOrderOfPorts(attached_.list())] {
       report_.listed(devices);
       end(listedVerdict(devices.size()));
     });
@@ -182,13 +209,14 @@ void Command::runEnded(const RunRecord& record) {
   activity_.reset();
   std::signal(SIGHUP, hangup_);
   const DeviceState bus = presence_.state();
+  const bool is_unnamed = record.outcome != Outcome::noDevice && !percent_ && !bus.location.empty();
   {
     const std::lock_guard lock(mutex_);
     // A QM5 that has left has no place any more; with --device it is known all the same.
-    if (record.outcome != Outcome::noDevice && !percent_ && !bus.location.empty())
-      subject_.device = bus.location;
+    if (is_unnamed) subject_.device = bus.location;
     subject_.version = version_;
   }
+  if (is_unnamed && bus.present.size() > 1) report_.note(subject_, whichOf(bus));
   const Verdict verdict = verdictOf(record, {.version = version_,
                                              .target_version = target_version_,
                                              .image_file = options_.image.value_or(""),
@@ -239,6 +267,7 @@ int Command::endAtOnce() {
 }
 
 Verdict Command::ended() const {
+  if (stage_ == Stage::confirming) return endedVerdict(kNotConfirmed);
   return endedAtOnceVerdict(stage_ == Stage::running && !options_.only_check);
 }
 

@@ -55,6 +55,7 @@ class Command {
   /// before.
   void after(double seconds, std::function<void()> late);
   void busChanged();
+  void noteUnusable();
   void list();
   void begin();
   void loadImage();
@@ -75,7 +76,7 @@ class Command {
   MainQueue main_queue_;
   // Made first: they listen before the Driver has the bus watched.
   const DevicePresence presence_;
-  const AttachedDevices attached_;
+  AttachedDevices attached_;
   const std::shared_ptr<PowerCycleCheck> power_cycle_;
   DispatchQueue jobs_;
   QTimer tick_;  // while an update runs
@@ -93,6 +94,7 @@ class Command {
   std::optional<double> percent_;  // once the QM5 has opened the update
   std::optional<DeviceOfUpdate> device_;
   std::string_view noted_warning_;
+  std::string noted_bus_;  // why a QM5 that is there is not used
   bool is_end_requested_ = false;
   bool may_sleep_ = false;          // the system refuses to stay awake
   std::shared_ptr<void> activity_;  // held during a run: the computer stays awake

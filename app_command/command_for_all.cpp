@@ -32,20 +32,23 @@ void CommandForAll::start() {
   main_queue_.async([this] {
     if (!options_.wait) return timer_.start(kGatherTime);
     report_.note({}, "Waiting for a QM5.");
-    is_waiting_ = true;
     if (!std::isinf(*options_.wait))
-      timer_.start(std::chrono::milliseconds(std::llround(*options_.wait * 1000)));
-    if (!ports_.locations().empty()) deviceArrived();
+      end_of_wait_.setRemainingTime(std::chrono::milliseconds(std::llround(*options_.wait * 1000)));
+    ports_.locations().empty() ? wait() : deviceArrived();
   });
 }
 
+void CommandForAll::wait() {
+  if (!end_of_wait_.isForever()) timer_.start(static_cast<int>(end_of_wait_.remainingTime()));
+}
+
 void CommandForAll::deviceArrived() {
-  if (std::exchange(is_waiting_, false)) timer_.start(kGatherTime);
+  if (processes_.empty()) timer_.start(kGatherTime);
 }
 
 void CommandForAll::startProcesses() {
-  is_waiting_ = false;
   const std::vector<std::string> devices = ports_.locations();
+  if (devices.empty() && options_.wait && !end_of_wait_.hasExpired()) return wait();
   if (devices.empty()) {
     const std::lock_guard lock(mutex_);
     return QCoreApplication::exit(concludeLocked(noDeviceVerdict()));

@@ -3,6 +3,7 @@
 // ended.
 #pragma once
 
+#include <QDeadlineTimer>
 #include <QTimer>
 #include <csignal>
 #include <functional>
@@ -42,6 +43,7 @@ class CommandForAll {
   int endAtOnce();
 
  private:
+  void wait();
   void deviceArrived();
   void startProcesses();
   void processChanged();
@@ -53,7 +55,7 @@ class CommandForAll {
   Report& report_;
   MainQueue main_queue_;
   QTimer timer_;  // until the processes are started
-  bool is_waiting_ = false;
+  QDeadlineTimer end_of_wait_{QDeadlineTimer::Forever};
   ExitPrompt prompt_;
   void (*hangup_)(int) = SIG_DFL;  // what SIGHUP did before the updates
 

@@ -123,6 +123,13 @@ int nextOption(int argc, char** argv) {
   return getopt_long(argc, argv, ":", options.data(), nullptr);  // ":": it prints nothing itself
 }
 
+/// What the person wrote for the option that was found. Of letters behind one hyphen, getopt_long
+/// looks at one by one, and has not finished with the word.
+std::string wordOf(int found, char** argv) {
+  const bool is_letter = found == '?' && optopt > kVersionOption;  // others are indexes
+  return is_letter ? std::string("-") + static_cast<char>(optopt) : argv[optind - 1];
+}
+
 CommandReply wrong(const std::string& what) {
   return {"qm5-update: " + what + "; --help lists the options\n",
           static_cast<int>(ExitStatus::usage)};
@@ -169,7 +176,7 @@ std::variant<CommandOptions, CommandReply> parseCommandOptions(int argc, char** 
     if (found == kHelpOption) return CommandReply{kHelp, 0};
     if (found == kVersionOption)
       return CommandReply{std::string("qm5-update ").append(version).append("\n"), 0};
-    if (auto reply = apply(found, argv[optind - 1], options)) return *reply;
+    if (auto reply = apply(found, wordOf(found, argv), options)) return *reply;
   }
   if (optind < argc) return wrong(std::string("unexpected argument ").append(argv[optind]));
   const std::string conflict(conflictIn(options));

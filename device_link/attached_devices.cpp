@@ -34,8 +34,9 @@ AttachedDevices::AttachedDevices()
           USBDeviceDisconnected, [this](const Notification& posted) { disconnected(posted); })) {}
 
 // With the mutex held to the end: a removal reaches the Driver after this object.
-void AttachedDevices::announceMissed() const {
+void AttachedDevices::announceMissed() {
   const std::lock_guard lock(mutex_);
+  is_driver_made_ = true;
   for (auto each = known_.rbegin(); each != known_.rend(); ++each) {
     if (each->second.announced && !global_driver->deviceInfo()) announce(*each->second.announced);
   }
@@ -61,6 +62,8 @@ void AttachedDevices::connected(const Notification& posted) {
   if (device == nullptr) return;
   const std::lock_guard lock(mutex_);
   known_[device->id].announced = *device;
+  // This notification may have begun before the Driver listened.
+  if (is_driver_made_ && !global_driver->deviceInfo()) announce(*device);
 }
 
 void AttachedDevices::examined(const Notification& posted) {

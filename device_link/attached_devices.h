@@ -31,8 +31,9 @@ class AttachedDevices {
   AttachedDevices();
 
   /// Gives the Driver in `global_driver` the device announced last, where it has none: what is
-  /// announced while the Driver is made, it misses. Any thread.
-  void announceMissed() const;
+  /// announced while the Driver is made, it misses. Call it once, when the Driver has been made.
+  /// Any thread.
+  void announceMissed();
 
   /// What is on the bus now, in the order of arrival. Reads the version of each that may be opened,
   /// with one request, and leaves the Driver in `global_driver` with the last of them. Blocks; no
@@ -52,6 +53,7 @@ class AttachedDevices {
 
   mutable std::mutex mutex_;              // guards what follows
   std::map<std::uint64_t, Known> known_;  // ids are given in the order of arrival
+  bool is_driver_made_ = false;
   const NotificationCenter::Registration connected_;
   const NotificationCenter::Registration examined_;
   const NotificationCenter::Registration disconnected_;

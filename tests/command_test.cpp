@@ -113,10 +113,11 @@ const std::string kAway = "--attach-after 1000";
 const Steps kDrops = {{"updating", "kill -STOP $S; kill -HUP $P; kill -INT $P; kill -CONT $S"}};
 const Steps kInsists = {{"updating", "while kill -TERM $P; do sleep 0.2; done 2>/dev/null"}};
 const Steps kBreaksOff = {{"updating", "kill -KILL $(cat /proc/$P/task/$P/children)"}};
-const Steps kPermits = {{"Waiting", "kill -USR2 $S"}};
+const Steps kPermits = {{"may not open it", "kill -USR2 $S"}};
 const Steps kGivesUp = {{"Waiting", "kill -INT $P"}};
 const Steps kCycles = {
     {"Waiting", "kill -USR2 $S"}, {"confirming", "kill -USR1 $S"}, {"is off", "kill -USR2 $S"}};
+const Steps kHangsUp = {{"confirming", "kill -HUP $P"}};
 const Steps kCyclesLate = {{"Waiting", "kill -USR2 $S"},
                            {"confirming", "sleep 4; kill -USR1 $S"},
                            {"is off", "kill -USR2 $S"}};
@@ -133,6 +134,7 @@ const std::vector<Ending> kEndings = {
     {"a power cycle", kAway, " --confirm" + kUpdate, "0 1-1.2 confirmed 4201", "", kCycles},
     {"a late power cycle", kAway, " --confirm" + kUpdate + " --wait=3", "0 1-1.2 confirmed 4201",
      "", kCyclesLate},
+    {"a hang-up", "", " --confirm" + kUpdate, "7 1-1.2 ended 4201", "QM5 was updated", kHangsUp},
     {"a silent check", "--fault SFWs:2=silent", kUpdate, "7 1-1.2 ended 4201", "does not answer",
      kSilent},
     {"left early", "--devices 2 --fault 1:request:3=unplug", "--all" + kUpdate,
@@ -140,6 +142,7 @@ const std::vector<Ending> kEndings = {
     {"no power cycle", "", kUpdate + " --confirm=0.1", "1 1-1.2 unconfirmed 4201", "in time"},
     {"up to date", "--version 4208", "", "0 1-1.2 up-to-date 4208", "No need to update."},
     {"a check", "", "--check --target 0a0b", "10 1-1.2 update-due 4201", "version 0A0B"},
+    {"a check of one", "--devices 2", "--check", "10 1-1.2 update-due 4201", "another one."},
     {"a refused block", "--fault SFWs:1=result:5", kUpdate, "1 1-1.2 failed 4201",
      "with code 0x5."},
     {"a small flash", "--flash-size 128", kUpdate, "1 1-1.2 failed 4201", "FAIL_TOO_MUCH_DATA"},

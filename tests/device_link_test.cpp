@@ -31,7 +31,7 @@ TEST_F(Link, TreatsADeviceWithoutAnInterfaceAsNone) {
 }
 
 TEST_F(Link, GetsADeviceThatWasAnnouncedTooEarlyUnlessItHasLeft) {
-  const AttachedDevices attached;
+  AttachedDevices attached;
   const Dictionary removed = {{"id", device.record().id}};
   for (const bool leaves : {true, false}) {
     attach();
