@@ -1,12 +1,13 @@
 #include "app_command/command.h"
 
 #include <QCoreApplication>
-#include <QVersionNumber>
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <utility>
 
+#include "app_command/hang_up.h"
+#include "app_command/port_order.h"
 #include "computer/wakefulness.h"
 #include "device_link/driver.h"
 #include "platform/clock.h"
@@ -38,6 +39,9 @@ constexpr double kAnnounceTime = 1.0;  // seconds
 // udev gives the right to open a QM5 some moments after its arrival.
 constexpr int kPermissionTime = 2000;  // milliseconds
 
+// For one request.
+constexpr double kUsualAnswerTime = 5;  // seconds
+
 // A run that says nothing for longer waits for the QM5.
 constexpr double kUsualOpeningTime = 6;  // seconds
 
@@ -46,17 +50,6 @@ std::string whichOf(const DeviceState& bus) {
   std::string text = describe(bus);
   text.resize(std::min(text.find('\n'), text.size()));  // how to choose another one by hand
   return text.append(" --device chooses another one.");
-}
-
-// As numbers: port 1-2 comes before port 1-10.
-std::vector<AttachedDevice> inOrderOfPorts(std::vector<AttachedDevice> devices) {
-  const auto numbers = [](const AttachedDevice& device) {
-    return QVersionNumber::fromString(QString::fromStdString(device.location).replace('-', '.'));
-  };
-  std::stable_sort(devices.begin(), devices.end(), [&](const auto& one, const auto& other) {
-    return numbers(one) < numbers(other);
-  });
-  return devices;
 }
 
 }  // namespace
@@ -114,19 +107,35 @@ void Command::noteUnusable() {
 }
 
 void Command::list() {
-  const bool submitted = jobs_.async([this] {
-    main_queue_.async([this, devices = inOrderOfPorts(attached_.list())] {
-      report_.listed(devices);
-      end(listedVerdict(devices.size()));
+  std::vector<AttachedDevice> devices = attached_.list();
+  std::stable_sort(devices.begin(), devices.end(), [](const auto& one, const auto& other) {
+    return PortOrder()(one.location, other.location);
+  });
+  const bool submitted = jobs_.async([this, devices = std::move(devices)]() mutable {
+    for (AttachedDevice& each : devices) {
+      main_queue_.async([this, place = each.location] { awaitVersion(place); });
+      readVersion(each);
+      main_queue_.async([this, each] { report_.listed(each); });
+    }
+    main_queue_.async([this, count = devices.size()] {
+      end(listedVerdict(count, options_.device.value_or("")));
     });
   });
   if (!submitted) cannotStart("there is no thread left to ask the QM5s for their versions");
 }
 
+// Requests have no time-out.
+void Command::awaitVersion(const std::string& place) {
+  after(kUsualAnswerTime, [this, place] {
+    report_.note({.device = place},
+                 "The QM5 at port " + place +
+                     " does not answer. The others are listed once it does or is unplugged.");
+  });
+}
+
 void Command::begin() {
   stage_ = Stage::running;
-  // A connection that drops ends no update.
-  hangup_ = std::signal(SIGHUP, SIG_IGN);
+  holdHangUps();
   if (!options_.only_check) {
     loadImage();
     activity_ = wakefulness().beginActivity(kActivityReason, [this] {
@@ -207,7 +216,7 @@ void Command::runEnded(const RunRecord& record) {
   tick_.stop();
   prompt_.withdraw(report_);
   activity_.reset();
-  std::signal(SIGHUP, hangup_);
+  releaseHangUps();
   const DeviceState bus = presence_.state();
   const bool is_unnamed = record.outcome != Outcome::noDevice && !percent_ && !bus.location.empty();
   {

@@ -4,7 +4,6 @@
 
 #include <QTimer>
 #include <atomic>
-#include <csignal>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -57,6 +56,7 @@ class Command {
   void busChanged();
   void noteUnusable();
   void list();
+  void awaitVersion(const std::string& place);
   void begin();
   void loadImage();
   void run();
@@ -98,7 +98,6 @@ class Command {
   bool is_end_requested_ = false;
   bool may_sleep_ = false;          // the system refuses to stay awake
   std::shared_ptr<void> activity_;  // held during a run: the computer stays awake
-  void (*hangup_)(int) = SIG_DFL;   // what SIGHUP did before the run
 
   std::mutex mutex_;  // guards what follows
   Subject subject_;

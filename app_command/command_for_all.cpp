@@ -6,6 +6,7 @@
 #include <cmath>
 #include <utility>
 
+#include "app_command/hang_up.h"
 #include "update_run/target_version.h"
 
 namespace qm5 {
@@ -53,8 +54,7 @@ void CommandForAll::startProcesses() {
     const std::lock_guard lock(mutex_);
     return QCoreApplication::exit(concludeLocked(noDeviceVerdict()));
   }
-  // A connection that drops ends no update.
-  hangup_ = std::signal(SIGHUP, SIG_IGN);
+  holdHangUps();
   {
     const std::lock_guard lock(mutex_);
     for (const std::string& each : devices)
@@ -66,7 +66,7 @@ void CommandForAll::startProcesses() {
 void CommandForAll::processChanged() {
   if (isUpdating()) return;
   prompt_.withdraw(report_);
-  std::signal(SIGHUP, hangup_);
+  releaseHangUps();
   const auto has_ended = [](const auto& each) { return each->status().has_value(); };
   if (std::all_of(processes_.begin(), processes_.end(), has_ended))
     QCoreApplication::exit(endAtOnce());

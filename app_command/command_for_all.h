@@ -5,7 +5,6 @@
 
 #include <QDeadlineTimer>
 #include <QTimer>
-#include <csignal>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -57,7 +56,6 @@ class CommandForAll {
   QTimer timer_;  // until the processes are started
   QDeadlineTimer end_of_wait_{QDeadlineTimer::Forever};
   ExitPrompt prompt_;
-  void (*hangup_)(int) = SIG_DFL;  // what SIGHUP did before the updates
 
   DeviceProcess::Shared shared_;
   std::mutex mutex_;  // guards what follows; changed by the main thread alone

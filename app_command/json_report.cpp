@@ -89,12 +89,10 @@ bool readJsonLine(std::string_view line, UpdateEvents& events) {
   return true;
 }
 
-void JsonReport::listed(const std::vector<AttachedDevice>& devices) {
-  for (const AttachedDevice& each : devices) {
-    write("device", {{"device", textOrNull(each.location)},
-                     {"version", textOrNull(each.version.value_or(""))},
-                     {"access", nameOf(each.access)}});
-  }
+void JsonReport::listed(const AttachedDevice& device) {
+  write("device", {{"device", textOrNull(device.location)},
+                   {"version", textOrNull(device.version.value_or(""))},
+                   {"access", nameOf(device.access)}});
 }
 
 void JsonReport::note(const Subject& subject, std::string_view sentence) {

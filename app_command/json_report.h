@@ -17,7 +17,7 @@ class JsonReport final : public Report {
   /// `quiet`: the outcome alone, and no lines of the engine.
   explicit JsonReport(bool quiet) : quiet_(quiet) {}
 
-  void listed(const std::vector<AttachedDevice>& devices) override;
+  void listed(const AttachedDevice& device) override;
   void note(const Subject& subject, std::string_view text) override;
   void updating(const Subject& subject) override;
   void progressed(const Subject& subject, const Progress& progress) override;

@@ -1,7 +1,5 @@
 // The entry point of qm5-update: puts the adapters behind the ports and starts the command.
 
-#include <unistd.h>
-
 #include <QCoreApplication>
 #include <clocale>
 #include <csignal>
@@ -11,6 +9,7 @@
 
 #include "app_command/command.h"
 #include "app_command/command_for_all.h"
+#include "app_command/hang_up.h"
 #include "app_command/json_report.h"
 #include "app_command/options.h"
 #include "app_command/plain_report.h"
@@ -58,13 +57,6 @@ void keepTerminalFromStopping() {
   std::signal(SIGTTOU, SIG_IGN);
 }
 
-// A connection that drops ends the process where no update is under way: as SIGTERM does, so that
-// the outcome is reported.
-void endAtHangUp() {
-  if (std::signal(SIGHUP, SIG_IGN) != SIG_DFL) return;  // started by nohup
-  std::signal(SIGHUP, [](int) { ::kill(::getpid(), SIGTERM); });
-}
-
 // Jobs may be at work when the process ends, so `command` is never taken apart.
 template <typename AnyCommand>
 [[noreturn]] void serve(AnyCommand& command) {
@@ -87,7 +79,7 @@ int run(int argc, char** argv, const CommandOptions& options) {
     return static_cast<int>(verdict.status);
   }
   blockTerminationSignals({SIGINT, SIGTERM});
-  endAtHangUp();
+  followHangUps();
   redirectLines(report);
   setAdapters(options);
   QCoreApplication application(argc, argv);

@@ -113,10 +113,10 @@ bool isGood(ExitStatus status) {
 PlainReport::PlainReport(bool quiet, bool many)
     : quiet_(quiet), many_(many), has_bars_(!quiet && canMoveCursor()) {}
 
-void PlainReport::listed(const std::vector<AttachedDevice>& devices) {
+void PlainReport::listed(const AttachedDevice& device) {
   const std::lock_guard lock(mutex_);
   // Also when quiet: nothing else was asked for.
-  for (const AttachedDevice& each : devices) writeLine(StandardStream::output, describe(each));
+  writeLine(StandardStream::output, describe(device));
 }
 
 void PlainReport::note(const Subject& subject, std::string_view text) {

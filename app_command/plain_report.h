@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string>
 
+#include "app_command/port_order.h"
 #include "app_command/report.h"
 #include "platform/line_writer.h"
 
@@ -17,7 +18,7 @@ class PlainReport final : public Report {
   /// `quiet`: errors and questions alone. `many`: of several QM5s, so each line says of which.
   PlainReport(bool quiet, bool many);
 
-  void listed(const std::vector<AttachedDevice>& devices) override;
+  void listed(const AttachedDevice& device) override;
   void note(const Subject& subject, std::string_view text) override;
   void updating(const Subject& subject) override;
   void progressed(const Subject& subject, const Progress& progress) override;
@@ -28,13 +29,7 @@ class PlainReport final : public Report {
   void answered() override;
 
  private:
-  // As a person counts: 1-1.10 follows 1-1.9.
-  struct ByPort {
-    bool operator()(const std::string& one, const std::string& other) const {
-      return one.size() != other.size() ? one.size() < other.size() : one < other;
-    }
-  };
-  using Bars = std::map<std::string, std::string, ByPort>;
+  using Bars = std::map<std::string, std::string, PortOrder>;
 
   std::string keyOf(const Subject& subject) const;
   std::string labelOf(const Subject& subject) const;

@@ -47,8 +47,8 @@ class UpdateEvents : public PortObject {
 /// Lines are queued, so no call waits for a reader. Any thread.
 class Report : public UpdateEvents {
  public:
-  /// What is on the bus.
-  virtual void listed(const std::vector<AttachedDevice>& devices) = 0;
+  /// A QM5 that is on the bus.
+  virtual void listed(const AttachedDevice& device) = 0;
   /// A line of the layers below; of another process, with the port of the QM5 that it updates.
   virtual void engineLine(std::string_view device, std::string_view line) = 0;
 

@@ -32,6 +32,10 @@ void appendLines(std::vector<std::string>& lines, const std::string& text) {
   }
 }
 
+std::string noneAt(std::string_view place) {
+  return std::string("None was found at port ").append(place).append(".");
+}
+
 std::pair<std::string_view, ExitStatus> classify(const RunRecord& record, const DeviceState& bus) {
   if (failedByImage(record)) return {"no-image", ExitStatus::noImage};
   switch (record.outcome) {
@@ -73,8 +77,7 @@ Verdict verdictOf(const RunRecord& record, const RunSubject& subject) {
   if (record.outcome != Outcome::noDevice) {
     appendLines(verdict.lines, failureReason(record, subject.image_file));
   } else if (!subject.place.empty()) {
-    verdict.lines.push_back(
-        std::string("None was found at port ").append(subject.place).append("."));
+    verdict.lines.push_back(noneAt(subject.place));
   }
   if (record.outcome == Outcome::noImage) verdict.lines.emplace_back(subject.image_error);
   return verdict;
@@ -110,8 +113,12 @@ Verdict unconfirmedVerdict(std::string_view text) {
   return {"unconfirmed", ExitStatus::failed, {std::string(text)}};
 }
 
-Verdict listedVerdict(std::size_t count) {
-  if (count == 0) return {"no-device", ExitStatus::noDevice, {"No QM5 is connected."}};
+Verdict listedVerdict(std::size_t count, const std::string& place) {
+  if (count == 0) {
+    return {"no-device",
+            ExitStatus::noDevice,
+            {place.empty() ? "No QM5 is connected." : noneAt(place)}};
+  }
   return {"listed", ExitStatus::upToDate, {}};
 }
 

@@ -56,8 +56,9 @@ Verdict lostProcessVerdict(bool is_cut_off);
 Verdict confirmedVerdict(std::string_view text);
 Verdict unconfirmedVerdict(std::string_view text);
 
-/// What is on the bus has been listed: that many QM5s.
-Verdict listedVerdict(std::size_t count);
+/// What is on the bus has been listed: that many QM5s; `place`: the only port that counts, or
+/// empty.
+Verdict listedVerdict(std::size_t count, const std::string& place);
 
 /// Another process has the bus.
 Verdict busInUseVerdict(const std::string& process);

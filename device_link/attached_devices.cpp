@@ -18,11 +18,6 @@ void announce(const USBDevice& device) {
       .usbConnected({USBDeviceConnected, Dictionary{{"device", device}}});
 }
 
-std::optional<std::string> versionOf(const USBDevice& device) {
-  announce(device);
-  return read_customer_version();
-}
-
 }  // namespace
 
 AttachedDevices::AttachedDevices()
@@ -43,18 +38,17 @@ void AttachedDevices::announceMissed() {
 }
 
 std::vector<AttachedDevice> AttachedDevices::list() const {
-  std::map<std::uint64_t, Known> known;
-  {
-    const std::lock_guard lock(mutex_);
-    known = known_;
-  }
+  const std::lock_guard lock(mutex_);
   std::vector<AttachedDevice> devices;
-  for (const auto& [id, each] : known) {
-    AttachedDevice device = {each.location, accessOf(each.result), std::nullopt};
-    if (each.announced) device.version = versionOf(*each.announced);
-    devices.push_back(std::move(device));
-  }
+  for (const auto& [id, each] : known_)
+    devices.push_back({each.location, accessOf(each.result), std::nullopt, each.announced});
   return devices;
+}
+
+void readVersion(AttachedDevice& device) {
+  if (!device.device) return;
+  announce(*device.device);
+  device.version = read_customer_version();
 }
 
 void AttachedDevices::connected(const Notification& posted) {

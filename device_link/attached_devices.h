@@ -22,7 +22,12 @@ struct AttachedDevice {
   std::string location;  ///< the kernel's name of its port; empty when not known
   Access access = Access::failed;
   std::optional<std::string> version;  ///< empty when it was not read
+  std::optional<USBDevice> device;     ///< as it was announced; empty when it was not
 };
+
+/// Reads the version of one that may be opened, with one request, and leaves the Driver in
+/// `global_driver` with it. Blocks; no update may be under way.
+void readVersion(AttachedDevice& device);
 
 /// Follows the notifications of the process's monitor. Made before the Driver, so that it hears of
 /// every device.
@@ -35,9 +40,7 @@ class AttachedDevices {
   /// Any thread.
   void announceMissed();
 
-  /// What is on the bus now, in the order of arrival. Reads the version of each that may be opened,
-  /// with one request, and leaves the Driver in `global_driver` with the last of them. Blocks; no
-  /// update may be under way.
+  /// What is on the bus now, in the order of arrival, without versions. Any thread.
   std::vector<AttachedDevice> list() const;
 
  private:

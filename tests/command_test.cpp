@@ -121,6 +121,7 @@ const Steps kHangsUp = {{"confirming", "kill -HUP $P"}};
 const Steps kCyclesLate = {{"Waiting", "kill -USR2 $S"},
                            {"confirming", "sleep 4; kill -USR1 $S"},
                            {"is off", "kill -USR2 $S"}};
+const Steps kUnplugs = {{"does not answer", "kill -USR1 $S"}};
 const Steps kSilent = {{"does not answer", kInsists[0].second}};
 const Steps kBothCycle = {{"Waiting", "kill -USR2 $S"},
                           {"confirming", ":"},
@@ -151,6 +152,8 @@ const std::vector<Ending> kEndings = {
     {"wrong options", "", "--image /nowhere", "2", ""},
     {"no QM5", kAway, "--wait=0.1", "3 null no-device null", "No QM5 device !"},
     {"a list", "", "--list --device 1-1.2", "0 1-1.2 listed null", "4201"},
+    {"a silent one of two", "--devices 2 --fault 1:request:1=silent", "--list",
+     "0 null listed null", "1-1.2 does not answer", kUnplugs},
     {"another port", "", "--device 1-2", "3 1-2 no-device null", "None was found at port 1-2."},
     {"no right", "--no-permission", "", "4 null not-permitted null", "you may not open it"},
     {"a late right", "--no-permission", kUpdate, "0 1-1.2 updated 4201", "", kPermits},

@@ -55,7 +55,8 @@ std::optional<pid_t> lockHolder(int descriptor) {
 
 std::string describeProcess(pid_t process) {
   std::string name = statusOf(process, "Name");
-  if (name.empty()) name = "A program";
+  // Where it has gone, another one has its descriptor, as the processes of qm5-update --all do.
+  if (name.empty()) return "A program started by process " + std::to_string(process);
   return name.append(" (process ").append(std::to_string(process)).append(")");
 }
 

@@ -12,7 +12,7 @@ namespace qm5 {
 /// when nobody does or when the kernel does not show who.
 std::optional<pid_t> lockHolder(int descriptor);
 
-/// "NAME (process 1234)".
+/// "NAME (process 1234)"; of one that has gone, something that it has started.
 std::string describeProcess(pid_t process);
 
 /// It has been killed or has ended, and its files are about to be closed.

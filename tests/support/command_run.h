@@ -76,7 +76,7 @@ class CommandRun final : public Report {
   void note(const Subject&, std::string_view) override {}
   void updating(const Subject&) override {}
   void progressed(const Subject&, const Progress&) override {}
-  void listed(const std::vector<AttachedDevice>&) override {}
+  void listed(const AttachedDevice&) override {}
   void engineLine(std::string_view, std::string_view) override {}
   bool ask(std::string_view) override { return false; }
   void answered() override {}

@@ -1,0 +1,16 @@
+// A connection that drops: SIGHUP.
+#pragma once
+
+namespace qm5 {
+
+/// From here on, a hang-up ends the command as SIGTERM does, with its outcome. A process that was
+/// started to ignore hang-ups goes on ignoring them. Call it once, before the others.
+void followHangUps();
+
+/// An update has begun: no hang-up ends it. Any thread, as for the next one.
+void holdHangUps();
+
+/// No update is under way any more: a hang-up that came meanwhile takes effect now.
+void releaseHangUps();
+
+}  // namespace qm5
