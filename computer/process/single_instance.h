@@ -15,7 +15,7 @@
 #include <utility>
 #include <variant>
 
-#include "computer/process/descriptor.h"
+#include "platform/descriptor.h"
 
 namespace qm5 {
 

@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "computer/process/descriptor.h"
+#include "platform/descriptor.h"
 #include "platform/fatal.h"
 
 namespace qm5 {
