@@ -1,6 +1,7 @@
 // Control requests on endpoint zero and their results, as a device on any bus sees them.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "platform/bytes.h"
@@ -21,12 +22,19 @@ inline bool isRead(const ControlSetup& setup) {
   return (setup.bmRequestType & 0x80) != 0;
 }
 
+inline constexpr std::size_t kSetupBytes = 8;
+/// Reads the setup packet as it is on the wire; at least kSetupBytes.
+ControlSetup parseSetup(ByteView packet);
+
 enum class ControlStatus {
   ok,
   stall,    ///< the device refuses the request
   pending,  ///< the device never answers: the request ends when the device is unplugged
   gone,     ///< the device left during the request
 };
+
+/// The status of a transfer in Linux: 0 or a negative errno, -EINPROGRESS while it has no end.
+int linuxStatus(ControlStatus status);
 
 struct ControlResult {
   ControlStatus status = ControlStatus::ok;

@@ -15,6 +15,7 @@
 
 #include "platform/fatal.h"
 #include "platform/text.h"
+#include "simulator/device/descriptors.h"
 #include "simulator/usb_bus/usbfs_node.h"
 
 namespace qm5 {
@@ -25,20 +26,12 @@ constexpr unsigned int kFirstAddress = 3;   // the two hubs have the ones before
 constexpr const char* kRootHubPath = "/devices/pci0000:00/0000:00:14.0/usb1";
 constexpr const char* kHubPath = "/devices/pci0000:00/0000:00:14.0/usb1/1-1";
 
-// Descriptors: a device (18 bytes), followed by its one configuration, which has one interface
-// without endpoints of its own.
-constexpr const char* kConfiguration =
-    "09021200010100803209040000"
-    "00ff000000";
+// Of the devices alone: each has the QM5's configuration behind that.
 constexpr const char* kRootHubDescriptor = "12010002090000406b1d0200000600000001";
 constexpr const char* kHubDescriptor =
     "1201000209000140"
     "51040100"
     "000100000001";
-constexpr const char* kDeviceDescriptor =
-    "12010002ff000040"
-    "5104e1ac"
-    "000100010001";
 
 // A file that nobody may open for writing, not even root. As the device's node it gives a program
 // the same error as a node without permission.
@@ -54,6 +47,12 @@ std::string nodePath(unsigned int address) {
   return "/dev/bus/usb/001/" + threeDigits(address);
 }
 
+std::string hexText(ByteView bytes) {
+  std::string text;
+  for (const std::uint8_t byte : bytes) text += lowerHexByte(byte);
+  return text;
+}
+
 /// A device in umockdev's notation.
 std::string describe(const std::string& path, unsigned int address, const std::string& attributes,
                      const std::string& descriptor) {
@@ -64,7 +63,7 @@ std::string describe(const std::string& path, unsigned int address, const std::s
          "\nA: dev=189:" + std::to_string(address - 1) +
          "\nA: busnum=1\nA: devnum=" + std::to_string(address) +
          "\nA: speed=480\nA: bConfigurationValue=1\n" + attributes +
-         "H: descriptors=" + descriptor + kConfiguration + "\n\n";
+         "H: descriptors=" + descriptor + hexText(kConfigurationDescriptor) + "\n\n";
 }
 
 std::string describeRootHub() {
@@ -79,7 +78,7 @@ std::string describeQm5(const std::string& path, unsigned int address,
                         const std::optional<std::string>& product) {
   std::string attributes = "A: idVendor=0451\nA: idProduct=ace1\n";
   if (product) attributes += "A: product=" + *product + "\n";
-  return describe(path, address, attributes, kDeviceDescriptor);
+  return describe(path, address, attributes, hexText(kDeviceDescriptor));
 }
 
 }  // namespace

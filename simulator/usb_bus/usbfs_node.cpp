@@ -12,7 +12,6 @@
 namespace qm5 {
 namespace {
 
-constexpr std::size_t kSetupBytes = 8;  // a control transfer's buffer starts with the setup packet
 constexpr std::uint32_t kCapabilities =
     USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_NO_PACKET_SIZE_LIM | USBDEVFS_CAP_REAP_AFTER_DISCONNECT;
 // An emulated node is always ready for poll(), so a program with a transfer under way would ask
@@ -39,30 +38,7 @@ void store(UMockdevIoctlData& data, const T& value) {
   std::memcpy(data.data, &value, sizeof value);
 }
 
-std::uint16_t littleEndian(ByteView bytes, std::size_t at) {
-  return static_cast<std::uint16_t>(bytes[at] | bytes[at + 1] << 8);
-}
-
-ControlSetup parseSetup(ByteView packet) {
-  return {packet[0], packet[1], littleEndian(packet, 2), littleEndian(packet, 4),
-          littleEndian(packet, 6)};
-}
-
-int urbStatus(ControlStatus status) {
-  switch (status) {
-    case ControlStatus::stall:
-      return -EPIPE;
-    case ControlStatus::pending:
-      return -EINPROGRESS;
-    case ControlStatus::gone:
-      return -ESHUTDOWN;
-    case ControlStatus::ok:
-      break;
-  }
-  return 0;
-}
-
-/// The buffer of a submitted transfer.
+/// The buffer of a submitted transfer: the setup packet, then the data.
 UMockdevIoctlData* resolveBuffer(UMockdevIoctlData* urb) {
   const auto length = static_cast<gsize>(load<usbdevfs_urb>(*urb).buffer_length);
   return umockdev_ioctl_data_resolve(urb, offsetof(usbdevfs_urb, buffer), length, nullptr);
@@ -175,7 +151,7 @@ int UsbfsNode::submit(UMockdevIoctlClient* client, UMockdevIoctlData* argument) 
     return ENODEV;
   }
   const std::lock_guard lock(mutex_);
-  const int status = urbStatus(result.status);
+  const int status = linuxStatus(result.status);
   const bool cut_off = !connected_ && status == -EINPROGRESS;
   g_object_ref(argument);
   transfers_.push_back({client, GObjectPointer<UMockdevIoctlData>(argument), std::move(result),
