@@ -34,7 +34,8 @@ declare -A may=(
   [simulator/device]="firmware_image platform"
   [simulator/direct_bus]="simulator/device device_monitor platform"
   [simulator/usb_bus]="simulator/device platform"
-  [simulator/command]="simulator/usb_bus simulator/device firmware_image platform"
+  [simulator/usbip]="simulator/device platform"
+  [simulator/command]="simulator/usb_bus simulator/usbip simulator/device firmware_image platform"
   [benchmarks]="app_command app_shell app_shell/ports app_shell/qt computer computer/package
     computer/wakefulness update_engine device_link firmware_image simulator/device simulator/direct_bus tests/support
     platform"
@@ -55,6 +56,7 @@ declare -A homes=(
   ['IOKit/.*']="computer/wakefulness"
   ['libusb(-1\.0/libusb)?\.h']="device_monitor/libusb benchmarks"
   ['(umockdev|glib)\.h']="simulator/usb_bus"
+  ['linux/usb/ch9\.h']="simulator/usbip"
   ['openssl/.*']="firmware_image"
   ['(xcb/|benchmark/).*']="benchmarks"
 )
