@@ -1,5 +1,5 @@
-// qm5-simulator: starts an unchanged program on an emulated USB bus with software QM5s, and
-// prints one line about each of them when the program has ended.
+// qm5-simulator: starts an unchanged program on an emulated USB bus with software QM5s, or exports
+// them to other machines' USB stacks, and prints one line about each of them when that has ended.
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -24,6 +24,7 @@
 #include "simulator/command/trace.h"
 #include "simulator/device/faulty_qm5.h"
 #include "simulator/usb_bus/emulated_bus.h"
+#include "simulator/usbip/usbip_server.h"
 
 namespace qm5 {
 namespace {
@@ -184,17 +185,59 @@ std::optional<int> runProgram(const SimulatorOptions& options, std::deque<Device
   return status;
 }
 
-/// Prints a line for each device, behind whatever the program has written. Whether all are right.
-bool printVerdicts(std::deque<Device>& devices, const std::optional<Bytes>& expected, int status) {
+/// Prints how to attach the devices to a machine.
+void printAttachCommands(const UsbipAddress& address, const std::deque<Device>& devices) {
+  for (const Device& each : devices) {
+    std::cout << "qm5-simulator: usbip --tcp-port " << address.port << " attach --remote "
+              << address.host.value_or("localhost") << " --busid " << each.place() << std::endl;
+  }
+}
+
+/// Exports the devices until a signal ends that. Returns why it can't be done, otherwise empty.
+std::optional<std::string> exportDevices(const SimulatorOptions& options,
+                                         std::deque<Device>& devices) {
+  std::deque<ExportedDevice> exported;
+  for (Device& each : devices) {
+    const auto address = static_cast<std::uint32_t>(exported.size() + 2);
+    exported.emplace_back(each.place(), address, each.qm5(),
+                          ExportedDevice::Options{options.bus.product, options.bus.latency});
+  }
+  UsbipServer server(exported);
+  if (const auto problem = server.start(*options.usbip)) return problem;
+  printAttachCommands(*options.usbip, devices);
+  const sigset_t signals = controlSignals();
+  while (true) {
+    const int signal = nextSignal(signals, kNever)->si_signo;
+    if (signal == SIGUSR1) server.unplug();
+    if (signal == SIGINT || signal == SIGTERM || signal == SIGHUP) return std::nullopt;
+  }
+}
+
+/// Prints a line for each device, which ends in `end`, behind whatever a program has written.
+/// Whether all are right.
+bool printVerdicts(std::deque<Device>& devices, const std::optional<Bytes>& expected,
+                   const std::string& end) {
   bool all_good = true;
   for (Device& each : devices) {
     const RunResult result = evaluateRun(each.qm5(), expected);
     all_good = all_good && result.good;
     const std::string label = devices.size() > 1 ? each.place() + ": " : "";
-    std::cout << "qm5-simulator: " << label << result.line << ", the program ended with " << status
-              << std::endl;
+    std::cout << "qm5-simulator: " << label << result.line << end << std::endl;
   }
   return all_good;
+}
+
+/// Adds the devices. Returns the path of a file that can't be written, otherwise empty.
+std::optional<std::string> addDevices(const SimulatorOptions& options, Clock::time_point start_time,
+                                      std::deque<Device>& devices) {
+  for (const SimulatorOptions::Device& each : options.devices) {
+    Device& device = devices.emplace_back(EmulatedBus::placeOf(devices.size()), each);
+    if (!options.trace) continue;
+    const bool is_alone = options.devices.size() == 1;
+    const std::string path = is_alone ? *options.trace : *options.trace + "-" + device.place();
+    if (!device.trace(path, start_time)) return path;
+  }
+  return std::nullopt;
 }
 
 int simulate(const SimulatorOptions& options) {
@@ -203,20 +246,21 @@ int simulate(const SimulatorOptions& options) {
     return failToUse("no image can be read from " + *options.image);
   const auto start_time = Clock::now();
   std::deque<Device> devices;
-  for (const SimulatorOptions::Device& each : options.devices) {
-    Device& device = devices.emplace_back(EmulatedBus::placeOf(devices.size()), each);
-    if (!options.trace) continue;
-    const bool is_alone = options.devices.size() == 1;
-    const std::string path = is_alone ? *options.trace : *options.trace + "-" + device.place();
-    if (!device.trace(path, start_time)) return failToUse(path + " can't be written");
-  }
-  // Blocked before the bus starts threads, which inherit it: runBus() alone gets the signals.
+  if (const auto path = addDevices(options, start_time, devices))
+    return failToUse(*path + " can't be written");
+  // Blocked before any thread starts, which inherits it: nextSignal() alone gets the signals.
   const sigset_t signals = controlSignals();
   sigprocmask(SIG_BLOCK, &signals, nullptr);
 
+  if (options.usbip) {
+    if (const auto problem = exportDevices(options, devices))
+      return failToUse("can't export: " + *problem);
+    return printVerdicts(devices, expected, "") ? 0 : 1;
+  }
   const std::optional<int> status = runProgram(options, devices, start_time);
   if (!status) return kCommandNotFound;
-  const bool all_good = printVerdicts(devices, expected, *status);
+  const bool all_good =
+      printVerdicts(devices, expected, ", the program ended with " + std::to_string(*status));
   return all_good && *status == 0 ? 0 : 1;
 }
 
@@ -229,6 +273,7 @@ int main(int argc, char** argv) {
     (notice->exit_status == 0 ? std::cout : std::cerr) << notice->text;
     return notice->exit_status;
   }
-  qm5::EmulatedBus::enterMockEnvironment(argv);
-  return qm5::simulate(std::get<qm5::SimulatorOptions>(parsed));
+  const auto& options = std::get<qm5::SimulatorOptions>(parsed);
+  if (!options.usbip) qm5::EmulatedBus::enterMockEnvironment(argv);
+  return qm5::simulate(options);
 }

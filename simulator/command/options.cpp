@@ -14,10 +14,15 @@ namespace {
 
 constexpr const char* kHelp =
     R"(usage: qm5-simulator [options] -- PROGRAM [ARGUMENTS]
+       qm5-simulator [options] --usbip [[HOST:]PORT]
 
 Starts PROGRAM on an emulated USB bus with a software QM5, waits until it ends, and prints one
-line: what the QM5's flash holds, and what PROGRAM did wrong.
+line: what the QM5's flash holds, and what PROGRAM did wrong. With --usbip, it exports the QM5
+to the USB stack of any Linux machine instead, until SIGINT, SIGTERM or SIGHUP ends that.
 
+  --usbip [[HOST:]PORT]  export by USB/IP at that TCP port (default 3240) of that address (default:
+                         the loopback interface), as in --usbip 0.0.0.0:3240 or --usbip [::1]:3240.
+                         Prints the commands that attach the QM5s. Attaching one plugs it in
   --devices N            that many QM5s (1 to 30), at the ports 1-1.2, 1-1.3 and so on, and one line
                          for each. Before the values of the next four options, K: says that they
                          concern the QM5 number K alone, as in --version 3:4208. They go behind
@@ -34,7 +39,8 @@ line: what the QM5's flash holds, and what PROGRAM did wrong.
                            silent        the request is never answered
                            busy          no task ends any more
                            unplug        the QM5 leaves the bus
-                           replug        the QM5 leaves the bus and comes back after 0.2 s
+                           replug        the QM5 leaves the bus and comes back after 0.2 s; with
+                                         --usbip it comes back when it is attached again
                          May be given more than once.
   --attach-after SECONDS plug the QM5s in that long after the start of PROGRAM
   --no-product           the QM5s have no product name
@@ -45,13 +51,12 @@ line: what the QM5's flash holds, and what PROGRAM did wrong.
                          FILE-1-1.2, FILE-1-1.3 and so on
   --help                 print this text
 
-While PROGRAM runs, SIGUSR1 unplugs the QM5s, and SIGUSR2 plugs them in and permits
-them. SIGINT, SIGTERM and
-SIGHUP are passed on to PROGRAM.
+While PROGRAM runs, SIGUSR1 unplugs the QM5s, and SIGUSR2 plugs them in and permits them. SIGINT,
+SIGTERM and SIGHUP are passed on to PROGRAM. With --usbip, SIGUSR1 unplugs the QM5s as well.
 
-The exit status is 0 when flash and signature of each QM5 are right, PROGRAM kept to the protocol
-without any deviation, and ended with status 0. It is 1 when one of that is not so, 2 when the options
-are wrong or a file can't be used, and 127 when PROGRAM can't be started.
+The exit status is 0 when flash and signature of each QM5 are right, PROGRAM or the host kept to the
+protocol without any deviation, and PROGRAM ended with status 0. It is 1 when one of that is not so, 2
+when the options are wrong or a file or address can't be used, and 127 when PROGRAM can't be started.
 )";
 
 template <typename Number>
@@ -144,6 +149,20 @@ bool parseDevices(std::string_view text, std::vector<SimulatorOptions::Device>& 
   return true;
 }
 
+bool parseUsbip(std::string_view text, std::optional<UsbipAddress>& address) {
+  address.emplace();
+  if (text.empty()) return true;
+  const std::size_t colon = text.rfind(':');
+  if (colon != std::string_view::npos) {
+    std::string_view host = text.substr(0, colon);
+    if (host.starts_with('[') && host.ends_with(']')) host = host.substr(1, host.size() - 2);
+    if (host.empty()) return false;
+    address->host = host;
+    text.remove_prefix(colon + 1);
+  }
+  return parseNumber(text, address->port) && address->port != 0;
+}
+
 /// Has `set` parse the value for each device that it concerns: all, or the one whose number stands
 /// before it.
 bool setDevices(std::string_view value, std::vector<SimulatorOptions::Device>& devices,
@@ -162,7 +181,9 @@ struct OptionRule {
   int has_value;
   bool (*set)(std::string_view value, SimulatorOptions& options);
 };
-const std::array<OptionRule, 11> kRules = {{
+const std::array<OptionRule, 12> kRules = {{
+    {"usbip", optional_argument,
+     [](auto value, auto& options) { return parseUsbip(value, options.usbip); }},
     {"devices", required_argument,
      [](auto value, auto& options) { return parseDevices(value, options.devices); }},
     {"version", required_argument,
@@ -215,8 +236,28 @@ int nextOption(std::vector<char*>& words) {
   return getopt_long(count, words.data(), "+:", options.data(), nullptr);
 }
 
+/// The value of the option that nextOption() has found; empty when it has none.
+std::string optionValue(const OptionRule& rule, const std::vector<char*>& words) {
+  if (optarg != nullptr) return optarg;
+  const char* const next = words[static_cast<std::size_t>(optind)];
+  // getopt_long takes a value that may be missing only from behind a "=".
+  if (rule.has_value != optional_argument || next == nullptr || *next == '-') return "";
+  ++optind;
+  return next;
+}
+
 SimulatorNotice wrong(const std::string& what) {
   return {"qm5-simulator: " + what + "; --help lists the options\n", 2};
+}
+
+/// What is wrong with the options together; empty when nothing is.
+std::optional<std::string> conflict(const SimulatorOptions& options) {
+  if (!options.usbip)
+    return options.program.empty() ? std::optional("no program to start") : std::nullopt;
+  if (!options.program.empty()) return "--usbip starts no program";
+  if (options.attach_after.count() > 0 || !options.bus.permitted)
+    return "--attach-after and --no-permission are of no use with --usbip";
+  return std::nullopt;
 }
 
 }  // namespace
@@ -242,12 +283,12 @@ std::variant<SimulatorOptions, SimulatorNotice> parseSimulatorOptions(
     if (found == '?') return wrong("wrong option " + last_word);
     if (found == ':') return wrong(last_word + " needs a value");
     const OptionRule& rule = kRules[static_cast<std::size_t>(found)];
-    const std::string value = rule.has_value == no_argument ? "" : optarg;
+    const std::string value = optionValue(rule, words);
     if (!rule.set(value, options))
       return wrong(std::string("wrong value of --").append(rule.name).append(": ").append(value));
   }
   options.program.assign(arguments.begin() + optind, arguments.end());
-  if (options.program.empty()) return wrong("no program to start");
+  if (const auto problem = conflict(options)) return wrong(*problem);
   return options;
 }
 

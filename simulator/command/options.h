@@ -11,6 +11,7 @@
 #include "simulator/device/faulty_qm5.h"
 #include "simulator/device/qm5_model.h"
 #include "simulator/usb_bus/emulated_bus.h"
+#include "simulator/usbip/usbip_server.h"
 
 namespace qm5 {
 
@@ -22,10 +23,11 @@ struct SimulatorOptions {
   std::vector<Device> devices{1};
   EmulatedBus::Options bus;
   std::chrono::milliseconds attach_after{0};
-  std::optional<std::string> image;  ///< path of the image that the flash is compared with
-  std::optional<std::string> trace;  ///< path of the file that requests are written to; of
-                                     ///< several devices, each has one with its place behind that
-  std::vector<std::string> program;  ///< its name or path, then its arguments
+  std::optional<std::string> image;   ///< path of the image that the flash is compared with
+  std::optional<std::string> trace;   ///< path of the file that requests are written to; of
+                                      ///< several devices, each has one with its place behind that
+  std::optional<UsbipAddress> usbip;  ///< where to export the devices; then there is no program
+  std::vector<std::string> program;   ///< its name or path, then its arguments
 };
 
 /// What to print, and the exit status to end with, where no program is to be started.
