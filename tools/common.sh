@@ -21,6 +21,7 @@ say() { printf '== %s\n' "$*"; }
   readonly packages_package=(dpkg-dev file)
   readonly packages_package_check=(debootstrap desktop-file-utils appstream lintian man-db)
   readonly packages_fleet_check=(debootstrap ansible-core ansible-lint)
+  readonly packages_kernel_check=(debootstrap qemu-system-x86 e2fsprogs)
 }
 
 # as_root COMMAND...: runs it as root, or with sudo.
