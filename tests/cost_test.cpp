@@ -24,8 +24,8 @@ TEST(BlockCost, IsWhatTheProtocolTakesAndNeverMore) {
     const std::size_t requests = device.requestCount();
     const std::size_t allocations = allocationCount();
     ASSERT_TRUE(common_update(*global_driver, payload, [](std::string_view, double) {}));
-    // Title and line, two for the group, the replies to poll and read, two for the decoded one.
-    EXPECT_EQ(allocationCount() - allocations, kBlocks * 8 + 10);
+    // Title and line, and the replies to poll and read.
+    EXPECT_EQ(allocationCount() - allocations, kBlocks * 4 + 6);
     // Before the blocks there is the opening: command, poll and reply.
     EXPECT_EQ(device.requestCount() - requests, kBlocks * requests_per_block + 3);
   }
