@@ -28,8 +28,6 @@ constexpr std::string_view kEndsAfterUpdate =
     "The program ends once the update has ended. A second signal ends it at once.";
 constexpr std::string_view kDisconnected =
     "The QM5 has been disconnected. When this update has ended, start it again.";
-constexpr std::string_view kNotConfirmed =
-    "Ended on request. The QM5 was updated, but that was not confirmed by a power cycle.";
 constexpr std::string_view kNotBack =
     "The QM5 was not power-cycled in time, so its version is not known.";
 
@@ -101,8 +99,9 @@ void Command::busChanged() {
 void Command::noteUnusable() {
   const DeviceState bus = presence_.state();
   if (stage_ != Stage::waiting || bus.used || bus.present.empty()) return;
-  std::string text = describe(bus);
-  std::replace(text.begin(), text.end(), '\n', ' ');
+  std::string text;
+  for (const std::string& line : unusableLines(bus))
+    text.append(text.empty() ? "" : " ").append(line);
   if (std::exchange(noted_bus_, text) != text) report_.note(subject_, text);
 }
 
@@ -233,7 +232,7 @@ void Command::runEnded(const RunRecord& record) {
                                              .bus = bus,
                                              .place = options_.device.value_or("")});
   if (record.outcome != Outcome::updated || !options_.confirm) return end(verdict);
-  if (is_end_requested_) return end(endedVerdict(kNotConfirmed));
+  if (is_end_requested_) return end(endedUnconfirmedVerdict());
   confirm(verdict, bus);
 }
 
@@ -276,8 +275,8 @@ int Command::endAtOnce() {
 }
 
 Verdict Command::ended() const {
-  if (stage_ == Stage::confirming) return endedVerdict(kNotConfirmed);
-  return endedAtOnceVerdict(stage_ == Stage::running && !options_.only_check);
+  if (stage_ == Stage::confirming) return endedUnconfirmedVerdict();
+  return endedVerdict(stage_ == Stage::running && !options_.only_check);
 }
 
 int Command::conclude(const Verdict& verdict) {

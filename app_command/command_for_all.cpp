@@ -92,7 +92,7 @@ bool CommandForAll::isUpdating() const {
 
 int CommandForAll::endAtOnce() {
   const std::lock_guard lock(mutex_);
-  if (processes_.empty()) return concludeLocked(endedAtOnceVerdict(false));
+  if (processes_.empty()) return concludeLocked(endedVerdict(false));
   ExitStatus status = ExitStatus::upToDate;
   for (const auto& each : processes_) {
     each->endAtOnce();

@@ -75,7 +75,7 @@ void DeviceProcess::endAtOnce() {
   const std::lock_guard lock(mutex_);
   if (status_) return;
   if (id_ > 0) ::kill(static_cast<pid_t>(id_), SIGKILL);
-  concludeLocked(endedAtOnceVerdict(isUpdatingLocked()));
+  concludeLocked(has_updated_ ? endedUnconfirmedVerdict() : endedVerdict(isUpdatingLocked()));
 }
 
 bool DeviceProcess::isUpdating() const {

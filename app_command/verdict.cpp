@@ -65,12 +65,7 @@ Verdict verdictOf(const RunRecord& record, const RunSubject& subject) {
   const OutcomeText text = textOf(record.outcome, subject.version, subject.target_version);
   Verdict verdict = {std::string(outcome), status, {text.title}};
   if (isExplainedByBus(record.outcome, subject.bus)) {
-    appendLines(verdict.lines, describe(subject.bus));
-    if (status == ExitStatus::notPermitted) {
-      verdict.lines.emplace_back(
-          "That rule is for the person at the computer. Others need to be root, or a rule for a "
-          "group: see qm5-update(1).");
-    }
+    for (const std::string& line : unusableLines(subject.bus)) verdict.lines.push_back(line);
     return verdict;
   }
   appendLines(verdict.lines, text.message);
@@ -83,19 +78,32 @@ Verdict verdictOf(const RunRecord& record, const RunSubject& subject) {
   return verdict;
 }
 
+std::vector<std::string> unusableLines(const DeviceState& bus) {
+  std::vector<std::string> lines;
+  appendLines(lines, describe(bus));
+  if (bus.availability == DeviceAvailability::notPermitted) {
+    lines.emplace_back(
+        "That rule is for the person at the computer. Others need to be root, or a rule for a "
+        "group: see qm5-update(1).");
+  }
+  return lines;
+}
+
 Verdict noDeviceVerdict() {
   const DeviceState bus;
   return verdictOf({Outcome::noDevice, {}, DeviceChange::none}, {{}, {}, {}, {}, bus, {}});
 }
 
-Verdict endedVerdict(std::string_view why) {
-  return {"ended", ExitStatus::ended, {std::string(why)}};
-}
-
-Verdict endedAtOnceVerdict(bool is_cut_off) {
+Verdict endedVerdict(bool is_cut_off) {
   std::string why = "Ended on request.";
   if (is_cut_off) why.append(" ").append(kCutOff);
-  return endedVerdict(why);
+  return {"ended", ExitStatus::ended, {why}};
+}
+
+Verdict endedUnconfirmedVerdict() {
+  return {"ended",
+          ExitStatus::ended,
+          {"Ended on request. The QM5 was updated, but that was not confirmed by a power cycle."}};
 }
 
 Verdict lostProcessVerdict(bool is_cut_off) {

@@ -40,14 +40,17 @@ struct RunSubject {
 
 Verdict verdictOf(const RunRecord& record, const RunSubject& subject);
 
+/// Why none of the QM5s on the bus can be used.
+std::vector<std::string> unusableLines(const DeviceState& bus);
+
 /// There is no QM5.
 Verdict noDeviceVerdict();
 
-/// The person has ended it; `why` is a sentence about that.
-Verdict endedVerdict(std::string_view why);
+/// The person has ended it; `is_cut_off`: in the middle of an update.
+Verdict endedVerdict(bool is_cut_off);
 
-/// The same at once; `is_cut_off`: in the middle of an update.
-Verdict endedAtOnceVerdict(bool is_cut_off);
+/// The same when the update was done, but not confirmed yet.
+Verdict endedUnconfirmedVerdict();
 
 /// The process for the QM5 has ended without a word; `is_cut_off`: in the middle of an update.
 Verdict lostProcessVerdict(bool is_cut_off);

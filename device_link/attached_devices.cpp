@@ -28,7 +28,7 @@ AttachedDevices::AttachedDevices()
       disconnected_(NotificationCenter::defaultCenter().addObserver(
           USBDeviceDisconnected, [this](const Notification& posted) { disconnected(posted); })) {}
 
-// With the mutex held to the end: a removal reaches the Driver after this object.
+// With the mutex held to the end: a removal reaches the Driver after that.
 void AttachedDevices::announceMissed() {
   const std::lock_guard lock(mutex_);
   is_driver_made_ = true;
@@ -77,6 +77,7 @@ void AttachedDevices::disconnected(const Notification& posted) {
   if (id == nullptr) return;
   const std::lock_guard lock(mutex_);
   known_.erase(*id);
+  if (is_driver_made_) global_driver->usbDisconnected(posted);  // as above
 }
 
 }  // namespace qm5

@@ -151,6 +151,10 @@ const std::vector<Ending> kEndings = {
      "version error !"},
     {"wrong options", "", "--image /nowhere", "2", ""},
     {"no QM5", kAway, "--wait=0.1", "3 null no-device null", "No QM5 device !"},
+    {"a wrong letter", "", "-xy 2>&1 | grep -q \"option -x;\"", "0", ""},
+    {"a list in order", "--devices 10", "--list", "0 null listed null",
+     "1-1.9\",\"event\":\"device\",\"version\":\"4201\"}\n{\"access\":\"permitted\",\"device\":\"1-"
+     "1.10\""},
     {"a list", "", "--list --device 1-1.2", "0 1-1.2 listed null", "4201"},
     {"a silent one of two", "--devices 2 --fault 1:request:1=silent", "--list",
      "0 null listed null", "1-1.2 does not answer", kUnplugs},

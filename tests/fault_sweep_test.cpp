@@ -15,7 +15,6 @@
 #include "firmware_image/firmware_image.h"
 #include "support/command_run.h"
 #include "support/effort.h"
-#include "support/text_rules.h"
 
 namespace qm5::test {
 namespace {
@@ -204,15 +203,7 @@ class Faults : public testing::Test {
     if (look_ == Look::at_every_step) app_.clock.pass(kRequestTime);
     step();
     ++requested_;
-    const std::size_t taken = moment_.said.taken;
-    const bool is_new = moment_.said.stage == Stage::opening;
-    moment_.said.note(record);
-    if (isRead(record.setup) && record.status == ControlStatus::ok)
-      moment_.answered_at = app_.clock.now();
-    if (taken != moment_.said.taken || (is_new && moment_.said.stage != Stage::opening))
-      moment_.taken_at = app_.clock.now();
-    if (record.status != ControlStatus::gone && record.status != ControlStatus::pending) return;
-    moment_.changed_at = app_.clock.now();
+    if (!moment_.note(record, app_.clock.now())) return;
     comes_back_ = std::any_of(troubles_.begin(), troubles_.end(), [this](const Trouble& trouble) {
       return trouble.fault.number == requested_ && trouble.comes_back;
     });

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QCoreApplication>
+#include <future>
 #include <limits>
 #include <optional>
 #include <string>
@@ -10,22 +11,19 @@
 
 #include "app_command/command.h"
 #include "firmware_image/firmware_image.h"
-#include "support/conversation.h"
 #include "support/effort.h"
+#include "support/text_rules.h"
 #include "support/virtual_event_loop.h"
 
 namespace qm5::test {
 
 /// qm5-update --confirm in virtual time, with a QM5 right behind the port. It keeps what was
-/// reported last.
+/// reported last, and whenever the update sleeps, it holds what is said against what is so.
 class CommandRun final : public Report {
  public:
   CommandRun() {
     adapters_.image = smallImage();
-    clock_.during_sleep = [this](double) {
-      if (comes_back_) bus_->plug(*device_);
-      loop_.events.wakeUp();
-    };
+    clock_.during_sleep = [this](double) { slept(); };
   }
 
   /// Tries one update with that fault, after which a QM5 that has left comes back during the next
@@ -41,7 +39,7 @@ class CommandRun final : public Report {
     bus_->waitUntilWatched();
     bus_->plug(*device_);
     const int status = QCoreApplication::exec();
-    const Outcome update = said_.outcome(!bus_->isPlugged());
+    const Outcome update = moment_.said.outcome(!bus_->isPlugged());
     // Nothing else takes a command apart: what its threads hold may still follow the bus.
     global_driver.reset();
     bus_.reset();
@@ -58,6 +56,7 @@ class CommandRun final : public Report {
     std::string ending = std::to_string(status) + verdict_.outcome + verdict_.lines.front();
     if (verdict_.lines.size() > 1) ending.append(verdict_.lines.back());
     for (const std::string& breach : device_->breaches()) ending.append("; ").append(breach);
+    ending.append(untrue_);
     return ending == expected ? "" : "\n  ended " + ending + "\n  expected " + expected;
   }
   const Verdict& verdict() const { return verdict_; }
@@ -69,13 +68,25 @@ class CommandRun final : public Report {
     device_->clearFaults();
     requests_ = device_->requests();
     is_good_ = device_->signatureHolds() && device_->flash() == flash_;
+    moment_.run = RunState::succeeded;
+    moment_.was_away = true;
+    shown_.clear();
     loop_.events.post([this] { bus_->unplug(); });
     loop_.events.post([this] { bus_->plug(*device_); });
   }
   void ended(const Subject&, const Verdict& verdict) override { verdict_ = verdict; }
-  void note(const Subject&, std::string_view) override {}
+  void note(const Subject&, std::string_view text) override {
+    if (text == "Waiting for a QM5.") return;
+    note_ = text;
+    if (is_good_) checkTexts();
+  }
   void updating(const Subject&) override {}
-  void progressed(const Subject&, const Progress&) override {}
+  void progressed(const Subject&, const Progress& progress) override {
+    shown_["txtPhase"] = progress.phase;
+    shown_["txtElapsed"] = progress.elapsed;
+    shown_["txtRemaining"] = progress.remaining;
+    if (progress.percent) shown_["progressBar"] = std::to_string(*progress.percent);
+  }
   void listed(const AttachedDevice&) override {}
   void engineLine(std::string_view, std::string_view) override {}
   bool ask(std::string_view) override { return false; }
@@ -89,16 +100,44 @@ class CommandRun final : public Report {
   };
 
   void renewDevice(const std::optional<Fault>& fault, bool comes_back) {
-    said_ = {};
+    const double now = clock_.now();
+    moment_ = {RunState::under_way, {}, now, now, now};
+    shown_ = {{"progress", "up|"}};
+    note_.clear();
+    untrue_.clear();
     is_good_.reset();
     comes_back_ = false;
     device_.emplace(Qm5Model({.busy_polls = {{"SFWi", 1}, {"SFWd", 1}, {"SFWs", 1}}}));
     if (fault) device_->addFault(*fault);
     device_->setObserver([this, comes_back](const RequestRecord& record) {
       if (is_good_) return;  // the power cycle
-      said_.note(record);
-      comes_back_ = comes_back_ || (comes_back && said_.has_left);
+      moment_.note(record, clock_.now());
+      comes_back_ = comes_back_ || (comes_back && moment_.said.has_left);
     });
+  }
+  void slept() {
+    // The job goes on once the main thread has done all that it has been given.
+    const auto checked = std::make_shared<std::promise<void>>();
+    loop_.events.post([this, checked] {
+      checkTexts();
+      checked->set_value();
+    });
+    checked->get_future().wait();
+    if (!comes_back_ || bus_->isPlugged()) return;
+    bus_->plug(*device_);
+    moment_.changed_at = clock_.now();
+  }
+  void checkTexts() {
+    moment_.time = clock_.now();
+    moment_.is_there = bus_->isPlugged();
+    TextCheck::Shown said = shown_;
+    const std::string note = std::exchange(note_, "");
+    if (note == "The QM5 has been disconnected. When this update has ended, start it again.")
+      said["deviceStatus"] = "No QM5 is connected.";  // the same in words of the main window
+    else if (!note.empty())
+      said[is_good_ ? "powerCycle" : "progress deviceStatus"] = note;
+    const std::string untrue = texts_.untrue(said, moment_);
+    if (untrue_.empty()) untrue_ = untrue;
   }
 
   const Bytes flash_ = flashContents(ByteView(smallImage()).subspan(kImagePayloadStart));
@@ -112,8 +151,12 @@ class CommandRun final : public Report {
   std::optional<FaultyQm5> device_;
   Verdict verdict_;
   std::vector<RequestRecord> requests_;
+  TextCheck texts_;
+  TextCheck::Shown shown_;
+  std::string note_;    // that has not been checked
+  std::string untrue_;  // the texts of the first moment that had any
   // Written before the job starts or by the job, until the power cycle.
-  Conversation said_;
+  Moment moment_;
   std::optional<bool> is_good_;  // once the update has succeeded
   bool comes_back_ = false;
 };

@@ -30,6 +30,19 @@ struct Moment {
     return text;
   }
 
+  /// A request was made. Returns whether the QM5 has left in the middle of it.
+  bool note(const RequestRecord& record, double now) {
+    const std::size_t taken = said.taken;
+    const bool is_new = said.stage == Stage::opening;
+    said.note(record);
+    if (isRead(record.setup) && record.status == ControlStatus::ok) answered_at = now;
+    if (taken != said.taken || (is_new && said.stage != Stage::opening)) taken_at = now;
+    const bool leaves =
+        record.status == ControlStatus::gone || record.status == ControlStatus::pending;
+    if (leaves) changed_at = now;
+    return leaves;
+  }
+
   RunState run = RunState::none;
   Conversation said;              // since Next
   double next_at = 0;             // when Next was pressed
