@@ -203,7 +203,7 @@ std::optional<std::string> exportDevices(const SimulatorOptions& options,
                           ExportedDevice::Options{options.bus.product, options.bus.latency});
   }
   UsbipServer server(exported);
-  if (const auto problem = server.start(*options.usbip)) return problem;
+  if (auto problem = server.start(*options.usbip)) return problem;
   printAttachCommands(*options.usbip, devices);
   const sigset_t signals = controlSignals();
   while (true) {
@@ -273,7 +273,7 @@ int main(int argc, char** argv) {
     (notice->exit_status == 0 ? std::cout : std::cerr) << notice->text;
     return notice->exit_status;
   }
-  const auto& options = std::get<qm5::SimulatorOptions>(parsed);
-  if (!options.usbip) qm5::EmulatedBus::enterMockEnvironment(argv);
-  return qm5::simulate(options);
+  const auto* const options = std::get_if<qm5::SimulatorOptions>(&parsed);
+  if (!options->usbip) qm5::EmulatedBus::enterMockEnvironment(argv);
+  return qm5::simulate(*options);
 }
