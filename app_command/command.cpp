@@ -35,7 +35,7 @@ constexpr std::string_view kNotBack =
 constexpr double kAnnounceTime = 1.0;  // seconds
 
 // udev gives the right to open a QM5 some moments after its arrival.
-constexpr int kPermissionTime = 2000;  // milliseconds
+constexpr std::chrono::seconds kPermissionTime{2};
 
 // For one request.
 constexpr double kUsualAnswerTime = 5;  // seconds
@@ -65,6 +65,8 @@ Command::Command(CommandOptions options, Report& report)
   QObject::connect(&tick_, &QTimer::timeout, [this] { showProgress(); });
   timer_.setSingleShot(true);
   QObject::connect(&timer_, &QTimer::timeout, [this] { late_(); });
+  permission_timer_.setSingleShot(true);
+  QObject::connect(&permission_timer_, &QTimer::timeout, [this] { noteUnusable(); });
   global_driver = std::make_shared<Driver>(kVendorTexasInstruments, kProductQM5);
   attached_.announceMissed();
 }
@@ -90,7 +92,7 @@ void Command::after(double seconds, std::function<void()> late) {
 void Command::busChanged() {
   if (stage_ == Stage::waiting && options_.wait) {
     if (presence_.state().used) return begin();
-    QTimer::singleShot(kPermissionTime, &timer_, [this] { noteUnusable(); });
+    permission_timer_.start(kPermissionTime);
   }
   if (stage_ == Stage::running) showProgress();
 }

@@ -82,6 +82,7 @@ class Command {
   QTimer tick_;  // while an update runs
   QTimer timer_;
   std::function<void()> late_;  // what is due when it runs out
+  QTimer permission_timer_;     // since the bus changed while a QM5 was awaited
   ExitPrompt prompt_;
 
   std::atomic<Stage> stage_ = Stage::waiting;
