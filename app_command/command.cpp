@@ -217,7 +217,6 @@ void Command::runEnded(const RunRecord& record) {
   tick_.stop();
   prompt_.withdraw(report_);
   activity_.reset();
-  releaseHangUps();
   const DeviceState bus = presence_.state();
   const bool is_unnamed = record.outcome != Outcome::noDevice && !percent_ && !bus.location.empty();
   {
@@ -240,6 +239,7 @@ void Command::runEnded(const RunRecord& record) {
 
 void Command::confirm(const Verdict& update, const DeviceState& bus) {
   stage_ = Stage::confirming;
+  releaseHangUps();
   report_.confirming(subject_, update);
   after(*options_.confirm, [this] { end(unconfirmedVerdict(kNotBack)); });
   power_cycle_->begin(

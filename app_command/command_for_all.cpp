@@ -66,10 +66,10 @@ void CommandForAll::startProcesses() {
 void CommandForAll::processChanged() {
   if (isUpdating()) return;
   prompt_.withdraw(report_);
-  releaseHangUps();
   const auto has_ended = [](const auto& each) { return each->status().has_value(); };
   if (std::all_of(processes_.begin(), processes_.end(), has_ended))
-    QCoreApplication::exit(endAtOnce());
+    return QCoreApplication::exit(endAtOnce());
+  releaseHangUps();
 }
 
 void CommandForAll::requestEnd(std::function<void()> declined) {

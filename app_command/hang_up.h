@@ -10,7 +10,8 @@ void followHangUps();
 /// An update has begun: no hang-up ends it. Any thread, as for the next one.
 void holdHangUps();
 
-/// No update is under way any more: a hang-up that came meanwhile takes effect now.
+/// The update has ended, and something else goes on: a hang-up that came meanwhile takes effect
+/// now. Where nothing goes on, it would only compete with the outcome.
 void releaseHangUps();
 
 }  // namespace qm5

@@ -11,6 +11,7 @@
 //   wakeups         how often the main thread's event loop went to sleep and was woken per second
 //                   of the update
 //   percents        how many whole percents the bar has been painted at
+#undef _FORTIFY_SOURCE  // it has a poll() of its own inline, which is replaced below
 #include <poll.h>
 #include <sys/prctl.h>
 #include <unistd.h>
