@@ -130,7 +130,7 @@ void Command::awaitVersion(const std::string& place) {
   after(kUsualAnswerTime, [this, place] {
     report_.note({.device = place},
                  "The QM5 at port " + place +
-                     " does not answer. The others are listed once it does or is unplugged.");
+                     " does not answer. The list goes on once it does or is unplugged.");
   });
 }
 

@@ -31,7 +31,7 @@ AttachedDevices::AttachedDevices()
 // With the mutex held to the end: a removal reaches the Driver after that.
 void AttachedDevices::announceMissed() {
   const std::lock_guard lock(mutex_);
-  is_driver_made_ = true;
+  driver_ = global_driver;
   for (auto each = known_.rbegin(); each != known_.rend(); ++each) {
     if (each->second.announced && !global_driver->deviceInfo()) announce(*each->second.announced);
   }
@@ -57,7 +57,8 @@ void AttachedDevices::connected(const Notification& posted) {
   const std::lock_guard lock(mutex_);
   known_[device->id].announced = *device;
   // This notification may have begun before the Driver listened.
-  if (is_driver_made_ && !global_driver->deviceInfo()) announce(*device);
+  if (const auto driver = driver_.lock(); driver && !driver->deviceInfo())
+    driver->usbConnected(posted);
 }
 
 void AttachedDevices::examined(const Notification& posted) {
@@ -77,7 +78,7 @@ void AttachedDevices::disconnected(const Notification& posted) {
   if (id == nullptr) return;
   const std::lock_guard lock(mutex_);
   known_.erase(*id);
-  if (is_driver_made_) global_driver->usbDisconnected(posted);  // as above
+  if (const auto driver = driver_.lock()) driver->usbDisconnected(posted);  // as above
 }
 
 }  // namespace qm5

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -56,7 +57,7 @@ class AttachedDevices {
 
   mutable std::mutex mutex_;              // guards what follows
   std::map<std::uint64_t, Known> known_;  // ids are given in the order of arrival
-  bool is_driver_made_ = false;
+  std::weak_ptr<Driver> driver_;          // once it has been made
   const NotificationCenter::Registration connected_;
   const NotificationCenter::Registration examined_;
   const NotificationCenter::Registration disconnected_;
