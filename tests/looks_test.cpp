@@ -306,12 +306,12 @@ std::string readAloud(QWidget& top) {
     if (node.state().invisible || (label && label->text().isEmpty())) return;
     const auto kind = kinds.find(node.role());
     const std::string name = nameOf(node.object());
-    EXPECT_EQ(name.empty(), kind == kinds.end() && node.childCount() > 0) << node.role();
+    const bool is_group = kind == kinds.end() || node.role() == QAccessible::StatusBar;
+    EXPECT_EQ(name.empty(), is_group && node.childCount() > 0) << node.role();
     EXPECT_EQ(name.find_first_of("<_"), name.npos) << name << ": not as a person would say it";
     const bool stays = label && (label->font().weight() > QFont::Normal ||
                                  label->objectName() == "txtWhatHappens");
-    if (kind != kinds.end() && (!label || stays))
-      heard += kind->second + (node.role() == QAccessible::StatusBar ? "" : name) + ", ";
+    if (kind != kinds.end() && (!label || stays)) heard += kind->second + name + ", ";
     if (auto* value = node.valueInterface())
       heard += "at " + value->currentValue().toString().toStdString() + ", ";
     if (node.role() == QAccessible::EditableText) return;  // what scrolls it has no name
@@ -335,7 +335,6 @@ std::string mainWith(const std::string& sign) {
          "done, do not unplug the QM5 and do not let the computer sleep., status, picture " +
          sign + ", button Next, button Exit, Tab Next Tab Exit ";
 }
-std::map<std::string, int> announcements;  // by the name of the widget
 std::map<std::string, std::string> expected_aloud = {
     {"main, absent", mainWith("Information")},
     {"main, connected", mainWith("Good")},
@@ -354,33 +353,16 @@ std::map<std::string, std::string> expected_aloud = {
      "window Firmware update successful!, picture QM5, title Firmware update successful!, button "
      "Confirm & Exit, Tab Confirm & Exit "}};
 
-void countAnnouncement(QAccessibleEvent* event) {
-  std::set<int> telling = {QAccessible::Alert, QAccessible::NameChanged, QAccessible::ValueChanged};
-#if QT_VERSION >= QT_VERSION_CHECK(6, 8, 0)
-  telling.insert(QAccessible::Announcement);
-#endif
-  const auto* widget = qobject_cast<QWidget*>(event->object());
-  if (widget && widget->isVisible() && telling.contains(event->type()))
-    ++announcements[widget->objectName().toStdString()];
-}
-
-TEST(Windows, AreNamedReachedByTabAndTellWhatChanges) {
+TEST(Windows, AreNamedAndReachedByTab) {
   const auto look = [](const std::string& state, QWidget& top) {
     if (state == "main, absent") {
       // As when a screen reader runs, which only a platform can tell.
       QGuiApplicationPrivate::platformIntegration()->accessibility()->setActive(true);
-      QAccessible::installUpdateHandler(countAnnouncement);
     }
     const std::string heard = readAloud(top);
     const auto expected = expected_aloud.extract(state);
     EXPECT_EQ(heard, expected ? expected.mapped() : heard);
-    if (state != kLast) return;
-    EXPECT_TRUE(expected_aloud.empty());
-    EXPECT_EQ(announcements["txtStatus"], 26) << "each new name, and an alert that it has changed";
-    for (const char* moving : {"progressBar", "txtTitle2"}) {
-      EXPECT_TRUE(announcements[moving] > 0 && announcements[moving] < 10) << "of 19 steps";
-    }
-    EXPECT_GE(announcements["txtPhase"], 3) << "writing, waiting, checking";
+    EXPECT_TRUE(state != kLast || expected_aloud.empty());
   };
   EXPECT_TRUE(lookAtAllOn({"", {1280, 800}, 1, 1, {}, true}, look));
 }

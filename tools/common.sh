@@ -12,7 +12,7 @@ say() { printf '== %s\n' "$*"; }
   readonly packages_build=("${packages_product[@]}" qt6-base-private-dev libumockdev-dev umockdev
     libgtest-dev libgmock-dev locales dbus-daemon dbus-bin python3-jsonschema udev)
   readonly packages_screen=(xvfb openbox xdotool imagemagick fonts-dejavu-core
-    qt6-gtk-platformtheme weston qt6-wayland)
+    qt6-gtk-platformtheme weston qt6-wayland at-spi2-core python3-pyatspi)
   readonly packages_bench_build=(libbenchmark-dev libxcb1-dev libxcb-damage0-dev)
   # qflipper and gnome-firmware are peers: only their start is looked at.
   readonly packages_bench=(valgrind binutils python3 qflipper gnome-firmware)

@@ -76,6 +76,14 @@ XML
   await "the window manager did not start" test -e "$work/managed"
 }
 
+# start_compositor: one of Wayland, which is a window of the screen and takes its keys from there.
+start_compositor() {
+  weston --backend=x11-backend.so --use-pixman --no-config --socket=wayland >/dev/null 2>&1 &
+  export WAYLAND_DISPLAY=wayland QT_QPA_PLATFORM=wayland
+  await "no compositor came" compositor
+}
+compositor() { test -S "$work/wayland" && xdotool search --onlyvisible --class weston; }
+
 # Where a window goes at the wrong moment, xdotool would wait for it for ever.
 xdotool() { timeout 30 xdotool "$@"; }
 

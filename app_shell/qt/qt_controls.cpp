@@ -4,6 +4,7 @@
 #include <cmath>
 #include <utility>
 
+#include "app_shell/qt/announced_label.h"
 #include "app_shell/qt/qt_text.h"
 
 namespace qm5 {
@@ -48,7 +49,9 @@ void QtTextField::setStringValue(std::string_view text) {
 }
 
 void QtTextField::show() {
-  if (!std::exchange(is_shown_, true)) widget_.setText(text_);
+  if (std::exchange(is_shown_, true)) return;
+  if (auto* announced = qobject_cast<AnnouncedLabel*>(&widget_)) return announced->announce(text_);
+  widget_.setText(text_);
 }
 
 void QtStatusIndicator::setStatus(StatusKind kind, std::string_view text) {

@@ -5,9 +5,9 @@
 #include <QPainter>
 
 #include "app_shell/qt/accessible_role.h"
+#include "app_shell/qt/announced_label.h"
 #include "app_shell/qt/colours.h"
 #include "app_shell/qt/status_sign.h"
-#include "app_shell/qt/text_label.h"
 
 namespace qm5 {
 
@@ -19,7 +19,7 @@ constexpr double kCorner = 4;
 }  // namespace
 
 StatusBox::StatusBox(QWidget* parent)
-    : QWidget(parent), sign_(new StatusSign(kind_, 1.25, this)), text_(new TextLabel(this)) {
+    : QWidget(parent), sign_(new StatusSign(kind_, 1.25, this)), text_(new AnnouncedLabel(this)) {
   setAccessibleRole<StatusBox, QAccessible::StatusBar>();
   auto* layout = new QHBoxLayout(this);
   layout->addWidget(sign_);
@@ -56,19 +56,8 @@ void StatusBox::setStatus(StatusKind kind, const QString& text) {
   if (kind == kind_ && text == text_->text()) return;
   kind_ = kind;
   sign_->setKind(kind);
-  text_->setText(text);
-  setAccessibleName(text);
+  text_->announce(text);
   setHidden(text.isEmpty());
-  if (!text.isEmpty()) announce();
-}
-
-void StatusBox::announce() {
-#if QT_VERSION >= QT_VERSION_CHECK(6, 8, 0)
-  QAccessibleAnnouncementEvent changed(text_, text_->text());
-#else
-  QAccessibleEvent changed(text_, QAccessible::Alert);
-#endif
-  QAccessible::updateAccessibility(&changed);
 }
 
 // The style's own frames lose a line at fractional scales. A line of one device pixel at least,

@@ -7,8 +7,8 @@
 
 namespace qm5 {
 
+class AnnouncedLabel;
 class StatusSign;
-class TextLabel;
 
 /// Hidden as long as its text is empty. As wide as its place, into which its text wraps at words,
 /// and as high as its text: one line for one line.
@@ -28,12 +28,11 @@ class StatusBox : public QWidget {
   void paintEvent(QPaintEvent* event) override;
 
  private:
-  void announce();
   void followFont();
 
   StatusKind kind_ = StatusKind::information;
   StatusSign* const sign_;
-  TextLabel* const text_;
+  AnnouncedLabel* const text_;
 };
 
 }  // namespace qm5
