@@ -285,6 +285,7 @@ int Command::conclude(const Verdict& verdict) {
   const std::lock_guard lock(mutex_);
   if (!status_) {
     status_ = verdict.status;
+    report_.answered();  // as nobody will answer any more
     report_.ended(subject_, verdict);
   }
   return static_cast<int>(*status_);

@@ -92,6 +92,7 @@ bool CommandForAll::isUpdating() const {
 
 int CommandForAll::endAtOnce() {
   const std::lock_guard lock(mutex_);
+  report_.answered();  // as nobody will answer any more
   if (processes_.empty()) return concludeLocked(endedVerdict(false));
   ExitStatus status = ExitStatus::upToDate;
   for (const auto& each : processes_) {

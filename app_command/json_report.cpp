@@ -7,8 +7,6 @@
 #include <sstream>
 #include <utility>
 
-#include "platform/line_writer.h"
-
 namespace qm5 {
 namespace {
 
@@ -136,19 +134,37 @@ void JsonReport::engineLine(std::string_view device, std::string_view line) {
   if (quiet_) return;
   std::string label(device);
   if (!label.empty()) label.append(": ");
-  writeLine(StandardStream::error, label.append(line));
+  put(StandardStream::error, label.append(line));
 }
 
 bool JsonReport::ask(std::string_view question) {
   if (::isatty(STDERR_FILENO) == 0) return false;
+  const std::lock_guard lock(mutex_);
+  is_asking_ = true;
   writeLine(StandardStream::error, question);
   return true;
 }
 
+void JsonReport::answered() {
+  const std::lock_guard lock(mutex_);
+  is_asking_ = false;
+  for (const auto& [stream, line] : std::exchange(held_back_, {})) writeLine(stream, line);
+}
+
 void JsonReport::write(const char* event, QJsonObject object) {
   object["event"] = event;
-  writeLine(StandardStream::output,
-            QJsonDocument(object).toJson(QJsonDocument::Compact).toStdString());
+  put(StandardStream::output, QJsonDocument(object).toJson(QJsonDocument::Compact).toStdString());
+}
+
+// A program that reads the objects needn't wait for a person.
+void JsonReport::put(StandardStream stream, std::string_view line) {
+  const std::lock_guard lock(mutex_);
+  const int descriptor = stream == StandardStream::output ? STDOUT_FILENO : STDERR_FILENO;
+  if (is_asking_ && ::isatty(descriptor) != 0) {
+    held_back_.emplace_back(stream, line);
+  } else {
+    writeLine(stream, line);
+  }
 }
 
 }  // namespace qm5

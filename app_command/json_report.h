@@ -4,8 +4,12 @@
 
 #include <QJsonObject>
 #include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "app_command/report.h"
+#include "platform/line_writer.h"
 
 namespace qm5 {
 
@@ -25,14 +29,17 @@ class JsonReport final : public Report {
   void ended(const Subject& subject, const Verdict& verdict) override;
   void engineLine(std::string_view device, std::string_view line) override;
   bool ask(std::string_view question) override;
-  void answered() override {}
+  void answered() override;
 
  private:
   void write(const char* event, QJsonObject object);
+  void put(StandardStream stream, std::string_view line);
 
   const bool quiet_;
-  std::mutex mutex_;       // guards what follows
-  QJsonObject last_step_;  // of the progress
+  std::mutex mutex_;                                               // guards what follows
+  QJsonObject last_step_;                                          // of the progress
+  bool is_asking_ = false;                                         // the terminal has a question
+  std::vector<std::pair<StandardStream, std::string>> held_back_;  // until it is answered
 };
 
 }  // namespace qm5

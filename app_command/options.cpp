@@ -28,7 +28,8 @@ Brings the firmware of the connected QM5 up to date over USB, without a window.
   --confirm[=SECONDS]  after the update, wait until the QM5 has been switched
                        off and on, and check that it reports the new version
   --json               print one JSON object per line
-  --quiet              print errors alone; with --json, the outcome alone
+  --quiet              print errors alone; with --json, the outcome alone; with
+                       --list, the list all the same
   --help               print this text
   --version            print the program's version
 
@@ -51,7 +52,7 @@ constexpr double kMostSeconds = 1e6;  // 11 days; timers count milliseconds in 3
 constexpr std::size_t kVersionDigits = 4;
 
 // These set an option, and return false when the value is wrong. An option without one gets an
-// empty value.
+// empty value, and no other one does.
 
 bool parseSeconds(std::string_view value, std::optional<double>& seconds) {
   seconds = std::numeric_limits<double>::infinity();
@@ -95,7 +96,7 @@ constexpr std::array<Rule, 11> kRules = {{
      [](auto value, auto& options) { return parsePlace(value, options.device); }},
     {"all", no_argument, [](auto, auto& options) { return options.all = true; }},
     {"image", required_argument,
-     [](auto value, auto& options) { return options.image = value, !value.empty(); }},
+     [](auto value, auto& options) { return options.image = value, true; }},
     {"target", required_argument,
      [](auto value, auto& options) { return parseVersion(value, options.target.emplace()); }},
     {"wait", optional_argument,
@@ -141,7 +142,8 @@ std::optional<CommandReply> apply(int found, const std::string& word, CommandOpt
   if (found == ':') return wrong(word + " needs a value");
   const std::string_view value = optarg != nullptr ? optarg : "";
   const Rule& rule = kRules[static_cast<std::size_t>(found)];
-  if (rule.set(value, options)) return std::nullopt;
+  const bool is_empty = optarg != nullptr && value.empty();
+  if (!is_empty && rule.set(value, options)) return std::nullopt;
   return wrong(std::string("wrong value of --").append(rule.name).append(": ").append(value));
 }
 
@@ -156,6 +158,7 @@ std::string_view conflictInRun(const CommandOptions& options) {
   if (options.target && !options.image && !options.only_check)
     return "--target needs --image or --check";
   if (options.confirm && options.only_check) return "--check leaves nothing to confirm";
+  if (options.image && options.only_check) return "--check reads no image, --target alone will do";
   return {};
 }
 

@@ -160,7 +160,9 @@ void PlainReport::ended(const Subject& subject, const Verdict& verdict) {
   std::string name = "qm5-update: ";
   for (const std::string& line : lines(subject, verdict))
     write(std::exchange(name, "") + line, StandardStream::error);
-  if (verdict.status == ExitStatus::failed) writeLastLines(subject);
+  // A run that was not confirmed has succeeded.
+  if (verdict.status == ExitStatus::failed && verdict.outcome != kUnconfirmed)
+    writeLastLines(subject);
 }
 
 void PlainReport::engineLine(std::string_view device, std::string_view line) {
@@ -183,6 +185,7 @@ bool PlainReport::ask(std::string_view question) {
 void PlainReport::answered() {
   const std::lock_guard lock(mutex_);
   is_asking_ = false;
+  for (const auto& [stream, line] : std::exchange(held_back_, {})) write(line, stream);
 }
 
 // Of one QM5 alone, it may not be known yet at which port it is.
@@ -209,6 +212,10 @@ std::vector<std::string> PlainReport::lines(const Subject& subject, const Verdic
 // Called with the mutex held, as are those below.
 void PlainReport::write(std::string_view line, StandardStream stream) {
   if (quiet_ && stream == StandardStream::output) return;
+  if (is_asking_) {
+    held_back_.emplace_back(stream, line);
+    return;
+  }
   eraseBars();
   writeLine(stream, fitted(stream, line));
   drawBars();

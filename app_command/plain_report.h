@@ -6,6 +6,8 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "app_command/port_order.h"
 #include "app_command/report.h"
@@ -46,9 +48,10 @@ class PlainReport final : public Report {
   const bool has_bars_;  // standard output is a terminal that can move its cursor
   std::mutex mutex_;     // guards what follows
   Bars bars_;            // the lines of progress, where they are the last ones; by device
-  std::map<std::string, std::string> phases_;              // the last ones that were written
-  bool is_asking_ = false;                                 // the terminal has a question
-  std::map<std::string, std::deque<std::string>> engine_;  // the engine's newest lines
+  std::map<std::string, std::string> phases_;  // the last ones that were written
+  bool is_asking_ = false;                     // the terminal has a question
+  std::vector<std::pair<StandardStream, std::string>> held_back_;  // until it is answered
+  std::map<std::string, std::deque<std::string>> engine_;          // the engine's newest lines
 };
 
 }  // namespace qm5

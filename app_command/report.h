@@ -52,8 +52,8 @@ class Report : public UpdateEvents {
   /// A line of the layers below; of another process, with the port of the QM5 that it updates.
   virtual void engineLine(std::string_view device, std::string_view line) = 0;
 
-  /// Puts a question to the terminal. Until answered() nothing moves there. False: there is no
-  /// terminal to put it to.
+  /// Puts a question to the terminal. What would be written there waits until answered(). False:
+  /// there is no terminal to put it to.
   virtual bool ask(std::string_view question) = 0;
   virtual void answered() = 0;
 };

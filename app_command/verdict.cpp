@@ -118,7 +118,7 @@ Verdict confirmedVerdict(std::string_view text) {
 }
 
 Verdict unconfirmedVerdict(std::string_view text) {
-  return {"unconfirmed", ExitStatus::failed, {std::string(text)}};
+  return {std::string(kUnconfirmed), ExitStatus::failed, {std::string(text)}};
 }
 
 Verdict listedVerdict(std::size_t count, const std::string& place) {

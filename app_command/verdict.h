@@ -10,6 +10,9 @@
 
 namespace qm5 {
 
+/// The outcome of an update that has succeeded, of which the power cycle was not seen.
+inline constexpr std::string_view kUnconfirmed = "unconfirmed";
+
 enum class ExitStatus {
   upToDate = 0,
   failed = 1,

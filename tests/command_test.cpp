@@ -150,6 +150,8 @@ const std::vector<Ending> kEndings = {
     {"no version", "--fault request:1=stall", kUpdate, "1 1-1.2 no-version null",
      "version error !"},
     {"wrong options", "", "--image /nowhere", "2", ""},
+    {"an image to check", "", "--check --image /nowhere --target 4208", "2", ""},
+    {"an empty value", kAway, "--wait=", "2", ""},
     {"no QM5", kAway, "--wait=0.1", "3 null no-device null", "No QM5 device !"},
     {"a wrong letter", "", "-xy 2>&1 | grep -q \"option -x;\"", "0", ""},
     {"a list in order", "--devices 10", "--list", "0 null listed null",
@@ -207,20 +209,33 @@ TEST(CommandForAll, UpdatesSixteenAtOnce) {
   }
 }
 
-class CommandTerminal : public testing::TestWithParam<const char*> {};
+// With these options, and what is written as the update begins and near its end.
+struct Asking {
+  std::string name, options, begin, near_end;
+};
+class CommandTerminal : public testing::TestWithParam<Asking> {};
 TEST_P(CommandTerminal, AsksInTheWordsOfTheWindowsAndEndsAtQuit) {
-  const std::string in_terminal =
-      "echo P=\\$\\$ >>$D/ids; TERM=xterm exec " QM5_BIN "/qm5-update" + kUpdate + GetParam();
+  const std::string in_terminal = "echo P=\\$\\$ >>$D/ids; TERM=xterm exec " QM5_BIN "/qm5-update" +
+                                  kUpdate + GetParam().options;
   const auto lines =
-      run("--latency-ms 20", "mkfifo $D/in; script -qec \"" + in_terminal + "\" /dev/null <>$D/in",
-          {{"Updating firmware version from 4201 -> 4208", "kill -INT $P"},
-           {"Do you really want to exit?", "echo >$D/in"},
-           {"99.0 %", "kill -STOP $S; kill -INT $P"},
+      run("--latency-ms 40", "mkfifo $D/in; script -qec \"" + in_terminal + "\" /dev/null <>$D/in",
+          {{GetParam().begin, "kill -INT $P"},
+           {"Do you really want to exit?", "sleep 0.5; echo >$D/in"},
+           {GetParam().near_end, "kill -STOP $S; kill -INT $P"},
            {"Do you really want to exit?",
             "echo q >$D/in; while kill -0 $P; do sleep 0.1; done 2>/dev/null; kill -CONT $S"}});
   EXPECT_TRUE(lines.back().ends_with("ended with 7")) << lines.back();
+  const auto question = std::find_if(lines.begin(), lines.end(), [](const std::string& line) {
+    return line.starts_with("q and Enter");
+  });
+  ASSERT_NE(question, lines.end());
+  EXPECT_EQ(question[1], "\r") << "nothing follows the question but the person's Enter";
 }
-INSTANTIATE_TEST_SUITE_P(OneOrAll, CommandTerminal, testing::Values("", " --all"));
+const std::string kBegins = "Updating firmware version from 4201 -> 4208";
+const Asking kAskings[] = {{"one", "", kBegins, "99.0 %"},
+                           {"all", " --all", kBegins, "99.0 %"},
+                           {"json", " --json", R"("event":"updating")", R"("percent":99)"}};
+INSTANTIATE_TEST_SUITE_P(With, CommandTerminal, testing::ValuesIn(kAskings), named);
 
 }  // namespace
 }  // namespace qm5::test
