@@ -1,0 +1,40 @@
+# shellcheck shell=bash
+# shellcheck disable=SC2154 # guest.sh sets the names that are not set here
+# What an administrator can do to a QM5 without unplugging it: reset it, forbid it, take its driver away.
+# Each of them to a program that is idle, and in the middle of an update.
+
+reset() { usbreset 0451:ace1; }
+forbid_and_allow() { echo 0 >"$place/authorized" && sleep 1 && echo 1 >"$place/authorized"; }
+unbind_and_bind() {
+  echo "${place##*/}" >"$sysfs"/drivers/usb/unbind && sleep 1 && echo "${place##*/}" >"$sysfs"/drivers/usb/bind
+}
+
+# driver_case WHAT COMMAND
+driver_case() {
+  start_simulator --latency-ms 20
+  attach
+  place=$(qm5)
+  hold "$1 during an update: it goes on to its end" goes_on "$2"
+  hold "request for request as prescribed" are_as_prescribed
+  hold "and the QM5 has nothing to complain of" stop_simulator
+}
+goes_on() {
+  start "${update[@]}"
+  comes says "Writing SFWd chunk 0" && "$1" && ends_with 0
+}
+
+driver_cases() {
+  driver_case "a reset" reset
+  driver_case "authorized 0, then 1," forbid_and_allow
+  driver_case "the driver's unbind, then bind," unbind_and_bind
+  start_simulator
+  attach
+  place=$(qm5)
+  hold "idle windows take the QM5" start_windows
+  hold "a reset" reset
+  hold "authorized 0, then 1" forbid_and_allow
+  hold "the driver's unbind, then bind" unbind_and_bind
+  hold "they update it, to the finish dialog" finishes
+  hold "which ends the program" ends_at_confirm
+  hold "the QM5 has nothing to complain of" stop_simulator
+}
