@@ -2,8 +2,9 @@
 # Tries the packages on a real kernel: QEMU boots a Debian of this machine's suite, which attaches the
 # software QM5 to its own USB stack and runs tools/kernel_guest/check.sh. ./package has built the
 # packages before. QEMU emulates the processor, so this needs no hardware virtualisation.
-# usage: tools/kernel_guest.sh [--short]
-# --short: one update and one unplug alone.
+# usage: tools/kernel_guest.sh [--short | GROUP...]
+# Without a GROUP it tries all: unplug, window, driver, awake, idle and start, each in a file of that
+# name in tools/kernel_guest. One update and one unplug always come first; --short tries no more.
 # The Debian is made in build/kernel where it is absent or too old for the packages, and kept.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -12,16 +13,22 @@ cd "$(dirname "$0")/.."
 
 readonly folder=$PWD/build/kernel console=$PWD/build/kernel/console.log
 readonly debs=(build/package/qm5-updater{,-cli,-common}_[0-9]*_a*.deb)
-form=long minutes=60 own_mounts=""
-for option in "$@"; do
-  case "$option" in
-    --short) form=short minutes=10 ;;
-    --with-own-mounts) own_mounts=yes ;;
-    *)
-      echo "usage: tools/kernel_guest.sh [--short]" >&2
-      exit 2
-      ;;
-  esac
+groups=(unplug window driver awake idle start) minutes=90 own_mounts="" arguments=("$@")
+if [ "${1-}" = --with-own-mounts ]; then
+  own_mounts=yes
+  shift
+fi
+if [ "${1-}" = --short ]; then
+  groups=() minutes=15
+  shift
+elif [ $# -gt 0 ]; then
+  groups=("$@")
+fi
+for group in "$@"; do
+  if [ ! -f "tools/kernel_guest/${group}_cases.sh" ]; then
+    echo "usage: tools/kernel_guest.sh [--short | GROUP...]" >&2
+    exit 2
+  fi
 done
 
 if [ "$(dpkg --print-architecture)" != amd64 ]; then
@@ -37,7 +44,7 @@ if [ -z "$own_mounts" ]; then
   build release qm5-simulator qm5-update
   mkdir -p "$folder"
   # What gets mounted from here on is gone with this process, however it ends.
-  as_root unshare --mount tools/kernel_guest.sh --with-own-mounts "$@"
+  as_root unshare --mount tools/kernel_guest.sh --with-own-mounts "${arguments[@]}"
   exit
 fi
 
@@ -57,6 +64,7 @@ place_check() {
   cp tools/kernel_guest/{check.sh,guest.sh,*_cases.sh,keys.py} build/release/bin/qm5-simulator "$check"
   # The packaged image would take an emulated processor many minutes.
   cp $image "$check/image.bin"
+  printf '%s\n' "${groups[@]}" >"$check/groups"
   # The requests of an update, which the tests hold against what is prescribed.
   build/release/bin/qm5-simulator --trace "$check/requests" -- \
     build/release/bin/qm5-update --image $image --target 4208 --quiet >/dev/null
@@ -71,7 +79,7 @@ boot() {
     -drive "file=$folder/disk,format=raw,if=virtio,snapshot=on,cache=unsafe" \
     -drive "file=$folder/check.tar,format=raw,if=virtio,readonly=on" \
     -kernel "$folder/vmlinuz" -initrd "$folder/initrd.img" -append \
-    "root=/dev/vda rw quiet mitigations=off console=ttyS0 check=$form" </dev/null |
+    "root=/dev/vda rw quiet mitigations=off console=ttyS0" </dev/null |
     tee "$folder/results"
 }
 

@@ -113,4 +113,4 @@ ends_with() {
 # An emulated processor may take longer than the second in which an update looks for the QM5.
 readonly update=(qm5-update --wait=60 --image "$image" --target 4208)
 check() { start qm5-update --wait=60 --check && ends_with "$@"; }
-update() { start "${update[@]}" && ends_with 0 'update successful'; }
+update() { start "${update[@]}" && ends_with 0 "${1-update successful}"; }
