@@ -11,7 +11,7 @@ unbind_and_bind() {
 
 # driver_case WHAT COMMAND
 driver_case() {
-  start_simulator --latency-ms 20
+  start_simulator --latency-ms 50
   attach
   place=$(qm5)
   hold "$1 during an update: it goes on to its end" goes_on "$2"
@@ -20,20 +20,33 @@ driver_case() {
 }
 goes_on() {
   start "${update[@]}"
-  comes says "Writing SFWd chunk 0" && "$1" && ends_with 0
+  comes has_requests $(($(wc -l <requests) / 2)) && "$1" && is_not_over && ends_with 0
+}
+is_not_over() { ! has_requests "$(wc -l <requests)"; }
+
+# To the program it has left then, and comes back to the next start alone. In the middle of the payload,
+# whose tasks have short time-outs.
+is_taken_away() {
+  start "${update[@]}"
+  comes has_requests 10 && unbind_and_bind && ends_with 1 "Flash firmware error"
 }
 
 driver_cases() {
   driver_case "a reset" reset
   driver_case "authorized 0, then 1," forbid_and_allow
-  driver_case "the driver's unbind, then bind," unbind_and_bind
+  start_simulator --latency-ms 50
+  attach
+  place=$(qm5)
+  hold "the driver's unbind during an update: it fails" is_taken_away
+  hold "after the bind, the next one updates it" update
+  stop_simulator
+  hold "a virtual screen starts" start_screen
   start_simulator
   attach
   place=$(qm5)
   hold "idle windows take the QM5" start_windows
   hold "a reset" reset
   hold "authorized 0, then 1" forbid_and_allow
-  hold "the driver's unbind, then bind" unbind_and_bind
   hold "they update it, to the finish dialog" finishes
   hold "which ends the program" ends_at_confirm
   hold "the QM5 has nothing to complain of" stop_simulator

@@ -26,6 +26,7 @@ waits() { start qm5-update --wait --check && comes says "Waiting for a QM5"; }
 is_ended() { kill "$program" && ends_with "$1"; }
 
 idle_cases() {
+  hold "a virtual screen starts" start_screen
   start_simulator
   attach
   hold "idle windows take the QM5" start_windows

@@ -17,6 +17,7 @@ press_until() {
 }
 
 start_screen() {
+  [ ${#person_environment[@]} -eq 0 ] || return 0 # another group of cases has started it
   # shellcheck disable=SC2034 # guest.sh has it
   person_environment=(DISPLAY=:1 QT_QPA_PLATFORM=xcb)
   become_person Xvfb :1 -screen 0 1280x900x24 -br -noreset -nolisten tcp >/run/screen.log 2>&1 &
