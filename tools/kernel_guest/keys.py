@@ -1,4 +1,4 @@
-"""A keyboard with the keys that a computer's case has, and a lid: presses what standard input names."""
+"""The keys of a computer's case, and its lid: presses those that standard input names."""
 import sys
 
 from evdev import UInput, ecodes
