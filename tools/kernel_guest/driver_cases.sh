@@ -39,7 +39,7 @@ driver_cases() {
   place=$(qm5)
   hold "the driver's unbind during an update: it fails" is_taken_away
   hold "after the bind, the next one updates it" update
-  stop_simulator
+  stop_simulator >"$log"
   hold "a virtual screen starts" start_screen
   start_simulator
   attach

@@ -36,5 +36,5 @@ idle_cases() {
   hold "qm5-update waits for a QM5" waits
   hold "it costs no more" is_cheap
   hold "a signal ends it" is_ended 7
-  stop_simulator
+  stop_simulator >"$log"
 }

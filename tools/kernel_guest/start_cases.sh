@@ -26,5 +26,5 @@ finds_it() {
 start_cases() {
   start_simulator
   hold "$starts starts with the plug at random moments around them find the QM5" finds_it
-  stop_simulator
+  stop_simulator >"$log"
 }

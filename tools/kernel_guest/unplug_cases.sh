@@ -40,9 +40,9 @@ unplug_cases() {
   hold "unplugged before the update looks for it" is_unplugged_before
   attach
   hold "unplugged and plugged in when a power cycle is waited for" is_power_cycled
-  stop_simulator
+  stop_simulator >"$log"
   start_simulator
   attach
   hold "unplugged for good then" is_not_plugged_in_again
-  stop_simulator
+  stop_simulator >"$log"
 }
