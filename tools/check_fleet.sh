@@ -55,7 +55,8 @@ make_system() {
       build/package/qm5-updater-cli_*.deb Depends | sed 's/qm5-updater-common ([^)]*), //')"
   rm -r "$debian"/var/lib/apt/lists/* # or each host would read them all
   install -m 755 build/release/bin/qm5-simulator "$debian/usr/bin"
-  cp build/packaging/share/qm5-updater/*.bin "$debian/tmp/image"
+  dpkg-deb --fsys-tarfile build/package/qm5-updater-common_*.deb |
+    tar -xO --wildcards '*.bin' >"$debian/tmp/image"
 }
 
 # make_host NAME [OPTION...]: with the simulator's options. It runs until there is a file /run/stop.

@@ -18,8 +18,9 @@ say() { printf '== %s\n' "$*"; }
   readonly packages_bench=(valgrind binutils python3 qflipper gnome-firmware)
   readonly packages_check=(clang clang-tidy libclang-rt-dev pmccabe)
   readonly packages_style=(git clang-format shellcheck flake8 cppcheck)
-  readonly packages_package=(dpkg-dev file)
-  readonly packages_package_check=(debootstrap desktop-file-utils appstream lintian man-db)
+  readonly packages_package=(git build-essential debhelper dpkg-dev pkgconf)
+  readonly packages_package_check=(debootstrap autopkgtest desktop-file-utils appstream faketime lintian
+    man-db)
   readonly packages_fleet_check=(debootstrap ansible-core ansible-lint)
   readonly packages_kernel_check=(debootstrap qemu-system-x86 e2fsprogs)
 }
